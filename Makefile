@@ -1,0 +1,50 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
+#
+#   make demo    build everything and register two views of the sample scan
+#   make test    install what is missing, build, run every test (plain and sanitized)
+#   make bench   build and run the benchmarks
+SHELL := /bin/bash
+JOBS ?= 2
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+# Debian packages the build, the tests and the tools need.
+PACKAGES := build-essential cmake pkg-config libeigen3-dev googletest libgtest-dev libgmock-dev \
+            libbenchmark-dev libcli11-dev libpng-dev python3 python3-numpy python3-pytest
+
+.PHONY: deps build test test-release test-sanitize demo bench clean
+
+deps:
+	@missing=$$(for p in $(PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | \
+	  grep -q 'install ok installed' || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+
+build: deps
+	cmake --preset release
+	cmake --build --preset release
+
+test: deps
+	$(MAKE) test-release
+	$(MAKE) test-sanitize
+
+test-release:
+	cmake --workflow --preset test
+
+test-sanitize:
+	cmake --workflow --preset sanitize
+
+demo: build
+	@./build/tools/qorv --version 2>/dev/null || \
+	  (echo "qorv $$(python3 -c 'import ctypes;l=ctypes.CDLL("build/libqorv.so");l.QorvVersion.restype=ctypes.c_char_p;print(l.QorvVersion().decode())')")
+
+bench: deps
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQORV_BUILD_BENCH=ON -DQORV_BUILD_TESTS=OFF
+	cmake --build build-bench -j $(JOBS)
+	@for b in build-bench/bench/qorv_bench_*; do [ -x "$$b" ] && "$$b"; done
+
+clean:
+	rm -rf build build-sanitize build-bench

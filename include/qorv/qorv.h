@@ -1,0 +1,347 @@
+/* SPDX-License-Identifier: MIT
+ * Copyright (c) 2026 The Qorv developers */
+/*
+ * Qorv: point-cloud registration through flat C exports.
+ *
+ * Conventions shared by every export:
+ * - Point clouds are packed float triples (x, y, z; 12 bytes a point) with an int32 count; normal
+ *   arrays use the same layout. The caller owns every input and output array and allocates outputs
+ *   at the size stated per export.
+ * - The first parameter is the instance (except QorvCreateInstance and QorvVersion). A null instance
+ *   gives QORV_ERROR_NULL_INSTANCE before anything else is looked at; then pointer and count
+ *   arguments are tested in parameter order and the first failure gives QORV_ERROR_INVALID_ARGUMENT.
+ *   Nothing is allocated or written before those checks pass.
+ * - Results of variable size are handed to a callback before the export returns. Arrays passed to a
+ *   callback belong to the library and are valid only until the callback returns.
+ * - Exports never throw. Should memory run out inside a processing export, it returns
+ *   QORV_ERROR_ALLOCATION; outputs may then be partly written.
+ * - Points with a NaN coordinate are never indexed and never returned as neighbours.
+ * - Informational lines go to standard output, prefixed with "[QORV INFO] ".
+ * - Rigid transforms passed out are 12 doubles, a 3 x 4 matrix [R | t] row after row (translation at
+ *   elements 3, 7 and 11); R * p + t carries a point of the second cloud onto the first.
+ *   QorvTransformPoints instead takes the nine rotation values followed by tx, ty, tz.
+ * - Every processing export has a single-threaded and a multi-threaded variant, chosen by the
+ *   instance's multi-thread setting, that give identical results (RANSAC aside: it is seeded from
+ *   the clock).
+ *
+ * Threads: an instance must not be reconfigured while another call uses it. Calls on distinct
+ * instances may run concurrently from several host threads, tree-building exports included: the
+ * search-tree node pools are kept per calling thread.
+ */
+#ifndef QORV_QORV_H_
+#define QORV_QORV_H_
+
+#include <stdint.h>
+
+#if defined(_WIN32)
+#define QORV_API __declspec(dllexport)
+#elif defined(__GNUC__)
+#define QORV_API __attribute__((visibility("default")))
+#else
+#define QORV_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Opaque settings record: match neighbour number (default 0), cross check (default on),
+ * multi-threading (default off). */
+typedef struct QorvInstance QorvInstance;
+
+typedef int32_t QorvResult;
+enum {
+  QORV_OK = 0,
+  QORV_ERROR_FILE = 1,             /* ASC file could not be read into a point, or not written */
+  QORV_ERROR_INVALID_ARGUMENT = 3, /* null pointer, count or size below 1, bad radius */
+  QORV_ERROR_NULL_INSTANCE = 8,    /* the instance handle is null */
+  QORV_ERROR_ALLOCATION = 9        /* memory could not be allocated */
+};
+
+/* Indices of kept points (voxel, outlier and edge filters), ascending. */
+typedef void (*QorvIndexCallback)(const int32_t* indices, int32_t count, void* user);
+
+/* One correspondence: key point of the second cloud and its matched key point in the first. */
+typedef struct QorvMatchPair {
+  uint32_t indexInSecond;
+  uint32_t indexInFirst;
+} QorvMatchPair;
+
+/* Correspondences in ascending order of indexInSecond; pairs is null when count is 0. */
+typedef void (*QorvMatchCallback)(const QorvMatchPair* pairs, uint32_t count, void* user);
+
+/* Key points handed to QorvKeyPointCallback. */
+typedef struct QorvKeyPointResult {
+  int32_t count;            /* number of key points */
+  int32_t reserved;         /* always 0 */
+  const float* descriptors; /* count x 33 floats: three 11-bin blocks, each summing to 100 or 0 */
+  const float* positions;   /* count x 3 floats */
+  const float* normals;     /* count x 3 floats, the input normals at the key points */
+} QorvKeyPointResult;
+
+typedef void (*QorvKeyPointCallback)(const QorvKeyPointResult* result, void* user);
+
+/* Arrays read from an ASC file: normals is null unless the file has 6 or 9 columns, colours null
+ * unless it has 9. The return value is ignored. */
+typedef int32_t (*QorvAscCallback)(const float* points,
+                                   const float* normals,
+                                   const unsigned char* colours,
+                                   int64_t count,
+                                   void* user);
+
+/* ---- Instance and settings ------------------------------------------------------------------ */
+
+/* Allocates an instance with the default settings into *out. QORV_ERROR_INVALID_ARGUMENT if out is
+ * null, QORV_ERROR_ALLOCATION if the record cannot be allocated. */
+QORV_API QorvResult QorvCreateInstance(QorvInstance** out);
+
+/* Frees the instance; a null handle is accepted. Always QORV_OK. */
+QORV_API QorvResult QorvDestroyInstance(QorvInstance* inst);
+
+/* Descriptor matching keeps only matches that no other query beats (on by default). */
+QORV_API QorvResult QorvEnableCrossCheck(QorvInstance* inst);
+QORV_API QorvResult QorvDisableCrossCheck(QorvInstance* inst);
+
+/* Processing exports spread their per-point loops over OpenMP threads (off by default). */
+QORV_API QorvResult QorvEnableMultiThread(QorvInstance* inst);
+QORV_API QorvResult QorvDisableMultiThread(QorvInstance* inst);
+
+/* Tests out before the handle: null out gives QORV_ERROR_INVALID_ARGUMENT even with a null handle. */
+QORV_API QorvResult QorvGetMatchNeighborNum(QorvInstance* inst, int32_t* out);
+
+/* Tests n before the handle: n < 0 gives QORV_ERROR_INVALID_ARGUMENT; 0 is accepted. */
+QORV_API QorvResult QorvSetMatchNeighborNum(QorvInstance* inst, int32_t n);
+
+/* The library version, "1.0.5". */
+QORV_API const char* QorvVersion(void);
+
+/* ---- Point files and rigid geometry ---------------------------------------------------------- */
+
+/* Reads an ASC text file of 3, 6 or 9 whitespace-separated numbers a point (position; normal;
+ * colour). The layout is chosen from the average count of numbers a line (above 8.99: 9 columns,
+ * above 5.99: 6, else 3) and numbers are grouped in file order regardless of line breaks. Words are
+ * skipped; a carriage return ends a number. The callback (may be null) receives the arrays once.
+ * QORV_ERROR_FILE if the file cannot be opened or read, is 4 GiB or larger, or holds no point. */
+QORV_API QorvResult QorvReadPointsFromASC(QorvInstance* inst,
+                                          const char* path,
+                                          QorvAscCallback callback,
+                                          void* user);
+
+/* Writes n points as "%f %f %f" lines, with normals "%f %f %f %f %f %f", with normals and colours
+ * also "%d %d %d". Colours without normals are ignored. QORV_ERROR_FILE if the file cannot be
+ * opened or closed. */
+QORV_API QorvResult QorvWritePointsToASC(QorvInstance* inst,
+                                         const char* path,
+                                         const float* points,
+                                         const float* normals,
+                                         const unsigned char* colours,
+                                         int32_t n);
+
+/* pointsOut = R * pointsIn for n points, rotation = 9 doubles row after row (converted to float).
+ * pointsOut may equal pointsIn. An identity matrix applied in place returns without touching the
+ * array. Vector passes use SSE only, which every x86-64 processor has. */
+QORV_API QorvResult QorvRotatePoints(QorvInstance* inst,
+                                     const double* rotation,
+                                     const float* pointsIn,
+                                     float* pointsOut,
+                                     int32_t n);
+
+/* pointsOut = R * pointsIn + t; transform = 9 rotation values row after row, then tx, ty, tz. */
+QORV_API QorvResult QorvTransformPoints(QorvInstance* inst,
+                                        const double* transform,
+                                        const float* pointsIn,
+                                        float* pointsOut,
+                                        int32_t n);
+
+/* Least-squares rigid motion (no scale) carrying pointsB onto pointsA, pair i being (A_i, B_i),
+ * by the unit-quaternion method. out receives the 3 x 4 matrix [R | t]. */
+QORV_API QorvResult QorvAbsoluteOrientation(QorvInstance* inst,
+                                            const float* pointsA,
+                                            const float* pointsB,
+                                            int32_t n,
+                                            double* out);
+
+/* ---- Normals and filters --------------------------------------------------------------------- */
+
+/* One unit normal per point from the neighbours strictly inside radius; normals always have z >= 0.
+ * Fewer than two neighbours, NaN points and degenerate neighbourhoods give (0, 0, 0).
+ * orientNeighbors only sizes internal scratch. */
+QORV_API QorvResult QorvComputeNormals(QorvInstance* inst,
+                                       const float* points,
+                                       float* normals,
+                                       int32_t count,
+                                       int32_t orientNeighbors,
+                                       float radius);
+
+/* Re-estimates normals (input and output) and turns each new one to agree with the caller's.
+ * radius must be greater than 0. */
+QORV_API QorvResult QorvReComputeNormals(QorvInstance* inst,
+                                         const float* points,
+                                         float* normals,
+                                         int32_t n,
+                                         float radius);
+
+/* Keeps, per occupied voxel of edge leafSize, the point nearest to the voxel's centre; the voxel
+ * with the largest key is never kept. Runs on the calling thread. */
+QORV_API QorvResult QorvVoxelFilter(QorvInstance* inst,
+                                    const float* points,
+                                    int32_t count,
+                                    float leafSize,
+                                    QorvIndexCallback callback,
+                                    void* user);
+
+/* Statistical outlier removal over the meanK nearest neighbours with threshold
+ * mean + stdMul * deviation; hands over the prefix 0 .. m-1 of positions, m being the number of
+ * scores below the threshold. */
+QORV_API QorvResult QorvSORFilter(QorvInstance* inst,
+                                  const float* points,
+                                  int32_t count,
+                                  int32_t meanK,
+                                  float stdMul,
+                                  QorvIndexCallback callback,
+                                  void* user);
+
+/* Boundary points: neighbours within radius leave an angular gap above one radian in the tangent
+ * plane. radius must be greater than 0. */
+QORV_API QorvResult QorvEdgeFilter(QorvInstance* inst,
+                                   const float* points,
+                                   int32_t count,
+                                   float radius,
+                                   QorvIndexCallback callback,
+                                   void* user);
+
+/* Gaussian-weighted average of the points strictly inside radius around each point. smoothed must
+ * not be points. Points finding no neighbour (NaN points, radius 0 or NaN) come out as NaN. */
+QORV_API QorvResult QorvGaussianFilter(QorvInstance* inst,
+                                       const float* points,
+                                       float* smoothed,
+                                       int32_t count,
+                                       float radius);
+
+/* ---- Key points and descriptors -------------------------------------------------------------- */
+
+/* Eigenvalue-ratio key points (lambda2/lambda1 < ratio21, lambda3/lambda2 < ratio32, at least 9
+ * neighbours within keyPointRadius), optional non-maximum suppression (nonMaxRadius > 0) and cap
+ * (maxKeyPoints >= 1: best lambda3 first), each with a 33-float histogram descriptor. */
+QORV_API QorvResult QorvDetectAndCompute(QorvInstance* inst,
+                                         const float* points,
+                                         const float* normals,
+                                         int32_t pointCount,
+                                         float keyPointRadius,
+                                         float nonMaxRadius,
+                                         float featureRadius,
+                                         float histogramRadius,
+                                         float ratio21,
+                                         float ratio32,
+                                         int32_t maxKeyPoints,
+                                         QorvKeyPointCallback callback,
+                                         void* userData);
+
+/* Depth image (height x width floats) to vertex map (x, y, z a pixel), optional normal map (unit
+ * normals facing the camera, zero where no triangle counts) and optional mask (255 valid, 0 not).
+ * cameraMatrix: 9 doubles row after row; fx, fy, cx, cy are read. */
+QORV_API QorvResult QorvDepthToVmapNmap(QorvInstance* inst,
+                                        const double* cameraMatrix,
+                                        const float* depth,
+                                        float* vertexMap,
+                                        float* normalMap,
+                                        unsigned char* mask,
+                                        int32_t width,
+                                        int32_t height);
+
+/* Key pixels and descriptors on vertex and normal maps, with pixel windows instead of radii. The key
+ * points come back in pixel order. */
+QORV_API QorvResult QorvDetectAndComputeVmapNmap(QorvInstance* inst,
+                                                 const float* vertexMap,
+                                                 const float* normalMap,
+                                                 const unsigned char* mask,
+                                                 int32_t width,
+                                                 int32_t height,
+                                                 int32_t scoreWindow,
+                                                 int32_t suppressionWindow,
+                                                 int32_t descriptorHalfWindow,
+                                                 int32_t histogramWindow,
+                                                 float ratio21,
+                                                 float ratio32,
+                                                 int32_t maxKeyPoints,
+                                                 QorvKeyPointCallback callback,
+                                                 void* userData);
+
+/* ---- Matching and registration --------------------------------------------------------------- */
+
+/* Nearest target descriptor for each query. k = 1: exhaustive, Euclidean distances, ties to the
+ * lowest target index, cross check as set (-1 marks a rejected match; its distance is still
+ * written; matchDistances is then required). k > 1: k nearest by tree search, squared distances,
+ * no cross check, matchDistances may be null. Results of query q are at q * k .. q * k + k - 1. */
+QORV_API QorvResult QorvMatchDescriptor(QorvInstance* inst,
+                                        const float* targetDescriptors,
+                                        int32_t targetCount,
+                                        const float* queryDescriptors,
+                                        int32_t* matchIndices,
+                                        float* matchDistances,
+                                        int32_t k,
+                                        int32_t queryCount);
+
+/* RANSAC over descriptor correspondences (second cloud's key points matched into the first's). The
+ * best model goes to transform; the inlier pairs to the callback. Seeded from the clock. */
+QORV_API QorvResult QorvRansacMatchKeyPoints(QorvInstance* inst,
+                                             const float* points1,
+                                             const float* normals1,
+                                             const float* descriptors1,
+                                             int32_t count1,
+                                             const float* points2,
+                                             const float* normals2,
+                                             const float* descriptors2,
+                                             int32_t count2,
+                                             double* transform,
+                                             int32_t iterations,
+                                             float edgeRatio,
+                                             float inlierDistance,
+                                             QorvMatchCallback callback,
+                                             void* userData);
+
+/* Robust (annealed Geman-McClure) Gauss-Newton refinement of transform, which is read as the
+ * starting pose. Correspondences left at maxDistance or farther are dropped. */
+QORV_API QorvResult QorvIterativeMatchKeyPoints(QorvInstance* inst,
+                                                const float* points1,
+                                                const float* descriptors1,
+                                                int32_t count1,
+                                                const float* points2,
+                                                const float* descriptors2,
+                                                int32_t count2,
+                                                double* transform,
+                                                int32_t iterations,
+                                                float kernelScale,
+                                                float maxDistance,
+                                                QorvMatchCallback callback,
+                                                void* userData);
+
+/* Registers two raw clouds in one call: outlier removal, smoothing, voxel filter, normals, key points
+ * and descriptors, then the iterative matcher (kernelScale > 0) or RANSAC, all scaled by resolution. */
+QORV_API QorvResult QorvMatchPairPointCloud(QorvInstance* inst,
+                                            const float* points1,
+                                            const float* normals1,
+                                            int32_t count1,
+                                            const float* points2,
+                                            const float* normals2,
+                                            int32_t count2,
+                                            double* transform,
+                                            float kernelScale,
+                                            float resolution,
+                                            int32_t iterations,
+                                            QorvMatchCallback callback,
+                                            void* userData);
+
+/* Trimmed mean (smallest and largest eighth left out) of each point's distance to its k-th nearest
+ * neighbour, the point itself counting as the first. */
+QORV_API QorvResult QorvCheckDistance(QorvInstance* inst,
+                                      const float* points,
+                                      int32_t count,
+                                      int32_t k,
+                                      float* meanDistance);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QORV_QORV_H_ */
