@@ -10,9 +10,10 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 # Debian packages the build, the tests and the tools need.
 PACKAGES := build-essential cmake pkg-config libeigen3-dev googletest libgtest-dev libgmock-dev \
-            libbenchmark-dev libcli11-dev libpng-dev python3 python3-numpy python3-pytest
+            libbenchmark-dev libcli11-dev libpng-dev python3 python3-numpy python3-pytest \
+            clang libomp-dev libclang-rt-dev valgrind
 
-.PHONY: deps build test test-release test-sanitize demo bench clean
+.PHONY: deps build test test-release test-sanitize test-thread demo bench clean
 
 deps:
 	@missing=$$(for p in $(PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | \
@@ -30,12 +31,16 @@ build: deps
 test: deps
 	$(MAKE) test-release
 	$(MAKE) test-sanitize
+	$(MAKE) test-thread
 
 test-release:
 	cmake --workflow --preset test
 
 test-sanitize:
 	cmake --workflow --preset sanitize
+
+test-thread:
+	cmake --workflow --preset thread
 
 demo: build
 	@./build/tools/qorv --version 2>/dev/null || \
@@ -47,7 +52,7 @@ bench: deps
 	@for b in build-bench/bench/qorv_bench_*; do [ -x "$$b" ] && "$$b"; done
 
 clean:
-	rm -rf build build-sanitize build-bench
+	rm -rf build build-sanitize build-thread build-bench build-fuzz
 
 # libFuzzer targets, built with clang; each runs for FUZZ_SECONDS.
 FUZZ_SECONDS ?= 60
