@@ -67,3 +67,17 @@ fuzz: deps
 	  echo "== $$name ($(FUZZ_SECONDS) s)"; \
 	  $$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 build-fuzz/corpus/$$name fuzz/corpus/$$name || exit 1; \
 	done
+
+# Side-by-side timing against PCL and Open3D from Debian (bench/peers, a project of its own):
+# prints one table and writes build-peers/peers_table.md. Takes about a quarter of an hour.
+PEER_PACKAGES := libpcl-dev libopen3d-dev
+.PHONY: bench-peers
+bench-peers: deps
+	@missing=$$(for p in $(PEER_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | \
+	  grep -q 'install ok installed' || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+	PEERS_BUILD_DIR=$(CURDIR)/build-peers bench/peers/run_peers.sh

@@ -1,0 +1,297 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+//
+// Registration timings: exhaustive and k-nearest descriptor matching, RANSAC, the iterative matcher
+// and the distance check, each with the single-threaded variant ("threads:1") and the
+// multi-threaded one on every OpenMP thread ("threads:2" on our two-core machines). The
+// "literal" cases run the exhaustive matcher the plain way (one distance at a time, the cross
+// check rescanning all queries) as the baseline of the vector code.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "registration/correspondences.hpp"
+#include "registration/descriptor_matching.hpp"
+#include "registration/distance_check.hpp"
+#include "registration/iterative_matching.hpp"
+#include "registration/ransac_matching.hpp"
+
+namespace {
+
+using qorv::Execution;
+
+// The matchers log to standard output; keep that out of the report while timing.
+class QuietStdout {
+ public:
+  QuietStdout() {
+    std::fflush(stdout);
+    saved_ = dup(1);
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    close(null);
+  }
+  ~QuietStdout() {
+    std::fflush(stdout);
+    dup2(saved_, 1);
+    close(saved_);
+  }
+
+ private:
+  int saved_;
+};
+
+std::vector<float> Descriptors(int32_t count, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> uniform(0.0f, 1.0f);
+  std::vector<float> d(static_cast<size_t>(count) * 33);
+  for (size_t block = 0; block < d.size(); block += 11) {
+    float sum = 0.0f;
+    for (size_t i = 0; i < 11; ++i) sum += d[block + i] = uniform(rng);
+    for (size_t i = 0; i < 11; ++i) d[block + i] *= 100.0f / sum;
+  }
+  return d;
+}
+
+std::vector<float> Cloud(int32_t count, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> uniform(0.0f, 1.0f);
+  std::vector<float> p(static_cast<size_t>(count) * 3);
+  for (float& v : p) v = uniform(rng);
+  return p;
+}
+
+// Rotation by 0.3 rad about (0, 0.6, 0.8) and a shift.
+const float kTruth[12] = {0.9553365f,  -0.2364162f, 0.1773121f, 0.2364162f, 0.9714154f,
+                          0.0214385f,  -0.1773121f, 0.0214385f, 0.9839211f, 0.2f,
+                          -0.1f,       0.05f};
+
+std::vector<float> Moved(const std::vector<float>& points, bool rotateOnly = false) {
+  std::vector<float> out(points.size());
+  for (size_t i = 0; i < points.size(); i += 3) {
+    for (int r = 0; r < 3; ++r) {
+      out[i + r] = kTruth[3 * r] * points[i] + kTruth[3 * r + 1] * points[i + 1] +
+                   kTruth[3 * r + 2] * points[i + 2] + (rotateOnly ? 0.0f : kTruth[9 + r]);
+    }
+  }
+  return out;
+}
+
+Execution ExecutionFor(const benchmark::State& state, int arg) {
+  return Execution{state.range(arg) > 1};
+}
+
+// ---- Descriptor matching -------------------------------------------------------------------------
+
+void BM_MatchExhaustive(benchmark::State& state) {
+  const int32_t n = static_cast<int32_t>(state.range(0));
+  const bool crossCheck = state.range(1) != 0;
+  const std::vector<float> targets = Descriptors(n, 1);
+  const std::vector<float> queries = Descriptors(n, 2);
+  std::vector<int32_t> indices(n);
+  std::vector<float> distances(n);
+  for (auto _ : state) {
+    qorv::MatchDescriptorsExhaustive(targets.data(), n, queries.data(), n, crossCheck,
+                                     ExecutionFor(state, 2), indices.data(), distances.data());
+    benchmark::DoNotOptimize(indices.data());
+  }
+  state.counters["pairs/s"] =
+      benchmark::Counter(static_cast<double>(n) * n, benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(BM_MatchExhaustive)
+    ->ArgNames({"n", "cross", "threads"})
+    ->ArgsProduct({{1000, 5000}, {0, 1}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// One distance at a time and the cross check as a rescan of all queries, single-threaded.
+void BM_MatchExhaustiveLiteral(benchmark::State& state) {
+  const int32_t n = static_cast<int32_t>(state.range(0));
+  const bool crossCheck = state.range(1) != 0;
+  const std::vector<float> targets = Descriptors(n, 1);
+  const std::vector<float> queries = Descriptors(n, 2);
+  std::vector<int32_t> indices(n);
+  for (auto _ : state) {
+    for (int32_t q = 0; q < n; ++q) {
+      const float* query = &queries[33 * static_cast<size_t>(q)];
+      float bestSq = qorv::DescriptorDistanceSq(query, targets.data());
+      int32_t best = 0;
+      for (int32_t t = 1; t < n; ++t) {
+        const float d = qorv::DescriptorDistanceSq(query, &targets[33 * static_cast<size_t>(t)]);
+        if (d < bestSq) {
+          bestSq = d;
+          best = t;
+        }
+      }
+      if (crossCheck) {
+        for (int32_t j = 0; j < n; ++j) {
+          if (j != q && qorv::DescriptorDistanceSq(&queries[33 * static_cast<size_t>(j)],
+                                                   &targets[33 * static_cast<size_t>(best)]) <
+                            bestSq) {
+            best = -1;
+            break;
+          }
+        }
+      }
+      indices[q] = best;
+    }
+    benchmark::DoNotOptimize(indices.data());
+  }
+}
+BENCHMARK(BM_MatchExhaustiveLiteral)
+    ->ArgNames({"n", "cross"})
+    ->ArgsProduct({{1000, 5000}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_MatchKnn(benchmark::State& state) {
+  const int32_t n = static_cast<int32_t>(state.range(0));
+  const int32_t k = 5;
+  const std::vector<float> targets = Descriptors(n, 1);
+  const std::vector<float> queries = Descriptors(n, 2);
+  std::vector<int32_t> indices(static_cast<size_t>(n) * k);
+  std::vector<float> distances(static_cast<size_t>(n) * k);
+  for (auto _ : state) {
+    qorv::MatchDescriptorsKnn(targets.data(), n, queries.data(), n, k, ExecutionFor(state, 1),
+                              indices.data(), distances.data());
+    benchmark::DoNotOptimize(indices.data());
+  }
+}
+BENCHMARK(BM_MatchKnn)
+    ->ArgNames({"n", "threads"})
+    ->ArgsProduct({{1000, 5000}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// ---- RANSAC and the iterative matcher ----------------------------------------------------------
+
+// count key points; the second set a moved copy of the first with the same descriptors, except
+// that only inlierShare of the first set's points keep their true position.
+struct KeyPoints {
+  std::vector<float> points1, normals1, descriptors, points2, normals2;
+
+  KeyPoints(int32_t count, double inlierShare) {
+    points2 = Cloud(count, 3);
+    normals2 = Cloud(count, 4);
+    for (float& v : normals2) v -= 0.5f;
+    points1 = Moved(points2);
+    normals1 = Moved(normals2, true);
+    descriptors = Descriptors(count, 5);
+    const std::vector<float> scattered = Cloud(count, 6);
+    const int32_t kept = static_cast<int32_t>(inlierShare * count);
+    for (size_t i = 3 * static_cast<size_t>(kept); i < points1.size(); ++i) {
+      points1[i] = scattered[i];
+    }
+  }
+  qorv::KeyPointSet first() const {
+    return {points1.data(), normals1.data(), descriptors.data(),
+            static_cast<int32_t>(points1.size() / 3)};
+  }
+  qorv::KeyPointSet second() const {
+    return {points2.data(), normals2.data(), descriptors.data(),
+            static_cast<int32_t>(points2.size() / 3)};
+  }
+};
+
+void BM_Ransac(benchmark::State& state) {
+  const double inlierShare = static_cast<double>(state.range(0)) / 100.0;
+  const KeyPoints kp(2000, inlierShare);
+  const qorv::RansacParams params{20000, 0.9, 0.01};
+  std::vector<int32_t> matches;
+  double transform[12];
+  int32_t count = 0;
+  {
+    QuietStdout quiet;
+    for (auto _ : state) {
+      count = qorv::RansacMatch(kp.first(), kp.second(), params, true, ExecutionFor(state, 1), 7,
+                                transform, matches);
+    }
+  }
+  state.counters["inliers"] = count;
+}
+// 100: clean copy, stops after a few samples; 20: four fifths outliers, all 20,000 samples run.
+BENCHMARK(BM_Ransac)
+    ->ArgNames({"inlierPct", "threads"})
+    ->ArgsProduct({{100, 20}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_RefinePose(benchmark::State& state) {
+  qorv::Correspondences pairs;
+  pairs.second = Cloud(1000, 8);
+  pairs.first = Moved(pairs.second);
+  const qorv::IterativeParams params{100, 1.0f, 0.001f};
+  for (auto _ : state) {
+    float pose[12] = {1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0};
+    benchmark::DoNotOptimize(qorv::RefinePose(pairs, params, pose));
+  }
+}
+BENCHMARK(BM_RefinePose)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_IterativeMatch(benchmark::State& state) {
+  const KeyPoints kp(1000, 1.0);
+  const qorv::IterativeParams params{100, 1.0f, 0.001f};
+  std::vector<int32_t> matches;
+  QuietStdout quiet;
+  for (auto _ : state) {
+    double transform[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+    benchmark::DoNotOptimize(qorv::IterativeMatch(kp.first(), kp.second(), params, true,
+                                                  ExecutionFor(state, 0), transform, matches));
+  }
+}
+BENCHMARK(BM_IterativeMatch)
+    ->ArgNames({"threads"})
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// ---- Distance check ------------------------------------------------------------------------------
+
+const std::vector<float>& Dragon() {
+  static const std::vector<float> points = [] {
+    std::ifstream in(std::string(QORV_BENCH_DATA_DIR) + "/dragon_res2.asc");
+    std::vector<float> p;
+    std::string line;
+    while (std::getline(in, line)) {
+      std::istringstream fields(line);
+      float x, y, z;
+      if (fields >> x >> y >> z) p.insert(p.end(), {x, y, z});
+    }
+    return p;
+  }();
+  return points;
+}
+
+void BM_CheckDistance(benchmark::State& state) {
+  const std::vector<float>& points = Dragon();
+  if (points.empty()) {
+    state.SkipWithError("dragon_res2.asc not found");
+    return;
+  }
+  const int32_t k = static_cast<int32_t>(state.range(0));
+  QuietStdout quiet;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(qorv::CheckDistance(points.data(),
+                                                 static_cast<int32_t>(points.size() / 3), k,
+                                                 ExecutionFor(state, 1)));
+  }
+  state.counters["points"] = static_cast<double>(points.size() / 3);
+}
+BENCHMARK(BM_CheckDistance)
+    ->ArgNames({"k", "threads"})
+    ->ArgsProduct({{2, 8}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();

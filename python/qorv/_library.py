@@ -1,0 +1,242 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
+"""Loading of libqorv.so, the C prototypes of its exports, and result codes as exceptions."""
+
+import ctypes
+import ctypes.util
+import os
+import pathlib
+import threading
+
+# ---- Result codes -------------------------------------------------------------------------------
+
+OK = 0
+ERROR_FILE = 1
+ERROR_INVALID_ARGUMENT = 3
+ERROR_NULL_INSTANCE = 8
+ERROR_ALLOCATION = 9
+
+_CODE_NAMES = {
+    ERROR_FILE: "file could not be read or written",
+    ERROR_INVALID_ARGUMENT: "invalid argument",
+    ERROR_NULL_INSTANCE: "null instance",
+    ERROR_ALLOCATION: "memory could not be allocated",
+}
+
+
+class QorvError(RuntimeError):
+    """A library call returned a failure code.
+
+    Attributes:
+        code: the QorvResult value (1 file, 3 invalid argument, 8 null instance, 9 allocation).
+        function: the name of the export that failed, e.g. "QorvEdgeFilter".
+    """
+
+    def __init__(self, code, function):
+        self.code = int(code)
+        self.function = function
+        reason = _CODE_NAMES.get(self.code, "unknown result code")
+        super().__init__(f"{function} failed with code {self.code} ({reason})")
+
+
+class QorvFileError(QorvError, OSError):
+    """Code 1: an ASC file could not be read into at least one point, or could not be written."""
+
+
+class QorvInvalidArgumentError(QorvError, ValueError):
+    """Code 3: the library refused an argument (empty array, radius not greater than 0, ...)."""
+
+
+class QorvNullInstanceError(QorvError):
+    """Code 8: the call was made with a closed instance."""
+
+
+class QorvAllocationError(QorvError, MemoryError):
+    """Code 9: the library ran out of memory."""
+
+
+_ERROR_CLASSES = {
+    ERROR_FILE: QorvFileError,
+    ERROR_INVALID_ARGUMENT: QorvInvalidArgumentError,
+    ERROR_NULL_INSTANCE: QorvNullInstanceError,
+    ERROR_ALLOCATION: QorvAllocationError,
+}
+
+
+def check(code, function):
+    """Raises the QorvError subclass for a failure code; returns None for 0."""
+    if code != OK:
+        raise _ERROR_CLASSES.get(code, QorvError)(code, function)
+
+
+# ---- Callback and record types of qorv.h -------------------------------------------------------
+# Callback pointers are declared as void* so that ctypes hands them over as plain integers: the
+# wrappers copy with memmove into numpy arrays, which creates no ctypes array type per length.
+
+IndexCallback = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int32, ctypes.c_void_p)
+MatchCallback = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_uint32, ctypes.c_void_p)
+AscCallback = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_void_p,
+                               ctypes.c_int64, ctypes.c_void_p)
+
+
+class KeyPointResult(ctypes.Structure):
+    """QorvKeyPointResult: count, reserved, descriptors, positions, normals."""
+
+    _fields_ = [
+        ("count", ctypes.c_int32),
+        ("reserved", ctypes.c_int32),
+        ("descriptors", ctypes.c_void_p),
+        ("positions", ctypes.c_void_p),
+        ("normals", ctypes.c_void_p),
+    ]
+
+
+KeyPointCallback = ctypes.CFUNCTYPE(None, ctypes.POINTER(KeyPointResult), ctypes.c_void_p)
+
+# ---- Prototypes ----------------------------------------------------------------------------------
+
+_p = ctypes.c_void_p  # every array and handle crosses as an address
+_i32 = ctypes.c_int32
+_f32 = ctypes.c_float
+_res = ctypes.c_int32
+
+PROTOTYPES = {
+    "QorvCreateInstance": (_res, [ctypes.POINTER(ctypes.c_void_p)]),
+    "QorvDestroyInstance": (_res, [_p]),
+    "QorvEnableCrossCheck": (_res, [_p]),
+    "QorvDisableCrossCheck": (_res, [_p]),
+    "QorvEnableMultiThread": (_res, [_p]),
+    "QorvDisableMultiThread": (_res, [_p]),
+    "QorvGetMatchNeighborNum": (_res, [_p, ctypes.POINTER(_i32)]),
+    "QorvSetMatchNeighborNum": (_res, [_p, _i32]),
+    "QorvVersion": (ctypes.c_char_p, []),
+    "QorvReadPointsFromASC": (_res, [_p, ctypes.c_char_p, AscCallback, _p]),
+    "QorvWritePointsToASC": (_res, [_p, ctypes.c_char_p, _p, _p, _p, _i32]),
+    "QorvRotatePoints": (_res, [_p, _p, _p, _p, _i32]),
+    "QorvTransformPoints": (_res, [_p, _p, _p, _p, _i32]),
+    "QorvAbsoluteOrientation": (_res, [_p, _p, _p, _i32, _p]),
+    "QorvComputeNormals": (_res, [_p, _p, _p, _i32, _i32, _f32]),
+    "QorvReComputeNormals": (_res, [_p, _p, _p, _i32, _f32]),
+    "QorvVoxelFilter": (_res, [_p, _p, _i32, _f32, IndexCallback, _p]),
+    "QorvSORFilter": (_res, [_p, _p, _i32, _i32, _f32, IndexCallback, _p]),
+    "QorvEdgeFilter": (_res, [_p, _p, _i32, _f32, IndexCallback, _p]),
+    "QorvGaussianFilter": (_res, [_p, _p, _p, _i32, _f32]),
+    "QorvDetectAndCompute": (_res, [_p, _p, _p, _i32, _f32, _f32, _f32, _f32, _f32, _f32, _i32,
+                                    KeyPointCallback, _p]),
+    "QorvDepthToVmapNmap": (_res, [_p, _p, _p, _p, _p, _p, _i32, _i32]),
+    "QorvDetectAndComputeVmapNmap": (_res, [_p, _p, _p, _p, _i32, _i32, _i32, _i32, _i32, _i32,
+                                            _f32, _f32, _i32, KeyPointCallback, _p]),
+    "QorvMatchDescriptor": (_res, [_p, _p, _i32, _p, _p, _p, _i32, _i32]),
+    "QorvRansacMatchKeyPoints": (_res, [_p, _p, _p, _p, _i32, _p, _p, _p, _i32, _p, _i32, _f32,
+                                        _f32, MatchCallback, _p]),
+    "QorvIterativeMatchKeyPoints": (_res, [_p, _p, _p, _i32, _p, _p, _i32, _p, _i32, _f32, _f32,
+                                           MatchCallback, _p]),
+    "QorvMatchPairPointCloud": (_res, [_p, _p, _p, _i32, _p, _p, _i32, _p, _f32, _f32, _i32,
+                                       MatchCallback, _p]),
+    "QorvCheckDistance": (_res, [_p, _p, _i32, _i32, _p]),
+}
+
+# ---- Finding and loading the library -------------------------------------------------------------
+
+_PACKAGE_DIR = pathlib.Path(__file__).resolve().parent
+_lock = threading.Lock()
+_handle = None
+_functions = {}
+
+
+def candidate_paths():
+    """The places searched for the library, in order.
+
+    1. the QORV_LIBRARY environment variable (a file path);
+    2. next to the package (python/qorv/libqorv.so, as an installed wheel would carry it);
+    3. the build folder of a source checkout (<repository>/build/libqorv.so);
+    4. the system's library search path (libqorv.so.1, then whatever ctypes.util finds).
+    """
+    paths = []
+    env = os.environ.get("QORV_LIBRARY")
+    if env:
+        paths.append(env)
+    paths.append(str(_PACKAGE_DIR / "libqorv.so"))
+    paths.append(str(_PACKAGE_DIR.parent.parent / "build" / "libqorv.so"))
+    paths.append("libqorv.so.1")
+    found = ctypes.util.find_library("qorv")
+    if found:
+        paths.append(found)
+    return paths
+
+
+def library():
+    """The loaded ctypes.CDLL of libqorv.so; loads it on first use.
+
+    Raises OSError listing the places searched when no library can be loaded. When QORV_LIBRARY
+    is set, only that path is tried, so that a wrong setting is not silently papered over.
+    """
+    global _handle
+    with _lock:
+        if _handle is not None:
+            return _handle
+        env = os.environ.get("QORV_LIBRARY")
+        paths = [env] if env else candidate_paths()
+        errors = []
+        for path in paths:
+            is_file = os.sep in path
+            if is_file and not os.path.exists(path):
+                errors.append(f"{path}: not found")
+                continue
+            try:
+                _handle = ctypes.CDLL(path)
+                return _handle
+            except OSError as error:
+                errors.append(f"{path}: {error}")
+        raise OSError("libqorv.so could not be loaded; tried:\n  " + "\n  ".join(errors) +
+                      "\nSet QORV_LIBRARY to the library's path.")
+
+
+def function(name):
+    """The export `name` with its prototype applied.
+
+    Raises AttributeError when the loaded library does not provide the export.
+    """
+    fn = _functions.get(name)
+    if fn is None:
+        fn = getattr(library(), name)
+        restype, argtypes = PROTOTYPES[name]
+        fn.restype = restype
+        fn.argtypes = argtypes
+        _functions[name] = fn
+    return fn
+
+
+def has_export(name):
+    """Whether the loaded library provides the export `name`."""
+    try:
+        function(name)
+        return True
+    except AttributeError:
+        return False
+
+
+def library_path():
+    """The file the library was loaded from (as the dynamic loader resolved it), or None."""
+    lib = library()
+    dl_info = _dl_path(lib)
+    return dl_info or lib._name
+
+
+def _dl_path(lib):
+    try:
+        libdl = ctypes.CDLL(None)
+
+        class DlInfo(ctypes.Structure):
+            _fields_ = [("dli_fname", ctypes.c_char_p), ("dli_fbase", ctypes.c_void_p),
+                        ("dli_sname", ctypes.c_char_p), ("dli_saddr", ctypes.c_void_p)]
+
+        dladdr = libdl.dladdr
+        dladdr.argtypes = [ctypes.c_void_p, ctypes.POINTER(DlInfo)]
+        info = DlInfo()
+        address = ctypes.cast(lib.QorvVersion, ctypes.c_void_p).value
+        if dladdr(address, ctypes.byref(info)) and info.dli_fname:
+            return os.fsdecode(info.dli_fname)
+    except (AttributeError, OSError):
+        pass
+    return None

@@ -1,0 +1,144 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
+"""ASC files, rotations, rigid transforms and absolute orientation against numpy references."""
+
+import numpy as np
+import pytest
+
+import qorv
+from conftest import apply, needs, random_rotation, rigid, rotation_about
+
+
+@needs("QorvReadPointsFromASC", "QorvWritePointsToASC")
+@pytest.mark.parametrize("columns", [3, 6, 9])
+def test_asc_round_trip(tmp_path, rng, columns):
+    points = rng.uniform(-10, 10, size=(257, 3)).astype(np.float32)
+    normals = rng.uniform(-1, 1, size=(257, 3)).astype(np.float32) if columns >= 6 else None
+    colours = rng.integers(0, 256, size=(257, 3), dtype=np.uint8) if columns == 9 else None
+    path = tmp_path / f"cloud{columns}.asc"
+    qorv.write_points_to_asc(path, points, normals, colours)
+    lines = path.read_text().splitlines()
+    assert len(lines) == 257 and all(len(line.split()) == columns for line in lines)
+    got_points, got_normals, got_colours = qorv.read_points_from_asc(path)
+    # "%f" keeps six decimals.
+    np.testing.assert_allclose(got_points, points, atol=6e-7)
+    if normals is None:
+        assert got_normals is None
+    else:
+        np.testing.assert_allclose(got_normals, normals, atol=6e-7)
+    if colours is None:
+        assert got_colours is None
+    else:
+        np.testing.assert_array_equal(got_colours, colours)
+
+
+@needs("QorvReadPointsFromASC", "QorvWritePointsToASC")
+def test_asc_colours_without_normals_write_three_columns(tmp_path):
+    path = tmp_path / "c.asc"
+    qorv.write_points_to_asc(path, [[1, 2, 3]], colours=[[9, 9, 9]])
+    assert path.read_text().split() == ["1.000000", "2.000000", "3.000000"]
+
+
+@needs("QorvReadPointsFromASC")
+def test_asc_tokens(tmp_path):
+    path = tmp_path / "t.asc"
+    path.write_bytes(b"abc 1.5e2 -.5 +3\r\n1,2,3 7 8\r\n")
+    points, normals, colours = qorv.read_points_from_asc(path)
+    # "1,2,3" yields only 1; six numbers on two lines average three: three columns.
+    np.testing.assert_array_equal(points, [[150, -0.5, 3], [1, 7, 8]])
+    assert normals is None and colours is None
+
+
+@needs("QorvReadPointsFromASC")
+def test_asc_without_points_is_a_file_error(tmp_path):
+    path = tmp_path / "words.asc"
+    path.write_text("no numbers here\n")
+    with pytest.raises(qorv.QorvFileError):
+        qorv.read_points_from_asc(path)
+
+
+@needs("QorvWritePointsToASC")
+def test_asc_write_into_missing_folder(tmp_path):
+    with pytest.raises(qorv.QorvFileError) as error:
+        qorv.write_points_to_asc(tmp_path / "no" / "such" / "x.asc", [[1, 2, 3]])
+    assert error.value.code == 1
+
+
+def _reference(matrix, points, translation=(0, 0, 0)):
+    """The float32 formula, one rounding per operation and no fused multiply-add."""
+    m = np.asarray(matrix, np.float32).reshape(3, 3)
+    t = np.asarray(translation, np.float32)
+    x, y, z = points[:, 0], points[:, 1], points[:, 2]
+    return np.stack([m[r, 0] * x + m[r, 1] * y + m[r, 2] * z + t[r] for r in range(3)], axis=1)
+
+
+@needs("QorvRotatePoints", "QorvTransformPoints")
+@pytest.mark.parametrize("count", [1, 3, 4, 7, 8, 9, 17, 1000])
+def test_rotate_and_transform_match_the_formula(rng, count):
+    points = rng.uniform(-5, 5, size=(count, 3)).astype(np.float32)
+    rotation = random_rotation(rng)
+    translation = np.array([5.0, -6.0, 7.5])
+    rotated = qorv.rotate_points(points, rotation)
+    np.testing.assert_allclose(rotated, _reference(rotation, points), rtol=1e-6, atol=2e-6)
+    moved = qorv.transform_points(points, rigid(rotation, translation))
+    np.testing.assert_allclose(moved, _reference(rotation, points, translation), rtol=1e-6,
+                               atol=4e-6)
+    # A 4 x 4 homogeneous matrix is accepted too.
+    moved4 = qorv.transform_points(points, qorv.to_homogeneous(rigid(rotation, translation)))
+    np.testing.assert_array_equal(moved4, moved)
+
+
+@needs("QorvTransformPoints")
+def test_transform_puts_translation_last(rng):
+    points = rng.normal(size=(5, 3)).astype(np.float32)
+    moved = qorv.transform_points(points, rigid(np.eye(3), [5, 6, 7]))
+    np.testing.assert_allclose(moved, points + np.float32([5, 6, 7]), rtol=1e-6)
+
+
+@needs("QorvRotatePoints", "QorvTransformPoints")
+def test_identity_in_place_touches_nothing_but_a_copy_is_applied():
+    points = np.array([[-0.0, 1.0, 2.0], [3.0, -0.0, 5.0]], dtype=np.float32)
+    in_place = points.copy()
+    qorv.rotate_points(in_place, np.eye(3) + 1e-12 * np.eye(3), out=in_place)
+    assert np.signbit(in_place[0, 0]) and np.signbit(in_place[1, 1])  # -0.0 kept: untouched
+    qorv.transform_points(in_place, np.eye(3, 4), out=in_place)
+    assert np.signbit(in_place[0, 0])
+    copied = qorv.rotate_points(points, np.eye(3))
+    np.testing.assert_array_equal(copied, points)  # -0.0 == +0.0: values agree
+
+
+@needs("QorvRotatePoints")
+def test_rotate_in_place_equals_out_of_place(rng):
+    points = rng.normal(size=(33, 3)).astype(np.float32)
+    rotation = rotation_about([1, 2, 3], 40)
+    expected = qorv.rotate_points(points, rotation)
+    result = qorv.rotate_points(points, rotation, out=points)
+    assert result is points
+    np.testing.assert_array_equal(points, expected)
+
+
+@needs("QorvAbsoluteOrientation")
+def test_absolute_orientation_recovers_a_motion(rng):
+    b = rng.uniform(-1, 1, size=(50, 3)).astype(np.float32)
+    truth = rigid(random_rotation(rng), [0.3, -2.0, 1.0])
+    a = apply(truth, b).astype(np.float32)
+    result = qorv.absolute_orientation(a, b)
+    assert result.shape == (3, 4) and result.dtype == np.float64
+    np.testing.assert_allclose(result, truth, atol=2e-5)
+
+
+@needs("QorvAbsoluteOrientation")
+def test_absolute_orientation_of_equal_sets_and_a_quarter_turn():
+    b = np.array([[0, 0, 0], [1, 0, 0], [0, 2, 0], [0, 0, 3]], np.float32)
+    np.testing.assert_allclose(qorv.absolute_orientation(b, b), np.eye(3, 4), atol=1e-6)
+    quarter = rigid(rotation_about([0, 0, 1], 90), [1, 2, 3])
+    a = apply(quarter, b).astype(np.float32)
+    np.testing.assert_allclose(qorv.absolute_orientation(a, b), quarter, atol=1e-5)
+
+
+@needs("QorvAbsoluteOrientation")
+def test_absolute_orientation_of_a_mirror_is_a_rotation(rng):
+    b = rng.normal(size=(20, 3)).astype(np.float32)
+    a = b * np.float32([-1, 1, 1])
+    r = qorv.absolute_orientation(a, b)[:, :3]
+    assert np.linalg.det(r) == pytest.approx(1.0, abs=1e-4)

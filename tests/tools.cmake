@@ -1,0 +1,18 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
+# The command-line tool's tests: tests/tools/cli_test.py runs every command through the built
+# executable (python.cmake found the interpreter).
+if(NOT TARGET qorv_cli)
+  return()
+endif()
+if(NOT QORV_TEST_PYTHON)
+  message(STATUS "Tool tests skipped: no python3 with numpy and pytest found")
+  return()
+endif()
+
+add_test(NAME tools.cli
+  COMMAND ${QORV_TEST_PYTHON} -m pytest -q -p no:cacheprovider
+          ${CMAKE_CURRENT_SOURCE_DIR}/tools/cli_test.py)
+set_tests_properties(tools.cli PROPERTIES
+  ENVIRONMENT "${QORV_PYTHON_TEST_ENV};QORV_CLI=$<TARGET_FILE:qorv_cli>"
+  LABELS tools TIMEOUT 600)

@@ -1,0 +1,395 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
+"""Tests of the qorv command-line tool: every command on small files, the formats it reads, the
+JSON it prints, and its error paths (message and exit status).
+
+Environment: QORV_CLI (the tool), QORV_DATA_DIR (the repository's data folder), QORV_LIBRARY
+(the library, for the Python package used to build expectations)."""
+
+import json
+import os
+import pathlib
+import struct
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "python"))
+import qorv  # noqa: E402
+
+CLI = os.environ.get("QORV_CLI", str(ROOT / "build" / "tools" / "qorv"))
+DATA = pathlib.Path(os.environ.get("QORV_DATA_DIR", ROOT / "data"))
+BUNNY = str(DATA / "sample" / "bunny.asc")
+
+
+def run(*args, expect=0):
+    result = subprocess.run([CLI, *map(str, args)], capture_output=True, text=True, timeout=120)
+    assert result.returncode == expect, (result.returncode, result.stdout, result.stderr)
+    return result
+
+
+def run_json(*args, expect=0):
+    result = run("--json", *args, expect=expect)
+    return json.loads(result.stdout), result
+
+
+def fail(*args, status=1, message=""):
+    result = run(*args, expect=status)
+    assert result.stderr.startswith("qorv: error: "), result.stderr
+    assert message in result.stderr, result.stderr
+    assert "Traceback" not in result.stderr and "terminate" not in result.stderr
+
+
+@pytest.fixture(scope="module")
+def bunny():
+    return np.loadtxt(BUNNY, dtype=np.float32)
+
+
+def rotation(axis, degrees):
+    axis = np.asarray(axis, np.float64) / np.linalg.norm(axis)
+    k = np.array([[0, -axis[2], axis[1]], [axis[2], 0, -axis[0]], [-axis[1], axis[0], 0]])
+    a = np.radians(degrees)
+    return np.eye(3) + np.sin(a) * k + (1 - np.cos(a)) * k @ k
+
+
+def angle_between(r1, r2):
+    return np.degrees(np.arccos(np.clip((np.trace(np.asarray(r1).T @ r2) - 1) / 2, -1, 1)))
+
+
+def write_asc(path, points, normals=None):
+    data = points if normals is None else np.hstack([points, normals])
+    np.savetxt(path, data, fmt="%.6f")
+
+
+# ---- Files of other formats, written here ----------------------------------------------------
+
+def write_ply(path, points, normals=None, fmt="binary_little_endian", faces=False, count=None):
+    names = ["x", "y", "z"] + (["nx", "ny", "nz"] if normals is not None else [])
+    rows = points if normals is None else np.hstack([points, normals])
+    header = ["ply", f"format {fmt} 1.0", "comment written by the test",
+              f"element vertex {len(rows) if count is None else count}"]
+    header += [f"property float {n}" for n in names]
+    if faces:
+        header += ["element face 1", "property list uchar int vertex_indices"]
+    header.append("end_header")
+    with open(path, "wb") as out:
+        out.write(("\n".join(header) + "\n").encode())
+        if fmt == "ascii":
+            for row in rows:
+                out.write((" ".join(f"{v:.7g}" for v in row) + "\n").encode())
+            if faces:
+                out.write(b"3 0 1 2\n")
+        else:
+            order = "<" if fmt == "binary_little_endian" else ">"
+            out.write(rows.astype(order + "f4").tobytes())
+            if faces:
+                out.write(struct.pack(order + "B3i", 3, 0, 1, 2))
+
+
+def write_pcd(path, points, normals=None, data="binary", extra_nan=0):
+    rows = points if normals is None else np.hstack([points, normals])
+    if extra_nan:
+        rows = np.vstack([rows, np.full((extra_nan, rows.shape[1]), np.nan, np.float32)])
+    fields = ["x", "y", "z"] + (["normal_x", "normal_y", "normal_z"] if normals is not None else [])
+    header = ["# .PCD v0.7 - written by the test", "VERSION 0.7", "FIELDS " + " ".join(fields),
+              "SIZE " + " ".join("4" for _ in fields), "TYPE " + " ".join("F" for _ in fields),
+              "COUNT " + " ".join("1" for _ in fields), f"WIDTH {len(rows)}", "HEIGHT 1",
+              "VIEWPOINT 0 0 0 1 0 0 0", f"POINTS {len(rows)}", f"DATA {data}"]
+    with open(path, "wb") as out:
+        out.write(("\n".join(header) + "\n").encode())
+        if data == "ascii":
+            for row in rows:
+                out.write((" ".join(f"{v:.7g}" for v in row) + "\n").encode())
+        else:
+            out.write(rows.astype("<f4").tobytes())
+
+
+IDENTITY = "1 0 0 0  0 1 0 0  0 0 1 0"
+
+
+def read_back(path):
+    return np.loadtxt(path, dtype=np.float64, ndmin=2)
+
+
+# ---- Version, help, info ----------------------------------------------------------------------
+
+def test_version_and_help():
+    assert run("--version").stdout.strip() == "qorv 1.0.5 (library 1.0.5)"
+    helptext = run("--help").stdout
+    for command in ("register", "info", "normals", "filter", "keypoints", "transform", "demo"):
+        assert command in helptext
+    assert "--ratio21" in run("register", "--help").stdout
+
+
+def test_info_reports_the_cloud(bunny):
+    doc, result = run_json("info", BUNNY)
+    assert doc["points"] == len(bunny) and doc["format"] == "asc" and not doc["normals"]
+    np.testing.assert_allclose(doc["min"], bunny.min(axis=0), rtol=1e-6)
+    np.testing.assert_allclose(doc["max"], bunny.max(axis=0), rtol=1e-6)
+    np.testing.assert_allclose(doc["centroid"], bunny.astype(np.float64).mean(axis=0), rtol=1e-5)
+    assert doc["spacing"] == pytest.approx(qorv.check_distance(bunny, k=2), rel=1e-6)
+    assert "[QORV INFO] checkDistance" in result.stderr  # the library's log, off stdout
+    text = run("info", BUNNY).stdout
+    assert "points    1839" in text and "[QORV INFO]" in text
+    assert "[QORV INFO]" not in run("--quiet", "info", BUNNY).stdout
+
+
+@pytest.mark.parametrize("kind", ["ply-ascii", "ply-le", "ply-be", "ply-faces", "pcd-ascii",
+                                  "pcd-binary"])
+@pytest.mark.parametrize("with_normals", [False, True], ids=["xyz", "normals"])
+def test_formats_read_like_asc(tmp_path, bunny, kind, with_normals):
+    points = bunny[:300]
+    normals = None
+    if with_normals:
+        normals = np.tile(np.float32([0, 0.6, 0.8]), (300, 1))
+    path = tmp_path / ("cloud.pcd" if kind.startswith("pcd") else "cloud.ply")
+    if kind == "ply-ascii":
+        write_ply(path, points, normals, fmt="ascii")
+    elif kind == "ply-le":
+        write_ply(path, points, normals)
+    elif kind == "ply-be":
+        write_ply(path, points, normals, fmt="binary_big_endian")
+    elif kind == "ply-faces":
+        write_ply(path, points, normals, faces=True)
+    elif kind == "pcd-ascii":
+        write_pcd(path, points, normals, data="ascii", extra_nan=3)
+    else:
+        write_pcd(path, points, normals, extra_nan=3)
+    doc, _ = run_json("info", path)
+    assert doc["points"] == 300 and doc["normals"] == with_normals
+    assert doc["dropped_non_finite"] == (3 if kind.startswith("pcd") else 0)
+    out = tmp_path / "out.asc"
+    run("--quiet", "transform", path, out, "--matrix", IDENTITY)
+    written = read_back(out)
+    assert written.shape == (300, 6 if with_normals else 3)
+    np.testing.assert_allclose(written[:, :3], points, atol=1e-5)
+    if with_normals:
+        np.testing.assert_allclose(written[:, 3:], normals, atol=1e-6)
+
+
+# ---- Thin commands -----------------------------------------------------------------------------
+
+def test_normals(tmp_path, bunny):
+    out = tmp_path / "n.asc"
+    doc, _ = run_json("normals", BUNNY, out, "--radius", 0.8)
+    assert doc["points_out"] == len(bunny)
+    written = read_back(out)
+    np.testing.assert_allclose(written[:, 3:], qorv.compute_normals(bunny, 0.8, orient_neighbors=10),
+                               atol=1e-6)
+
+
+@pytest.mark.parametrize("kind,args,expected", [
+    ("voxel", ["--leaf", 0.5], lambda p: qorv.voxel_filter(p, 0.5)),
+    ("sor", ["--k", 20, "--std", 1.0], lambda p: qorv.sor_filter(p, 20, 1.0)),
+    ("edge", ["--radius", 0.9], lambda p: qorv.edge_filter(p, 0.9)),
+])
+def test_index_filters(tmp_path, bunny, kind, args, expected):
+    out = tmp_path / f"{kind}.asc"
+    doc, _ = run_json("filter", kind, BUNNY, out, *args)
+    kept = expected(bunny)
+    assert doc["points_in"] == len(bunny) and doc["points_out"] == len(kept) > 0
+    np.testing.assert_allclose(read_back(out), bunny[kept], atol=1e-5)
+
+
+def test_gaussian_filter(tmp_path, bunny):
+    out = tmp_path / "g.asc"
+    run("--quiet", "filter", "gaussian", BUNNY, out, "--radius", 0.6)
+    np.testing.assert_allclose(read_back(out), qorv.gaussian_filter(bunny, 0.6), atol=1e-5)
+
+
+def test_keypoints_and_descriptors(tmp_path, bunny):
+    out, descriptors = tmp_path / "k.asc", tmp_path / "k.txt"
+    doc, _ = run_json("keypoints", BUNNY, out, "--radius", 0.9, "--non-max-radius", 0.3,
+                      "--descriptors", descriptors)
+    positions = read_back(out)
+    d = read_back(descriptors)
+    assert len(positions) == len(d) == doc["points_out"] > 0
+    assert positions.shape[1] == 6 and d.shape[1] == 33
+    sums = d.reshape(-1, 3, 11).sum(axis=2)
+    assert np.all((np.abs(sums - 100) < 1e-2) | (sums == 0))
+    # Key points are input points.
+    nearest = np.sqrt(((positions[:, None, :3] - bunny[None]) ** 2).sum(-1)).min(axis=1)
+    assert nearest.max() < 1e-5
+
+
+def test_transform_layouts_and_inverse(tmp_path, bunny):
+    r = rotation([1, 2, 3], 40)
+    t = np.array([1.5, -2.0, 0.25])
+    matrix = " ".join(f"{v:.17g}" for v in np.hstack([r, t[:, None]]).ravel())
+    moved = tmp_path / "moved.asc"
+    run("--quiet", "transform", BUNNY, moved, "--matrix", matrix)
+    np.testing.assert_allclose(read_back(moved), bunny @ r.T + t, atol=2e-5)
+    homogeneous = np.eye(4)
+    homogeneous[:3, :3], homogeneous[:3, 3] = r, t
+    (tmp_path / "m.txt").write_text("\n".join(",".join(f"{v:.17g}" for v in row)
+                                              for row in homogeneous))
+    back = tmp_path / "back.asc"
+    run("--quiet", "transform", moved, back, "--matrix", f"@{tmp_path / 'm.txt'}", "--inverse")
+    np.testing.assert_allclose(read_back(back), bunny, atol=5e-5)
+
+
+# ---- Registration ------------------------------------------------------------------------------
+
+@pytest.fixture(scope="module")
+def moved_bunny(tmp_path_factory, bunny):
+    """The bunny moved by a known motion; returns (path, R, t) with truth p_target = R p + t."""
+    r = rotation([0.2, 1.0, 0.3], 25)
+    t = np.array([0.8, -0.5, 1.2])
+    inverse_points = (bunny.astype(np.float64) - t) @ r  # R^T (p - t)
+    path = tmp_path_factory.mktemp("reg") / "moved.asc"
+    write_asc(path, inverse_points)
+    return path, r, t
+
+
+def assert_recovered(doc, r, t, degrees=1.0, distance=0.05):
+    transform = np.array(doc["transform"])
+    assert transform.shape == (3, 4)
+    assert angle_between(transform[:, :3], r) < degrees
+    assert np.linalg.norm(transform[:, 3] - t) < distance
+
+
+def test_register_json(tmp_path, moved_bunny, bunny):
+    path, r, t = moved_bunny
+    out, snapshot = tmp_path / "moved_back.asc", tmp_path / "view.png"
+    doc, result = run_json("register", BUNNY, path, "--output", out, "--snapshot", snapshot,
+                           "--threads", 2)
+    assert "[QORV INFO] RansacMatch" in result.stderr
+    assert_recovered(doc, r, t)
+    assert doc["model_found"] and doc["method"] == "ransac+iterative" and doc["threads"] == 2
+    assert doc["correspondences"] > 10 and doc["fitness"] > 0.9
+    assert doc["resolution_automatic"] and doc["resolution"] > 0
+    names = [s["name"] for s in doc["stages"]]
+    assert names[:2] == ["read target", "read source"] and "ransac" in names
+    assert "snapshot" in names and all(s["ms"] >= 0 for s in doc["stages"])
+    assert doc["target"]["key_points"] > 0 and doc["source"]["key_points"] > 0
+    assert np.abs(read_back(out) - bunny).max() < 0.05
+    with open(snapshot, "rb") as png:
+        head = png.read(24)
+    assert head[:8] == b"\x89PNG\r\n\x1a\n" and struct.unpack(">II", head[16:24]) == (1200, 600)
+
+
+def test_register_text_and_options(moved_bunny):
+    path, r, t = moved_bunny
+    text = run("register", BUNNY, path, "--resolution", 0.3, "--no-cross-check",
+               "--ratio21", 0.95).stdout
+    assert "[QORV INFO] RansacMatch" in text  # the log stays on stdout by default
+    for line in ("transform (source onto target)", "correspondences", "fitness", "stage times"):
+        assert line in text
+    rows = text.split("3 x 4 [R | t]:\n")[1].splitlines()[:3]
+    transform = np.array([[float(v) for v in row.split()] for row in rows])
+    assert angle_between(transform[:, :3], r) < 1.0
+
+
+def test_register_iterative_from_a_nearby_start(moved_bunny):
+    path, r, t = moved_bunny
+    start = np.hstack([rotation([0.2, 1.0, 0.3], 22), (t + 0.1)[:, None]])
+    doc, _ = run_json("register", BUNNY, path, "--method", "iterative", "--iterations", 80,
+                      "--initial", " ".join(f"{v:.17g}" for v in start.ravel()))
+    assert doc["method"] == "iterative"
+    assert_recovered(doc, r, t)
+
+
+@pytest.mark.skipif(not qorv.has_export("QorvMatchPairPointCloud"),
+                    reason="library lacks QorvMatchPairPointCloud")
+def test_register_exact_runs_the_library_pipeline(moved_bunny):
+    path, _, _ = moved_bunny
+    result = subprocess.run(
+        [CLI, "--json", "register", BUNNY, str(path), "--exact", "--resolution", "0.3"],
+        capture_output=True, text=True, timeout=120)
+    assert result.returncode in (0, 3), result.stderr  # 3: the pipeline found no model
+    doc = json.loads(result.stdout)
+    assert doc["method"] == "pipeline (ransac)"
+    assert [s["name"] for s in doc["stages"]][2] == "match pair point cloud"
+    assert doc["model_found"] == (result.returncode == 0)
+
+
+def test_demo_recovers_the_known_motion(tmp_path):
+    snapshot = tmp_path / "demo" / "snapshot.png"
+    doc, _ = run_json("demo", "--data", DATA / "sample" / "dragon_res4.asc", "--snapshot",
+                      snapshot, "--check", "--views", tmp_path / "views")
+    assert doc["recovered"] and doc["rotation_error_degrees"] < 1.0
+    assert doc["mean_point_error"] < doc["resolution"]
+    assert snapshot.stat().st_size > 1000
+    assert (tmp_path / "views" / "target.asc").exists()
+
+
+# ---- Error paths -------------------------------------------------------------------------------
+
+def test_missing_and_unreadable_inputs(tmp_path):
+    fail("info", tmp_path / "nope.asc", message="cannot open")
+    fail("info", tmp_path, message="is a folder")
+    garbage = tmp_path / "garbage.ply"
+    garbage.write_bytes(bytes(range(256)) * 4)
+    fail("info", garbage, message="is not a ply file")
+    bad_format = tmp_path / "bad.ply"
+    bad_format.write_text("ply\nformat foo 1.0\nelement vertex 1\nproperty float x\nend_header\n")
+    fail("info", bad_format, message="unsupported PLY format")
+    no_y = tmp_path / "noy.ply"
+    no_y.write_text("ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\n"
+                    "property float z\nend_header\n1 2\n")
+    fail("info", no_y, message="lacks x, y or z")
+    truncated = tmp_path / "short.ply"
+    write_ply(truncated, np.ones((10, 3), np.float32), count=11)
+    fail("info", truncated, message="ends early")
+    huge = tmp_path / "huge.ply"
+    write_ply(huge, np.ones((2, 3), np.float32), count=2**40)
+    fail("info", huge, message="more points than supported")
+    compressed = tmp_path / "c.pcd"
+    compressed.write_text("VERSION 0.7\nFIELDS x y z\nSIZE 4 4 4\nTYPE F F F\nCOUNT 1 1 1\n"
+                          "WIDTH 1\nHEIGHT 1\nPOINTS 1\nDATA binary_compressed\n")
+    fail("info", compressed, message="compressed PCD")
+    no_header_end = tmp_path / "open.ply"
+    no_header_end.write_text("ply\nformat ascii 1.0\n")
+    fail("info", no_header_end, message="no 'end_header'")
+
+
+def test_empty_clouds(tmp_path):
+    words = tmp_path / "words.asc"
+    words.write_text("no numbers at all\n")
+    fail("info", words, message="no point in it")
+    empty_ply = tmp_path / "empty.ply"
+    write_ply(empty_ply, np.zeros((0, 3), np.float32))
+    fail("info", empty_ply, message="holds no point")
+    nan_pcd = tmp_path / "nan.pcd"
+    write_pcd(nan_pcd, np.zeros((0, 3), np.float32), extra_nan=4)
+    fail("info", nan_pcd, message="no point with finite coordinates")
+    sparse = tmp_path / "sparse.asc"
+    write_asc(sparse, np.random.default_rng(1).uniform(0, 100, (40, 3)))
+    fail("keypoints", sparse, tmp_path / "k.asc", "--radius", 1, message="no key points")
+    fail("register", sparse, sparse, "--resolution", 0.5, message="no ")
+    fail("filter", "voxel", sparse, tmp_path / "v.asc", "--leaf", 1000, message="kept no point")
+
+
+@pytest.mark.parametrize("args,message", [
+    (["normals", BUNNY, "o.asc", "--radius", "-1"], "--radius"),
+    (["normals", BUNNY, "o.asc", "--radius", "abc"], "--radius"),
+    (["normals", BUNNY, "o.asc"], "--radius is required"),
+    (["filter", "voxel", BUNNY, "o.asc", "--leaf", "0"], "--leaf"),
+    (["filter", "sor", BUNNY, "o.asc", "--k", "0"], "--k"),
+    (["filter", BUNNY, "o.asc"], "filter needs one of"),
+    (["register", BUNNY], "source"),
+    (["register", BUNNY, BUNNY, "--method", "magic"], "--method"),
+    (["register", BUNNY, BUNNY, "--threads", "0"], "--threads"),
+    (["register", BUNNY, BUNNY, "--resolution", "nan"], "--resolution"),
+    (["demo", "--overlap", "1.5"], "--overlap"),
+    (["frobnicate"], "unknown command 'frobnicate'"),
+    ([], "a command is required"),
+])
+def test_bad_options_exit_2(args, message):
+    fail(*args, status=2, message=message)
+
+
+def test_bad_values_found_after_parsing(tmp_path):
+    fail("transform", BUNNY, tmp_path / "o.asc", "--matrix", "1 2 3", status=2,
+         message="12 numbers")
+    fail("transform", BUNNY, tmp_path / "o.asc", "--matrix", "1 0 0 0 0 1 0 0 0 0 1 x", status=2,
+         message="bad matrix value")
+    fail("transform", BUNNY, tmp_path / "o.asc", "--matrix", "@" + str(tmp_path / "none"),
+         message="cannot open matrix file")
+    fail("register", BUNNY, BUNNY, "--snapshot", tmp_path / "x.jpg", status=2, message=".png")
+    fail("filter", "voxel", BUNNY, tmp_path / "no" / "dir" / "o.asc", "--leaf", 0.5,
+         message="cannot write")
+    fail("filter", "voxel", BUNNY, tmp_path / "o.ply", "--leaf", 0.5, message="ASC text")

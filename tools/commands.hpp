@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "register.hpp"
+#include "snapshot.hpp"
+
+namespace qorv::tools {
+
+// Options every command takes (given before or after the command's name).
+struct GlobalOptions {
+  bool json = false;   // results as one JSON document on stdout; library log on stderr
+  bool quiet = false;  // library log discarded
+  int threads = 1;     // > 1: the library's multi-threaded variants with that many threads
+};
+
+struct FilterOptions {
+  std::string kind;  // voxel, sor, edge, gaussian
+  std::string input, output;
+  float leaf = 0.0f;
+  float radius = 0.0f;
+  int32_t meanK = 50;
+  float stdMul = 3.4f;
+};
+
+struct KeyPointOptions {
+  std::string input, output, descriptors;
+  float radius = 0.0f;        // detector neighbourhood
+  float nonMaxRadius = 0.0f;  // 0: none
+  float featureRadius = 0.0f;    // 0: 2.5 x radius
+  float histogramRadius = 0.0f;  // 0: 1.25 x radius
+  float normalRadius = 0.0f;     // normals when the input has none; 0: radius
+  float ratio21 = ChainParams{}.ratio21;
+  float ratio32 = ChainParams{}.ratio32;
+  int32_t maxKeyPoints = 0;
+};
+
+struct RegisterOptions {
+  std::string target, source, output, snapshot;
+  RegisterSettings settings;
+  std::string initialMatrix;  // iterative method's start, empty: identity
+  SnapshotOptions view;
+};
+
+struct DemoOptions {
+  std::string data = "data/sample/dragon_res3.asc";
+  std::string snapshot = "build/demo/snapshot.png";
+  std::string viewsDir;  // where to write the two views as ASC; empty: not written
+  float overlap = 0.5f;  // share of the cloud's length that both views hold
+  float angleDegrees = 30.0f;
+  RegisterSettings settings;
+  bool check = false;  // exit status 3 when the recovered motion is off
+};
+
+int RunInfo(const GlobalOptions& global, const std::string& path);
+int RunNormals(const GlobalOptions& global, const std::string& input, const std::string& output,
+               float radius, int32_t orientNeighbors);
+int RunFilter(const GlobalOptions& global, const FilterOptions& options);
+int RunKeyPoints(const GlobalOptions& global, const KeyPointOptions& options);
+int RunTransform(const GlobalOptions& global, const std::string& input, const std::string& output,
+                 const std::string& matrix, bool inverse);
+int RunRegister(const GlobalOptions& global, RegisterOptions options);
+int RunDemo(const GlobalOptions& global, const DemoOptions& options);
+
+}  // namespace qorv::tools

@@ -1,0 +1,306 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+// The qorv command-line tool: option parsing and dispatch. Every command works through the
+// library's C interface only.
+#include <CLI/CLI.hpp>
+
+#include <cmath>
+#include <cstdio>
+#include <new>
+#include <string>
+
+#include "commands.hpp"
+#include "session.hpp"
+
+#ifndef QORV_TOOL_VERSION
+#define QORV_TOOL_VERSION "unknown"
+#endif
+
+namespace {
+
+using qorv::tools::ChainParams;
+using qorv::tools::GlobalOptions;
+using qorv::tools::Method;
+using qorv::tools::RegisterSettings;
+
+// Finite and greater than 0.
+const CLI::Validator kPositive(
+    [](std::string& text) -> std::string {
+      char* end = nullptr;
+      const double v = std::strtod(text.c_str(), &end);
+      if (end == text.c_str() || *end != '\0' || !std::isfinite(v) || !(v > 0.0)) {
+        return "must be a number greater than 0, got '" + text + "'";
+      }
+      return {};
+    },
+    "POSITIVE");
+
+const CLI::Validator kNonNegative(
+    [](std::string& text) -> std::string {
+      char* end = nullptr;
+      const double v = std::strtod(text.c_str(), &end);
+      if (end == text.c_str() || *end != '\0' || !std::isfinite(v) || v < 0.0) {
+        return "must be a number of at least 0, got '" + text + "'";
+      }
+      return {};
+    },
+    "NON-NEGATIVE");
+
+const CLI::Validator kOpenUnit(
+    [](std::string& text) -> std::string {
+      char* end = nullptr;
+      const double v = std::strtod(text.c_str(), &end);
+      if (end == text.c_str() || *end != '\0' || !(v > 0.0 && v < 1.0)) {
+        return "must lie strictly between 0 and 1, got '" + text + "'";
+      }
+      return {};
+    },
+    "(0,1)");
+
+// Options of the composed chain, in units of the resolution s, shared by register and demo.
+struct ChainFlags {
+  std::string method = "ransac";
+  bool noCrossCheck = false;
+  bool noRefine = false;
+
+  void applyTo(RegisterSettings& s) const {
+    s.method = method == "iterative" ? Method::kIterative : Method::kRansac;
+    s.crossCheck = !noCrossCheck;
+    s.refine = !noRefine;
+  }
+};
+
+void AddChainOptions(CLI::App* sub, RegisterSettings& s, ChainFlags& flags) {
+  ChainParams& p = s.chain;
+  const char* group = "Registration chain (lengths in units of the resolution s)";
+  sub->add_option("--resolution", s.resolution,
+                  "Length s scaling every step (default: chosen from the clouds' mean spacing)")
+      ->check(kPositive);
+  sub->add_option("--resolution-factor", p.resolutionPerSpacing,
+                  "Automatic s = this x the coarser cloud's mean spacing")
+      ->check(kPositive)->capture_default_str();
+  sub->add_option("--method", flags.method,
+                  "ransac: RANSAC, then iterative refinement; iterative: iterative matching only")
+      ->check(CLI::IsMember({"ransac", "iterative"}))->capture_default_str();
+  sub->add_option("--iterations", s.iterations,
+                  "RANSAC samples, or the iterative method's step limit (default: 20000 / 64)")
+      ->check(CLI::NonNegativeNumber);
+  sub->add_flag("--exact", s.exact,
+                "One QorvMatchPairPointCloud call with its own fixed chain instead");
+  sub->add_flag("--no-cross-check", flags.noCrossCheck, "Keep descriptor matches another beats");
+  sub->add_flag("--no-refine", flags.noRefine, "Skip the iterative refinement after RANSAC");
+  sub->add_option("--kernel-scale", s.kernelScale,
+                  "Initial robust kernel scale of the iterative matcher, squared length "
+                  "(default: (4 s)^2)")
+      ->check(kPositive);
+  sub->add_option("--ratio21", p.ratio21, "Key points: bound on lambda2 / lambda1")
+      ->check(kPositive)->capture_default_str()->group(group);
+  sub->add_option("--ratio32", p.ratio32, "Key points: bound on lambda3 / lambda2")
+      ->check(kPositive)->capture_default_str()->group(group);
+  sub->add_option("--key-point-radius", p.keyPointRadius, "Key-point neighbourhood")
+      ->check(kPositive)->capture_default_str()->group(group);
+  sub->add_option("--non-max-radius", p.nonMaxRadius, "Non-maximum suppression (0: off)")
+      ->check(kNonNegative)->capture_default_str()->group(group);
+  sub->add_option("--feature-radius", p.featureRadius, "Descriptor neighbourhood")
+      ->check(kPositive)->capture_default_str()->group(group);
+  sub->add_option("--histogram-radius", p.histogramRadius, "Each neighbour's histogram radius")
+      ->check(kPositive)->capture_default_str()->group(group);
+  sub->add_option("--max-key-points", p.maxKeyPoints, "Cap on key points per cloud (0: none)")
+      ->check(CLI::NonNegativeNumber)->capture_default_str()->group(group);
+  sub->add_option("--edge-ratio", p.edgeRatio, "RANSAC triangle edge similarity")
+      ->check(kNonNegative)->capture_default_str()->group(group);
+  sub->add_option("--inlier-distance", p.inlierDistance, "RANSAC inlier distance")
+      ->check(kPositive)->capture_default_str()->group(group);
+  sub->add_option("--refine-iterations", p.refineIterations, "Refinement step limit")
+      ->check(CLI::NonNegativeNumber)->capture_default_str()->group(group);
+}
+
+std::string VersionText() {
+  return std::string("qorv ") + QORV_TOOL_VERSION + " (library " + QorvVersion() + ")";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace qorv::tools;
+  CLI::App app{
+      "Point-cloud registration with libqorv.\n"
+      "Clouds are read from ASC, PLY (ascii or binary) or PCD (ascii or binary) and written as "
+      "ASC text.\nThe library's '[QORV INFO]' lines go to stdout; with --json they go to stderr "
+      "and stdout holds only the JSON document; --quiet drops them.",
+      "qorv"};
+  app.set_version_flag("--version", VersionText);
+  app.require_subcommand(1, 1);
+  app.fallthrough();
+  GlobalOptions global;
+  app.add_flag("--json", global.json, "Print results as one JSON document");
+  app.add_flag("--quiet", global.quiet, "Drop the library's log lines");
+  app.add_option("--threads", global.threads,
+                 "Worker threads; above 1 turns on the library's multi-threaded variants")
+      ->check(CLI::Range(1, 1024))->capture_default_str();
+
+  // register
+  RegisterOptions reg;
+  ChainFlags regFlags;
+  CLI::App* registerCmd =
+      app.add_subcommand("register", "Register SOURCE onto TARGET and print the motion");
+  registerCmd->add_option("target", reg.target, "Cloud that stays in place")->required();
+  registerCmd->add_option("source", reg.source, "Cloud that is moved onto the target")->required();
+  AddChainOptions(registerCmd, reg.settings, regFlags);
+  registerCmd->add_option("--initial", reg.initialMatrix,
+                          "Starting pose of the iterative method: 12 or 16 numbers");
+  registerCmd->add_option("--output", reg.output, "Write the moved source cloud (ASC)");
+  registerCmd->add_option("--snapshot", reg.snapshot,
+                          "Write a PNG of both clouds before and after the motion");
+  registerCmd->add_option("--snapshot-width", reg.view.width, "Snapshot width in pixels")
+      ->check(CLI::Range(64, 8192))->capture_default_str();
+  registerCmd->add_option("--snapshot-height", reg.view.height, "Snapshot height in pixels")
+      ->check(CLI::Range(64, 8192))->capture_default_str();
+
+  // info
+  std::string infoPath;
+  CLI::App* infoCmd = app.add_subcommand("info", "Points, bounding box and spacing of a cloud");
+  infoCmd->add_option("file", infoPath, "Cloud file")->required();
+
+  // normals
+  std::string normalsIn, normalsOut;
+  float normalsRadius = 0.0f;
+  int32_t orientNeighbors = 10;
+  CLI::App* normalsCmd = app.add_subcommand("normals", "Estimate normals (QorvComputeNormals)");
+  normalsCmd->add_option("input", normalsIn, "Cloud file")->required();
+  normalsCmd->add_option("output", normalsOut, "ASC file with normals")->required();
+  normalsCmd->add_option("--radius", normalsRadius, "Neighbourhood radius")
+      ->required()->check(kPositive);
+  normalsCmd->add_option("--orient-neighbors", orientNeighbors,
+                         "Neighbour count of the orientation pass")
+      ->check(CLI::Range(0, 1000))->capture_default_str();
+
+  // filter
+  FilterOptions filter;
+  CLI::App* filterCmd = app.add_subcommand("filter", "Voxel, outlier, edge or Gaussian filter");
+  filterCmd->require_subcommand(1, 1);
+  auto filterSub = [&](const char* name, const char* what) {
+    CLI::App* sub = filterCmd->add_subcommand(name, what);
+    sub->add_option("input", filter.input, "Cloud file")->required();
+    sub->add_option("output", filter.output, "ASC file")->required();
+    sub->callback([&filter, name]() { filter.kind = name; });
+    return sub;
+  };
+  filterSub("voxel", "Keep the point nearest each voxel's centre (QorvVoxelFilter)")
+      ->add_option("--leaf", filter.leaf, "Voxel edge length")->required()->check(kPositive);
+  CLI::App* sorCmd = filterSub("sor", "Statistical outlier removal (QorvSORFilter)");
+  sorCmd->add_option("--k", filter.meanK, "Neighbours scored")
+      ->check(CLI::Range(1, 100000))->capture_default_str();
+  sorCmd->add_option("--std", filter.stdMul, "Deviation multiplier of the threshold")
+      ->check(kNonNegative)->capture_default_str();
+  filterSub("edge", "Keep boundary points (QorvEdgeFilter)")
+      ->add_option("--radius", filter.radius, "Neighbourhood radius")->required()->check(kPositive);
+  filterSub("gaussian", "Gaussian smoothing (QorvGaussianFilter)")
+      ->add_option("--radius", filter.radius, "Neighbourhood radius")->required()->check(kPositive);
+
+  // keypoints
+  KeyPointOptions keys;
+  CLI::App* keysCmd =
+      app.add_subcommand("keypoints", "Detect key points with descriptors (QorvDetectAndCompute)");
+  keysCmd->add_option("input", keys.input, "Cloud file (normals estimated when it has none)")
+      ->required();
+  keysCmd->add_option("output", keys.output, "ASC file of key points with their normals")
+      ->required();
+  keysCmd->add_option("--radius", keys.radius, "Detector neighbourhood")->required()->check(kPositive);
+  keysCmd->add_option("--non-max-radius", keys.nonMaxRadius, "Non-maximum suppression (0: off)")
+      ->check(kNonNegative);
+  keysCmd->add_option("--feature-radius", keys.featureRadius, "Default 2.5 x radius")->check(kPositive);
+  keysCmd->add_option("--histogram-radius", keys.histogramRadius, "Default 1.25 x radius")
+      ->check(kPositive);
+  keysCmd->add_option("--normal-radius", keys.normalRadius, "Default: radius")->check(kPositive);
+  keysCmd->add_option("--ratio21", keys.ratio21, "Bound on lambda2 / lambda1")
+      ->check(kPositive)->capture_default_str();
+  keysCmd->add_option("--ratio32", keys.ratio32, "Bound on lambda3 / lambda2")
+      ->check(kPositive)->capture_default_str();
+  keysCmd->add_option("--max", keys.maxKeyPoints, "Keep the best N (0: all)")
+      ->check(CLI::NonNegativeNumber);
+  keysCmd->add_option("--descriptors", keys.descriptors, "Also write the 33-float descriptors");
+
+  // transform
+  std::string transformIn, transformOut, matrix;
+  bool inverse = false;
+  CLI::App* transformCmd =
+      app.add_subcommand("transform", "Apply a rigid motion (QorvTransformPoints)");
+  transformCmd->add_option("input", transformIn, "Cloud file")->required();
+  transformCmd->add_option("output", transformOut, "ASC file")->required();
+  transformCmd->add_option("--matrix", matrix,
+                           "12 numbers (3 x 4 [R | t], row after row, as register prints) or 16 "
+                           "(4 x 4); @FILE reads them from a file")
+      ->required();
+  transformCmd->add_flag("--inverse", inverse, "Apply the inverse motion");
+
+  // demo
+  DemoOptions demo;
+  ChainFlags demoFlags;
+  CLI::App* demoCmd = app.add_subcommand(
+      "demo", "Cut two overlapping views from one scan, move one, register it back");
+  demoCmd->add_option("--data", demo.data, "Scan to cut the views from")->capture_default_str();
+  demoCmd->add_option("--snapshot", demo.snapshot, "PNG written")->capture_default_str();
+  demoCmd->add_option("--views", demo.viewsDir, "Folder to write the two views to (ASC)");
+  demoCmd->add_option("--overlap", demo.overlap, "Share of the scan's length in both views")
+      ->check(kOpenUnit)->capture_default_str();
+  demoCmd->add_option("--angle", demo.angleDegrees, "Rotation of the known motion, degrees")
+      ->check(CLI::Range(0.0, 180.0))->capture_default_str();
+  demoCmd->add_flag("--check", demo.check, "Exit with status 3 when the motion is not recovered");
+  AddChainOptions(demoCmd, demo.settings, demoFlags);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    std::string message = e.what();
+    if (message == "A subcommand is required") {
+      const std::vector<std::string> extra = app.remaining();
+      message = filterCmd->parsed() ? "filter needs one of: voxel, sor, edge, gaussian"
+                : !extra.empty()    ? "unknown command '" + extra.front() + "'"
+                                    : "a command is required: register, info, normals, filter, "
+                                      "keypoints, transform or demo";
+    }
+    std::fprintf(stderr, "qorv: error: %s\nRun 'qorv --help' or 'qorv COMMAND --help' for usage.\n",
+                 message.c_str());
+    return 2;
+  }
+
+  try {
+    RouteLibraryLog(global.quiet  ? LibraryLog::kDiscard
+                    : global.json ? LibraryLog::kStderr
+                                  : LibraryLog::kStdout);
+    int status = 0;
+    if (registerCmd->parsed()) {
+      regFlags.applyTo(reg.settings);
+      status = RunRegister(global, reg);
+    } else if (infoCmd->parsed()) {
+      status = RunInfo(global, infoPath);
+    } else if (normalsCmd->parsed()) {
+      status = RunNormals(global, normalsIn, normalsOut, normalsRadius, orientNeighbors);
+    } else if (filterCmd->parsed()) {
+      status = RunFilter(global, filter);
+    } else if (keysCmd->parsed()) {
+      status = RunKeyPoints(global, keys);
+    } else if (transformCmd->parsed()) {
+      status = RunTransform(global, transformIn, transformOut, matrix, inverse);
+    } else if (demoCmd->parsed()) {
+      demoFlags.applyTo(demo.settings);
+      status = RunDemo(global, demo);
+    }
+    FlushAll();
+    return status;
+  } catch (const ToolError& e) {
+    FlushAll();
+    std::fprintf(stderr, "qorv: error: %s\n", e.what());
+    return e.exitCode();
+  } catch (const std::bad_alloc&) {
+    FlushAll();
+    std::fprintf(stderr, "qorv: error: out of memory\n");
+    return 1;
+  } catch (const std::exception& e) {
+    FlushAll();
+    std::fprintf(stderr, "qorv: error: %s\n", e.what());
+    return 1;
+  }
+}

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace qorv::tools {
+
+// A rigid motion p -> R p + t in double precision.
+struct Rigid {
+  std::array<double, 9> r{1, 0, 0, 0, 1, 0, 0, 0, 1};  // row after row
+  std::array<double, 3> t{0, 0, 0};
+
+  // From / to the 3 x 4 [R | t] layout of the registration exports (translation at 3, 7, 11).
+  static Rigid FromMatrix3x4(const double* m);
+  std::array<double, 12> matrix3x4() const;
+  // The layout QorvTransformPoints takes: nine rotation values, then tx, ty, tz.
+  std::array<double, 12> transformLayout() const;
+
+  // Rotation of `angleRadians` about `axis` (normalised here) followed by translation t.
+  static Rigid FromAxisAngle(const std::array<double, 3>& axis, double angleRadians,
+                             const std::array<double, 3>& translation);
+
+  Rigid inverse() const;
+  Rigid operator*(const Rigid& other) const;  // this after other
+  std::array<double, 3> apply(const float* p) const;
+  double rotationAngleDegrees() const;  // angle of R
+};
+
+// Parses 12 numbers (3 x 4 [R | t]) or 16 numbers (4 x 4, last row 0 0 0 1) separated by
+// commas, spaces or line breaks. Throws ToolError on anything else.
+Rigid ParseMatrix(const std::string& text);
+
+// R p + t applied to packed points (in double, rounded to float), for checks and rendering.
+std::vector<float> Apply(const Rigid& motion, const std::vector<float>& points);
+
+}  // namespace qorv::tools
