@@ -47,8 +47,14 @@ void GenerateLargeFile() {
     const float length = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]) + 1e-12f;
     for (float& v : n) v /= length;
     const float r = 50.0f + 0.1f * gauss(rng);
-    const int chars = std::fprintf(file, "%f %f %f %f %f %f\n", double(r * n[0]), double(r * n[1]),
-                                   double(r * n[2]), double(n[0]), double(n[1]), double(n[2]));
+    const int chars = std::fprintf(file,
+                                   "%f %f %f %f %f %f\n",
+                                   double(r * n[0]),
+                                   double(r * n[1]),
+                                   double(r * n[2]),
+                                   double(n[0]),
+                                   double(n[1]),
+                                   double(n[2]));
     if (chars < 0) break;
     written += chars;
   }
@@ -116,11 +122,14 @@ BENCHMARK_CAPTURE(BM_ParseAsc, dragon_res2, kDragonPath)->Unit(benchmark::kMilli
 BENCHMARK_CAPTURE(BM_ReadAscFile, dragon_res2, kDragonPath)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_StrtofLoop, dragon_res2, kDragonPath)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_ParseAsc, generated_300mb, kLargePath)
-    ->Unit(benchmark::kMillisecond)->Iterations(3);
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
 BENCHMARK_CAPTURE(BM_ReadAscFile, generated_300mb, kLargePath)
-    ->Unit(benchmark::kMillisecond)->Iterations(3);
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
 BENCHMARK_CAPTURE(BM_StrtofLoop, generated_300mb, kLargePath)
-    ->Unit(benchmark::kMillisecond)->Iterations(2);
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2);
 
 }  // namespace
 

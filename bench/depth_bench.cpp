@@ -23,8 +23,9 @@ std::vector<float> SyntheticDepth() {
   std::vector<float> depth(static_cast<size_t>(kWidth) * kHeight);
   for (int32_t r = 0; r < kHeight; ++r) {
     for (int32_t c = 0; c < kWidth; ++c) {
-      float z = 3.0f + 0.002f * static_cast<float>(c) +
-                0.15f * std::sin(static_cast<float>(c) / 25.0f) * std::cos(static_cast<float>(r) / 30.0f);
+      float z =
+          3.0f + 0.002f * static_cast<float>(c) +
+          0.15f * std::sin(static_cast<float>(c) / 25.0f) * std::cos(static_cast<float>(r) / 30.0f);
       const bool box1 = r > 80 && r < 200 && c > 60 && c < 220;
       const bool box2 = r > 250 && r < 420 && c > 300 && c < 420;
       const bool box3 = r > 120 && r < 300 && c > 470 && c < 600;
@@ -43,12 +44,13 @@ struct Maps {
   std::vector<uint8_t> mask = std::vector<uint8_t>(depth.size());
 
   Maps() {
-    qorv::DepthToVertexMap({depth.data(), 0, kWidth, kHeight}, kCamera,
-                           {vertices.data(), 0, kWidth, kHeight});
+    qorv::DepthToVertexMap(
+        {depth.data(), 0, kWidth, kHeight}, kCamera, {vertices.data(), 0, kWidth, kHeight});
     qorv::VertexToNormalMap({vertices.data(), 0, kWidth, kHeight},
                             {normals.data(), 0, kWidth, kHeight});
     qorv::ComputeValidMask({vertices.data(), 0, kWidth, kHeight},
-                           {normals.data(), 0, kWidth, kHeight}, {mask.data(), 0, kWidth, kHeight});
+                           {normals.data(), 0, kWidth, kHeight},
+                           {mask.data(), 0, kWidth, kHeight});
   }
   qorv::OrganizedMaps view() const {
     return {vertices.data(), normals.data(), mask.data(), kWidth, kHeight};
@@ -68,8 +70,8 @@ void BM_DepthToVmapNmap(benchmark::State& state) {
   std::vector<float> vertices(depth.size() * 3), normals(depth.size() * 3);
   std::vector<uint8_t> mask(depth.size());
   for (auto _ : state) {
-    qorv::DepthToVertexMap({depth.data(), 0, kWidth, kHeight}, kCamera,
-                           {vertices.data(), 0, kWidth, kHeight});
+    qorv::DepthToVertexMap(
+        {depth.data(), 0, kWidth, kHeight}, kCamera, {vertices.data(), 0, kWidth, kHeight});
     if (withNormals) {
       qorv::VertexToNormalMap({vertices.data(), 0, kWidth, kHeight},
                               {normals.data(), 0, kWidth, kHeight});

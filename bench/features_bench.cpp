@@ -81,9 +81,12 @@ void BM_DetectAndCompute(benchmark::State& state) {
   const PointKdTree tree(scene.cloud.points.data(), scene.cloud.count);
   int32_t keyPoints = 0;
   for (auto _ : state) {
-    const qorv::KeyPointFeatures f = qorv::DetectAndCompute(
-        tree, scene.normals.data(), setting.params, setting.featureRadius, setting.histogramRadius,
-        exec);
+    const qorv::KeyPointFeatures f = qorv::DetectAndCompute(tree,
+                                                            scene.normals.data(),
+                                                            setting.params,
+                                                            setting.featureRadius,
+                                                            setting.histogramRadius,
+                                                            exec);
     keyPoints = f.count();
     benchmark::DoNotOptimize(f.descriptors.data());
   }
@@ -114,9 +117,14 @@ void BM_ComputeDescriptors(benchmark::State& state) {
   for (int32_t i = 0; i < static_cast<int32_t>(scene.cloud.count); i += 20) keyPoints.push_back(i);
   std::vector<float> descriptors(keyPoints.size() * qorv::kDescriptorSize);
   for (auto _ : state) {
-    qorv::ComputeDescriptors(tree, scene.normals.data(), keyPoints.data(),
-                             static_cast<int32_t>(keyPoints.size()), setting.featureRadius,
-                             setting.histogramRadius, exec, descriptors.data());
+    qorv::ComputeDescriptors(tree,
+                             scene.normals.data(),
+                             keyPoints.data(),
+                             static_cast<int32_t>(keyPoints.size()),
+                             setting.featureRadius,
+                             setting.histogramRadius,
+                             exec,
+                             descriptors.data());
     benchmark::DoNotOptimize(descriptors.data());
   }
   state.counters["keyPoints"] = static_cast<double>(keyPoints.size());

@@ -6,9 +6,6 @@
 // multi-threaded one on every OpenMP thread ("threads:2" on our two-core machines). The
 // "literal" cases run the exhaustive matcher the plain way (one distance at a time, the cross
 // check rescanning all queries) as the baseline of the vector code.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -24,6 +21,9 @@
 #include "registration/distance_check.hpp"
 #include "registration/iterative_matching.hpp"
 #include "registration/ransac_matching.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -70,9 +70,11 @@ std::vector<float> Cloud(int32_t count, uint32_t seed) {
 }
 
 // Rotation by 0.3 rad about (0, 0.6, 0.8) and a shift.
+// clang-format off
 const float kTruth[12] = {0.9553365f,  -0.2364162f, 0.1773121f, 0.2364162f, 0.9714154f,
                           0.0214385f,  -0.1773121f, 0.0214385f, 0.9839211f, 0.2f,
                           -0.1f,       0.05f};
+// clang-format on
 
 std::vector<float> Moved(const std::vector<float>& points, bool rotateOnly = false) {
   std::vector<float> out(points.size());
@@ -89,7 +91,8 @@ Execution ExecutionFor(const benchmark::State& state, int arg) {
   return Execution{state.range(arg) > 1};
 }
 
-// ---- Descriptor matching -------------------------------------------------------------------------
+// ---- Descriptor matching
+// -------------------------------------------------------------------------
 
 void BM_MatchExhaustive(benchmark::State& state) {
   const int32_t n = static_cast<int32_t>(state.range(0));
@@ -99,8 +102,14 @@ void BM_MatchExhaustive(benchmark::State& state) {
   std::vector<int32_t> indices(n);
   std::vector<float> distances(n);
   for (auto _ : state) {
-    qorv::MatchDescriptorsExhaustive(targets.data(), n, queries.data(), n, crossCheck,
-                                     ExecutionFor(state, 2), indices.data(), distances.data());
+    qorv::MatchDescriptorsExhaustive(targets.data(),
+                                     n,
+                                     queries.data(),
+                                     n,
+                                     crossCheck,
+                                     ExecutionFor(state, 2),
+                                     indices.data(),
+                                     distances.data());
     benchmark::DoNotOptimize(indices.data());
   }
   state.counters["pairs/s"] =
@@ -133,9 +142,9 @@ void BM_MatchExhaustiveLiteral(benchmark::State& state) {
       }
       if (crossCheck) {
         for (int32_t j = 0; j < n; ++j) {
-          if (j != q && qorv::DescriptorDistanceSq(&queries[33 * static_cast<size_t>(j)],
-                                                   &targets[33 * static_cast<size_t>(best)]) <
-                            bestSq) {
+          if (j != q &&
+              qorv::DescriptorDistanceSq(&queries[33 * static_cast<size_t>(j)],
+                                         &targets[33 * static_cast<size_t>(best)]) < bestSq) {
             best = -1;
             break;
           }
@@ -160,8 +169,14 @@ void BM_MatchKnn(benchmark::State& state) {
   std::vector<int32_t> indices(static_cast<size_t>(n) * k);
   std::vector<float> distances(static_cast<size_t>(n) * k);
   for (auto _ : state) {
-    qorv::MatchDescriptorsKnn(targets.data(), n, queries.data(), n, k, ExecutionFor(state, 1),
-                              indices.data(), distances.data());
+    qorv::MatchDescriptorsKnn(targets.data(),
+                              n,
+                              queries.data(),
+                              n,
+                              k,
+                              ExecutionFor(state, 1),
+                              indices.data(),
+                              distances.data());
     benchmark::DoNotOptimize(indices.data());
   }
 }
@@ -192,11 +207,15 @@ struct KeyPoints {
     }
   }
   qorv::KeyPointSet first() const {
-    return {points1.data(), normals1.data(), descriptors.data(),
+    return {points1.data(),
+            normals1.data(),
+            descriptors.data(),
             static_cast<int32_t>(points1.size() / 3)};
   }
   qorv::KeyPointSet second() const {
-    return {points2.data(), normals2.data(), descriptors.data(),
+    return {points2.data(),
+            normals2.data(),
+            descriptors.data(),
             static_cast<int32_t>(points2.size() / 3)};
   }
 };
@@ -211,8 +230,8 @@ void BM_Ransac(benchmark::State& state) {
   {
     QuietStdout quiet;
     for (auto _ : state) {
-      count = qorv::RansacMatch(kp.first(), kp.second(), params, true, ExecutionFor(state, 1), 7,
-                                transform, matches);
+      count = qorv::RansacMatch(
+          kp.first(), kp.second(), params, true, ExecutionFor(state, 1), 7, transform, matches);
     }
   }
   state.counters["inliers"] = count;
@@ -243,8 +262,8 @@ void BM_IterativeMatch(benchmark::State& state) {
   QuietStdout quiet;
   for (auto _ : state) {
     double transform[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
-    benchmark::DoNotOptimize(qorv::IterativeMatch(kp.first(), kp.second(), params, true,
-                                                  ExecutionFor(state, 0), transform, matches));
+    benchmark::DoNotOptimize(qorv::IterativeMatch(
+        kp.first(), kp.second(), params, true, ExecutionFor(state, 0), transform, matches));
   }
 }
 BENCHMARK(BM_IterativeMatch)
@@ -254,7 +273,8 @@ BENCHMARK(BM_IterativeMatch)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-// ---- Distance check ------------------------------------------------------------------------------
+// ---- Distance check
+// ------------------------------------------------------------------------------
 
 const std::vector<float>& Dragon() {
   static const std::vector<float> points = [] {
@@ -280,9 +300,8 @@ void BM_CheckDistance(benchmark::State& state) {
   const int32_t k = static_cast<int32_t>(state.range(0));
   QuietStdout quiet;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(qorv::CheckDistance(points.data(),
-                                                 static_cast<int32_t>(points.size() / 3), k,
-                                                 ExecutionFor(state, 1)));
+    benchmark::DoNotOptimize(qorv::CheckDistance(
+        points.data(), static_cast<int32_t>(points.size() / 3), k, ExecutionFor(state, 1)));
   }
   state.counters["points"] = static_cast<double>(points.size() / 3);
 }

@@ -37,8 +37,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     SameBits(cloud.points, ref.points) && SameBits(cloud.normals, ref.normals) &&
                     SameBits(cloud.colours, ref.colours);
   if (!same) {
-    std::fprintf(stderr, "mismatch: columns %d/%d count %lld/%lld\n", cloud.columns, ref.columns,
-                 static_cast<long long>(cloud.count), static_cast<long long>(ref.count));
+    std::fprintf(stderr,
+                 "mismatch: columns %d/%d count %lld/%lld\n",
+                 cloud.columns,
+                 ref.columns,
+                 static_cast<long long>(cloud.count),
+                 static_cast<long long>(ref.count));
     __builtin_trap();
   }
   return 0;

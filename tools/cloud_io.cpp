@@ -20,9 +20,19 @@ namespace {
 constexpr int64_t kMaxPoints = std::numeric_limits<int32_t>::max();
 
 std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) {
+    return static_cast<char>(std::tolower(c));
+  });
   return text;
+}
+
+// File content quoted in a message: at most 40 bytes, anything but printable ASCII as '?'.
+std::string Quote(const std::string& text) {
+  std::string out = text.substr(0, 40);
+  for (char& c : out) {
+    if (c < 0x20 || c > 0x7e) c = '?';
+  }
+  return "'" + out + (text.size() > 40 ? "...'" : "'");
 }
 
 std::string Extension(const std::string& path) {
@@ -144,8 +154,8 @@ class TextNumbers {
     char* end = nullptr;
     const double value = std::strtod(begin, &end);
     if (end == begin) {
-      throw ToolError("'" + path_ + "': not a number: '" +
-                      text_.substr(pos_, std::min<size_t>(20, text_.size() - pos_)) + "'");
+      throw ToolError("'" + path_ + "': not a number: " +
+                      Quote(text_.substr(pos_, std::min<size_t>(20, text_.size() - pos_))));
     }
     pos_ += static_cast<size_t>(end - begin);
     return value;
@@ -159,8 +169,11 @@ class TextNumbers {
 
 // Splits the header (lines up to and including the line `last`) into lines; returns the
 // offset of the body. Lines may end in "\r\n".
-size_t HeaderLines(const std::string& bytes, const std::string& last, const std::string& path,
-                   std::vector<std::string>& lines, const char* format) {
+size_t HeaderLines(const std::string& bytes,
+                   const std::string& last,
+                   const std::string& path,
+                   std::vector<std::string>& lines,
+                   const char* format) {
   size_t pos = 0;
   while (pos < bytes.size()) {
     size_t end = bytes.find('\n', pos);
@@ -190,7 +203,7 @@ int64_t ParseCount(const std::string& text, const std::string& path, const char*
   errno = 0;
   const long long value = std::strtoll(text.c_str(), &end, 10);
   if (errno != 0 || end == text.c_str() || *end != '\0' || value < 0) {
-    throw ToolError("'" + path + "': bad " + what + " '" + text + "'");
+    throw ToolError("'" + path + "': bad " + what + " " + Quote(text));
   }
   return value;
 }
@@ -248,17 +261,26 @@ void CheckCount(int64_t count, const std::string& path) {
 // ---- PLY ----------------------------------------------------------------------------------
 
 Scalar PlyScalar(const std::string& name, const std::string& path) {
-  static const std::pair<const char*, Scalar> kNames[] = {
-      {"char", Scalar::kInt8},       {"int8", Scalar::kInt8},      {"uchar", Scalar::kUint8},
-      {"uint8", Scalar::kUint8},     {"short", Scalar::kInt16},    {"int16", Scalar::kInt16},
-      {"ushort", Scalar::kUint16},   {"uint16", Scalar::kUint16},  {"int", Scalar::kInt32},
-      {"int32", Scalar::kInt32},     {"uint", Scalar::kUint32},    {"uint32", Scalar::kUint32},
-      {"float", Scalar::kFloat32},   {"float32", Scalar::kFloat32}, {"double", Scalar::kFloat64},
-      {"float64", Scalar::kFloat64}};
+  static const std::pair<const char*, Scalar> kNames[] = {{"char", Scalar::kInt8},
+                                                          {"int8", Scalar::kInt8},
+                                                          {"uchar", Scalar::kUint8},
+                                                          {"uint8", Scalar::kUint8},
+                                                          {"short", Scalar::kInt16},
+                                                          {"int16", Scalar::kInt16},
+                                                          {"ushort", Scalar::kUint16},
+                                                          {"uint16", Scalar::kUint16},
+                                                          {"int", Scalar::kInt32},
+                                                          {"int32", Scalar::kInt32},
+                                                          {"uint", Scalar::kUint32},
+                                                          {"uint32", Scalar::kUint32},
+                                                          {"float", Scalar::kFloat32},
+                                                          {"float32", Scalar::kFloat32},
+                                                          {"double", Scalar::kFloat64},
+                                                          {"float64", Scalar::kFloat64}};
   for (const auto& [text, type] : kNames) {
     if (name == text) return type;
   }
-  throw ToolError("'" + path + "': unknown PLY property type '" + name + "'");
+  throw ToolError("'" + path + "': unknown PLY property type " + Quote(name));
 }
 
 struct PlyProperty {
@@ -317,21 +339,23 @@ Cloud ParsePly(const std::string& bytes, const std::string& path) {
         property.type = PlyScalar(w[1], path);
         property.name = w[2];
       } else {
-        throw ToolError("'" + path + "': bad PLY property line '" + line + "'");
+        throw ToolError("'" + path + "': bad PLY property line " + Quote(line));
       }
       elements.back().properties.push_back(property);
     } else {
-      throw ToolError("'" + path + "': unexpected PLY header line '" + line + "'");
+      throw ToolError("'" + path + "': unexpected PLY header line " + Quote(line));
     }
   }
   const bool ascii = format == "ascii";
   const bool bigEndian = format == "binary_big_endian";
   if (!ascii && !bigEndian && format != "binary_little_endian") {
-    throw ToolError("'" + path + "': unsupported PLY format '" + format + "'");
+    throw ToolError("'" + path + "': unsupported PLY format " + Quote(format));
   }
   Cloud cloud;
-  cloud.format = std::string("ply (") + (ascii ? "ascii" : bigEndian ? "binary big endian"
-                                                                      : "binary little endian") +
+  cloud.format = std::string("ply (") +
+                 (ascii       ? "ascii"
+                  : bigEndian ? "binary big endian"
+                              : "binary little endian") +
                  ")";
   TextNumbers text(bytes, body, path);
   size_t pos = body;
@@ -373,6 +397,7 @@ Cloud ParsePly(const std::string& bytes, const std::string& path) {
       Reserve(cloud, element.count, slots);
       sawVertex = true;
     }
+    if (element.properties.empty()) continue;  // nothing stored, nothing to read
     std::vector<double> values(element.properties.size());
     for (int64_t i = 0; i < element.count; ++i) {
       for (size_t p = 0; p < element.properties.size(); ++p) {
@@ -436,13 +461,19 @@ Cloud ParsePcd(const std::string& bytes, const std::string& path) {
       counts.size() != fields.size()) {
     throw ToolError("'" + path + "': PCD header needs FIELDS, SIZE and TYPE of equal length");
   }
-  if (points < 0) points = width >= 0 ? width * height : -1;
+  if (points < 0 && width >= 0) {
+    if (static_cast<double>(width) * static_cast<double>(height) >
+        static_cast<double>(kMaxPoints)) {
+      throw ToolError("'" + path + "' holds more points than supported");
+    }
+    points = width * height;
+  }
   if (points < 0) throw ToolError("'" + path + "': PCD header has no POINTS");
   if (data == "binary_compressed") {
     throw ToolError("'" + path + "': compressed PCD data is not supported");
   }
   if (data != "ascii" && data != "binary") {
-    throw ToolError("'" + path + "': unsupported PCD DATA '" + data + "'");
+    throw ToolError("'" + path + "': unsupported PCD DATA " + Quote(data));
   }
   // One value slot per field element; a field with COUNT > 1 takes several.
   std::vector<Scalar> slotTypes;
@@ -462,8 +493,8 @@ Cloud ParsePcd(const std::string& bytes, const std::string& path) {
              : size == 2 ? (isSigned ? Scalar::kInt16 : Scalar::kUint16)
                          : (isSigned ? Scalar::kInt32 : Scalar::kUint32);
     } else {
-      throw ToolError("'" + path + "': unsupported PCD field type " + std::string(1, types[f]) +
-                      std::to_string(size));
+      throw ToolError("'" + path + "': unsupported PCD field type " +
+                      Quote(std::string(1, types[f]) + std::to_string(size)));
     }
     if (counts[f] < 1 || counts[f] > 4096) throw ToolError("'" + path + "': bad PCD COUNT");
     const int first = static_cast<int>(slotTypes.size());
@@ -528,8 +559,11 @@ struct AscReceiver {
   bool tooLarge = false;
 };
 
-int32_t ReceiveAsc(const float* points, const float* normals, const unsigned char* colours,
-                   int64_t count, void* user) {
+int32_t ReceiveAsc(const float* points,
+                   const float* normals,
+                   const unsigned char* colours,
+                   int64_t count,
+                   void* user) {
   auto* receiver = static_cast<AscReceiver*>(user);
   if (count > kMaxPoints) {
     receiver->tooLarge = true;
@@ -583,13 +617,17 @@ Cloud ReadCloud(QorvInstance* inst, const std::string& path) {
 void WriteCloud(QorvInstance* inst, const std::string& path, const Cloud& cloud) {
   const std::string ext = Extension(path);
   if (ext == ".ply" || ext == ".pcd") {
-    throw ToolError("output '" + path + "': clouds are written as ASC text; use a name ending in "
+    throw ToolError("output '" + path +
+                    "': clouds are written as ASC text; use a name ending in "
                     ".asc, .xyz or .txt");
   }
   if (cloud.size() == 0) throw ToolError("nothing to write to '" + path + "': no point left");
-  const QorvResult code = QorvWritePointsToASC(
-      inst, path.c_str(), cloud.points.data(), cloud.hasNormals() ? cloud.normals.data() : nullptr,
-      cloud.hasColours() ? cloud.colours.data() : nullptr, cloud.size());
+  const QorvResult code = QorvWritePointsToASC(inst,
+                                               path.c_str(),
+                                               cloud.points.data(),
+                                               cloud.hasNormals() ? cloud.normals.data() : nullptr,
+                                               cloud.hasColours() ? cloud.colours.data() : nullptr,
+                                               cloud.size());
   if (code == QORV_ERROR_FILE) throw ToolError("cannot write '" + path + "'");
   Check(code, "QorvWritePointsToASC", "writing '" + path + "'");
 }

@@ -12,11 +12,11 @@ namespace qorv::tools {
 
 // A point cloud as the exports take it: packed float triples, optional normals and colours.
 struct Cloud {
-  std::vector<float> points;          // 3 per point
-  std::vector<float> normals;         // empty or 3 per point
+  std::vector<float> points;           // 3 per point
+  std::vector<float> normals;          // empty or 3 per point
   std::vector<unsigned char> colours;  // empty or 3 per point
-  std::string format;                 // "asc", "ply (ascii)", "pcd (binary)", ...
-  int64_t droppedNonFinite = 0;       // points with a NaN or infinite coordinate left out
+  std::string format;                  // "asc", "ply (ascii)", "pcd (binary)", ...
+  int64_t droppedNonFinite = 0;        // points with a NaN or infinite coordinate left out
 
   int32_t size() const { return static_cast<int32_t>(points.size() / 3); }
   bool hasNormals() const { return !normals.empty(); }

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <limits>
 
 #include "json_writer.hpp"
 
@@ -31,8 +32,13 @@ void CollectKeyPoints(const QorvKeyPointResult* result, void* user) {
 }
 
 // One summary line, or a JSON object, for a command that turned `input` into `output`.
-void ReportWritten(const GlobalOptions& global, const char* command, const std::string& input,
-                   int32_t pointsIn, const std::string& output, int32_t pointsOut, double ms,
+void ReportWritten(const GlobalOptions& global,
+                   const char* command,
+                   const std::string& input,
+                   int32_t pointsIn,
+                   const std::string& output,
+                   int32_t pointsOut,
+                   double ms,
                    const std::string& note = "") {
   FlushAll();
   if (global.json) {
@@ -45,8 +51,14 @@ void ReportWritten(const GlobalOptions& global, const char* command, const std::
     json.endObject();
     std::fputs(json.str().c_str(), Out());
   } else {
-    std::fprintf(Out(), "%s: %d of %d points written to %s%s (%.1f ms)\n", command, pointsOut,
-                 pointsIn, output.c_str(), note.c_str(), ms);
+    std::fprintf(Out(),
+                 "%s: %d of %d points written to %s%s (%.1f ms)\n",
+                 command,
+                 pointsOut,
+                 pointsIn,
+                 output.c_str(),
+                 note.c_str(),
+                 ms);
   }
   std::fflush(Out());
 }
@@ -67,9 +79,13 @@ int RunInfo(const GlobalOptions& global, const std::string& path) {
       sum[c] += v;
     }
   }
-  float spacing = 0.0f;
-  Check(QorvCheckDistance(session.get(), cloud.points.data(), cloud.size(), 2, &spacing),
-        "QorvCheckDistance", "measuring the spacing of '" + path + "'");
+  // The spacing needs a neighbour: a single point has none.
+  float spacing = std::numeric_limits<float>::quiet_NaN();
+  if (cloud.size() >= 2) {
+    Check(QorvCheckDistance(session.get(), cloud.points.data(), cloud.size(), 2, &spacing),
+          "QorvCheckDistance",
+          "measuring the spacing of '" + path + "'");
+  }
   const double centroid[3] = {sum[0] / cloud.size(), sum[1] / cloud.size(), sum[2] / cloud.size()};
   const double extent[3] = {hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]};
   FlushAll();
@@ -89,31 +105,47 @@ int RunInfo(const GlobalOptions& global, const std::string& path) {
     std::fputs(json.str().c_str(), out);
   } else {
     std::fprintf(out, "file      %s (%s)\n", path.c_str(), cloud.format.c_str());
-    std::fprintf(out, "points    %d%s%s\n", cloud.size(), cloud.hasNormals() ? ", normals" : "",
+    std::fprintf(out,
+                 "points    %d%s%s\n",
+                 cloud.size(),
+                 cloud.hasNormals() ? ", normals" : "",
                  cloud.hasColours() ? ", colours" : "");
     if (cloud.droppedNonFinite > 0) {
-      std::fprintf(out, "dropped   %lld points with non-finite coordinates\n",
+      std::fprintf(out,
+                   "dropped   %lld points with non-finite coordinates\n",
                    static_cast<long long>(cloud.droppedNonFinite));
     }
     std::fprintf(out, "min       %.6g %.6g %.6g\n", lo[0], lo[1], lo[2]);
     std::fprintf(out, "max       %.6g %.6g %.6g\n", hi[0], hi[1], hi[2]);
     std::fprintf(out, "extent    %.6g %.6g %.6g\n", extent[0], extent[1], extent[2]);
     std::fprintf(out, "centroid  %.6g %.6g %.6g\n", centroid[0], centroid[1], centroid[2]);
-    std::fprintf(out, "spacing   %.6g (mean distance to the nearest neighbour)\n", spacing);
+    if (std::isnan(spacing)) {
+      std::fprintf(out, "spacing   none (a single point)\n");
+    } else {
+      std::fprintf(out, "spacing   %.6g (mean distance to the nearest neighbour)\n", spacing);
+    }
   }
   std::fflush(out);
   return 0;
 }
 
-int RunNormals(const GlobalOptions& global, const std::string& input, const std::string& output,
-               float radius, int32_t orientNeighbors) {
+int RunNormals(const GlobalOptions& global,
+               const std::string& input,
+               const std::string& output,
+               float radius,
+               int32_t orientNeighbors) {
   Session session(global.threads);
   Cloud cloud = ReadCloud(session.get(), input);
   const double start = Now();
   std::vector<float> normals(cloud.points.size());
-  Check(QorvComputeNormals(session.get(), cloud.points.data(), normals.data(), cloud.size(),
-                           orientNeighbors, radius),
-        "QorvComputeNormals", "estimating normals");
+  Check(QorvComputeNormals(session.get(),
+                           cloud.points.data(),
+                           normals.data(),
+                           cloud.size(),
+                           orientNeighbors,
+                           radius),
+        "QorvComputeNormals",
+        "estimating normals");
   const double ms = Now() - start;
   cloud.normals.swap(normals);
   int32_t zero = 0;
@@ -122,7 +154,13 @@ int RunNormals(const GlobalOptions& global, const std::string& input, const std:
     if (n[0] == 0.0f && n[1] == 0.0f && n[2] == 0.0f) ++zero;
   }
   WriteCloud(session.get(), output, cloud);
-  ReportWritten(global, "normals", input, cloud.size(), output, cloud.size(), ms,
+  ReportWritten(global,
+                "normals",
+                input,
+                cloud.size(),
+                output,
+                cloud.size(),
+                ms,
                 zero > 0 ? " (" + std::to_string(zero) + " without a normal: too few neighbours)"
                          : std::string());
   return 0;
@@ -136,22 +174,26 @@ int RunFilter(const GlobalOptions& global, const FilterOptions& o) {
   Cloud result;
   if (o.kind == "gaussian") {
     result = cloud;
-    Check(QorvGaussianFilter(inst, cloud.points.data(), result.points.data(), cloud.size(),
-                             o.radius),
-          "QorvGaussianFilter", "smoothing");
+    Check(
+        QorvGaussianFilter(inst, cloud.points.data(), result.points.data(), cloud.size(), o.radius),
+        "QorvGaussianFilter",
+        "smoothing");
   } else {
     std::vector<int32_t> kept;
     if (o.kind == "voxel") {
       Check(QorvVoxelFilter(inst, cloud.points.data(), cloud.size(), o.leaf, CollectIndices, &kept),
-            "QorvVoxelFilter", "voxel filtering");
+            "QorvVoxelFilter",
+            "voxel filtering");
     } else if (o.kind == "sor") {
-      Check(QorvSORFilter(inst, cloud.points.data(), cloud.size(), o.meanK, o.stdMul,
-                          CollectIndices, &kept),
-            "QorvSORFilter", "removing outliers");
+      Check(QorvSORFilter(
+                inst, cloud.points.data(), cloud.size(), o.meanK, o.stdMul, CollectIndices, &kept),
+            "QorvSORFilter",
+            "removing outliers");
     } else {
-      Check(QorvEdgeFilter(inst, cloud.points.data(), cloud.size(), o.radius, CollectIndices,
-                           &kept),
-            "QorvEdgeFilter", "finding edge points");
+      Check(
+          QorvEdgeFilter(inst, cloud.points.data(), cloud.size(), o.radius, CollectIndices, &kept),
+          "QorvEdgeFilter",
+          "finding edge points");
     }
     result = cloud.subset(kept);
   }
@@ -160,8 +202,8 @@ int RunFilter(const GlobalOptions& global, const FilterOptions& o) {
     throw ToolError(o.kind + " filter kept no point of '" + o.input + "'; nothing written");
   }
   WriteCloud(inst, o.output, result);
-  ReportWritten(global, ("filter " + o.kind).c_str(), o.input, cloud.size(), o.output,
-                result.size(), ms);
+  ReportWritten(
+      global, ("filter " + o.kind).c_str(), o.input, cloud.size(), o.output, result.size(), ms);
   return 0;
 }
 
@@ -172,17 +214,31 @@ int RunKeyPoints(const GlobalOptions& global, const KeyPointOptions& o) {
   const double start = Now();
   if (!cloud.hasNormals()) {
     cloud.normals.assign(cloud.points.size(), 0.0f);
-    Check(QorvComputeNormals(inst, cloud.points.data(), cloud.normals.data(), cloud.size(), 10,
+    Check(QorvComputeNormals(inst,
+                             cloud.points.data(),
+                             cloud.normals.data(),
+                             cloud.size(),
+                             10,
                              o.normalRadius > 0.0f ? o.normalRadius : o.radius),
-          "QorvComputeNormals", "estimating normals");
+          "QorvComputeNormals",
+          "estimating normals");
   }
   KeyPointCopy keys;
-  Check(QorvDetectAndCompute(inst, cloud.points.data(), cloud.normals.data(), cloud.size(),
-                             o.radius, o.nonMaxRadius,
+  Check(QorvDetectAndCompute(inst,
+                             cloud.points.data(),
+                             cloud.normals.data(),
+                             cloud.size(),
+                             o.radius,
+                             o.nonMaxRadius,
                              o.featureRadius > 0.0f ? o.featureRadius : 2.5f * o.radius,
                              o.histogramRadius > 0.0f ? o.histogramRadius : 1.25f * o.radius,
-                             o.ratio21, o.ratio32, o.maxKeyPoints, CollectKeyPoints, &keys),
-        "QorvDetectAndCompute", "detecting key points");
+                             o.ratio21,
+                             o.ratio32,
+                             o.maxKeyPoints,
+                             CollectKeyPoints,
+                             &keys),
+        "QorvDetectAndCompute",
+        "detecting key points");
   const double ms = Now() - start;
   Cloud result;
   result.points = keys.positions;
@@ -201,14 +257,18 @@ int RunKeyPoints(const GlobalOptions& global, const KeyPointOptions& o) {
       }
       std::fputc('\n', file);
     }
-    if (std::fclose(file) != 0) throw ToolError("cannot write descriptors to '" + o.descriptors + "'");
+    if (std::fclose(file) != 0)
+      throw ToolError("cannot write descriptors to '" + o.descriptors + "'");
   }
   ReportWritten(global, "keypoints", o.input, cloud.size(), o.output, result.size(), ms);
   return 0;
 }
 
-int RunTransform(const GlobalOptions& global, const std::string& input, const std::string& output,
-                 const std::string& matrix, bool inverse) {
+int RunTransform(const GlobalOptions& global,
+                 const std::string& input,
+                 const std::string& output,
+                 const std::string& matrix,
+                 bool inverse) {
   std::string text = matrix;
   if (!text.empty() && text[0] == '@') {  // @FILE: numbers read from a file
     std::ifstream in(text.substr(1));

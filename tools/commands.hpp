@@ -28,8 +28,8 @@ struct FilterOptions {
 
 struct KeyPointOptions {
   std::string input, output, descriptors;
-  float radius = 0.0f;        // detector neighbourhood
-  float nonMaxRadius = 0.0f;  // 0: none
+  float radius = 0.0f;           // detector neighbourhood
+  float nonMaxRadius = 0.0f;     // 0: none
   float featureRadius = 0.0f;    // 0: 2.5 x radius
   float histogramRadius = 0.0f;  // 0: 1.25 x radius
   float normalRadius = 0.0f;     // normals when the input has none; 0: radius
@@ -56,12 +56,18 @@ struct DemoOptions {
 };
 
 int RunInfo(const GlobalOptions& global, const std::string& path);
-int RunNormals(const GlobalOptions& global, const std::string& input, const std::string& output,
-               float radius, int32_t orientNeighbors);
+int RunNormals(const GlobalOptions& global,
+               const std::string& input,
+               const std::string& output,
+               float radius,
+               int32_t orientNeighbors);
 int RunFilter(const GlobalOptions& global, const FilterOptions& options);
 int RunKeyPoints(const GlobalOptions& global, const KeyPointOptions& options);
-int RunTransform(const GlobalOptions& global, const std::string& input, const std::string& output,
-                 const std::string& matrix, bool inverse);
+int RunTransform(const GlobalOptions& global,
+                 const std::string& input,
+                 const std::string& output,
+                 const std::string& matrix,
+                 bool inverse);
 int RunRegister(const GlobalOptions& global, RegisterOptions options);
 int RunDemo(const GlobalOptions& global, const DemoOptions& options);
 

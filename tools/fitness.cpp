@@ -38,8 +38,7 @@ Cell CellOf(const float* p, double inverse) {
 
 }  // namespace
 
-double Fitness(const std::vector<float>& reference, const std::vector<float>& query,
-               float radius) {
+double Fitness(const std::vector<float>& reference, const std::vector<float>& query, float radius) {
   const size_t queryCount = query.size() / 3;
   if (queryCount == 0 || !(radius > 0.0f) || !std::isfinite(radius)) return 0.0;
   const double inverse = 1.0 / radius;

@@ -11,7 +11,6 @@ namespace qorv::tools {
 // found through a uniform grid of cell size `radius` over the reference: each query looks at the
 // 27 cells around it, so the cost is linear in the point counts for surface-like clouds.
 // Non-finite points never match. Returns 0 for an empty query or a radius that is not > 0.
-double Fitness(const std::vector<float>& reference, const std::vector<float>& query,
-               float radius);
+double Fitness(const std::vector<float>& reference, const std::vector<float>& query, float radius);
 
 }  // namespace qorv::tools

@@ -2,8 +2,6 @@
 // Copyright (c) 2026 The Qorv developers
 // The qorv command-line tool: option parsing and dispatch. Every command works through the
 // library's C interface only.
-#include <CLI/CLI.hpp>
-
 #include <cmath>
 #include <cstdio>
 #include <new>
@@ -11,6 +9,8 @@
 
 #include "commands.hpp"
 #include "session.hpp"
+
+#include <CLI/CLI.hpp>
 
 #ifndef QORV_TOOL_VERSION
 #define QORV_TOOL_VERSION "unknown"
@@ -73,46 +73,73 @@ struct ChainFlags {
 void AddChainOptions(CLI::App* sub, RegisterSettings& s, ChainFlags& flags) {
   ChainParams& p = s.chain;
   const char* group = "Registration chain (lengths in units of the resolution s)";
-  sub->add_option("--resolution", s.resolution,
+  sub->add_option("--resolution",
+                  s.resolution,
                   "Length s scaling every step (default: chosen from the clouds' mean spacing)")
       ->check(kPositive);
-  sub->add_option("--resolution-factor", p.resolutionPerSpacing,
+  sub->add_option("--resolution-factor",
+                  p.resolutionPerSpacing,
                   "Automatic s = this x the coarser cloud's mean spacing")
-      ->check(kPositive)->capture_default_str();
-  sub->add_option("--method", flags.method,
+      ->check(kPositive)
+      ->capture_default_str();
+  sub->add_option("--method",
+                  flags.method,
                   "ransac: RANSAC, then iterative refinement; iterative: iterative matching only")
-      ->check(CLI::IsMember({"ransac", "iterative"}))->capture_default_str();
-  sub->add_option("--iterations", s.iterations,
+      ->check(CLI::IsMember({"ransac", "iterative"}))
+      ->capture_default_str();
+  sub->add_option("--iterations",
+                  s.iterations,
                   "RANSAC samples, or the iterative method's step limit (default: 20000 / 64)")
       ->check(CLI::NonNegativeNumber);
-  sub->add_flag("--exact", s.exact,
-                "One QorvMatchPairPointCloud call with its own fixed chain instead");
+  sub->add_flag(
+      "--exact", s.exact, "One QorvMatchPairPointCloud call with its own fixed chain instead");
   sub->add_flag("--no-cross-check", flags.noCrossCheck, "Keep descriptor matches another beats");
   sub->add_flag("--no-refine", flags.noRefine, "Skip the iterative refinement after RANSAC");
-  sub->add_option("--kernel-scale", s.kernelScale,
+  sub->add_option("--kernel-scale",
+                  s.kernelScale,
                   "Initial robust kernel scale of the iterative matcher, squared length "
                   "(default: (4 s)^2)")
       ->check(kPositive);
   sub->add_option("--ratio21", p.ratio21, "Key points: bound on lambda2 / lambda1")
-      ->check(kPositive)->capture_default_str()->group(group);
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(group);
   sub->add_option("--ratio32", p.ratio32, "Key points: bound on lambda3 / lambda2")
-      ->check(kPositive)->capture_default_str()->group(group);
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(group);
   sub->add_option("--key-point-radius", p.keyPointRadius, "Key-point neighbourhood")
-      ->check(kPositive)->capture_default_str()->group(group);
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(group);
   sub->add_option("--non-max-radius", p.nonMaxRadius, "Non-maximum suppression (0: off)")
-      ->check(kNonNegative)->capture_default_str()->group(group);
+      ->check(kNonNegative)
+      ->capture_default_str()
+      ->group(group);
   sub->add_option("--feature-radius", p.featureRadius, "Descriptor neighbourhood")
-      ->check(kPositive)->capture_default_str()->group(group);
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(group);
   sub->add_option("--histogram-radius", p.histogramRadius, "Each neighbour's histogram radius")
-      ->check(kPositive)->capture_default_str()->group(group);
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(group);
   sub->add_option("--max-key-points", p.maxKeyPoints, "Cap on key points per cloud (0: none)")
-      ->check(CLI::NonNegativeNumber)->capture_default_str()->group(group);
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str()
+      ->group(group);
   sub->add_option("--edge-ratio", p.edgeRatio, "RANSAC triangle edge similarity")
-      ->check(kNonNegative)->capture_default_str()->group(group);
+      ->check(kNonNegative)
+      ->capture_default_str()
+      ->group(group);
   sub->add_option("--inlier-distance", p.inlierDistance, "RANSAC inlier distance")
-      ->check(kPositive)->capture_default_str()->group(group);
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(group);
   sub->add_option("--refine-iterations", p.refineIterations, "Refinement step limit")
-      ->check(CLI::NonNegativeNumber)->capture_default_str()->group(group);
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str()
+      ->group(group);
 }
 
 std::string VersionText() {
@@ -135,9 +162,11 @@ int main(int argc, char** argv) {
   GlobalOptions global;
   app.add_flag("--json", global.json, "Print results as one JSON document");
   app.add_flag("--quiet", global.quiet, "Drop the library's log lines");
-  app.add_option("--threads", global.threads,
+  app.add_option("--threads",
+                 global.threads,
                  "Worker threads; above 1 turns on the library's multi-threaded variants")
-      ->check(CLI::Range(1, 1024))->capture_default_str();
+      ->check(CLI::Range(1, 1024))
+      ->capture_default_str();
 
   // register
   RegisterOptions reg;
@@ -147,15 +176,17 @@ int main(int argc, char** argv) {
   registerCmd->add_option("target", reg.target, "Cloud that stays in place")->required();
   registerCmd->add_option("source", reg.source, "Cloud that is moved onto the target")->required();
   AddChainOptions(registerCmd, reg.settings, regFlags);
-  registerCmd->add_option("--initial", reg.initialMatrix,
-                          "Starting pose of the iterative method: 12 or 16 numbers");
+  registerCmd->add_option(
+      "--initial", reg.initialMatrix, "Starting pose of the iterative method: 12 or 16 numbers");
   registerCmd->add_option("--output", reg.output, "Write the moved source cloud (ASC)");
-  registerCmd->add_option("--snapshot", reg.snapshot,
-                          "Write a PNG of both clouds before and after the motion");
+  registerCmd->add_option(
+      "--snapshot", reg.snapshot, "Write a PNG of both clouds before and after the motion");
   registerCmd->add_option("--snapshot-width", reg.view.width, "Snapshot width in pixels")
-      ->check(CLI::Range(64, 8192))->capture_default_str();
+      ->check(CLI::Range(64, 8192))
+      ->capture_default_str();
   registerCmd->add_option("--snapshot-height", reg.view.height, "Snapshot height in pixels")
-      ->check(CLI::Range(64, 8192))->capture_default_str();
+      ->check(CLI::Range(64, 8192))
+      ->capture_default_str();
 
   // info
   std::string infoPath;
@@ -170,10 +201,12 @@ int main(int argc, char** argv) {
   normalsCmd->add_option("input", normalsIn, "Cloud file")->required();
   normalsCmd->add_option("output", normalsOut, "ASC file with normals")->required();
   normalsCmd->add_option("--radius", normalsRadius, "Neighbourhood radius")
-      ->required()->check(kPositive);
-  normalsCmd->add_option("--orient-neighbors", orientNeighbors,
-                         "Neighbour count of the orientation pass")
-      ->check(CLI::Range(0, 1000))->capture_default_str();
+      ->required()
+      ->check(kPositive);
+  normalsCmd
+      ->add_option("--orient-neighbors", orientNeighbors, "Neighbour count of the orientation pass")
+      ->check(CLI::Range(0, 1000))
+      ->capture_default_str();
 
   // filter
   FilterOptions filter;
@@ -187,16 +220,24 @@ int main(int argc, char** argv) {
     return sub;
   };
   filterSub("voxel", "Keep the point nearest each voxel's centre (QorvVoxelFilter)")
-      ->add_option("--leaf", filter.leaf, "Voxel edge length")->required()->check(kPositive);
+      ->add_option("--leaf", filter.leaf, "Voxel edge length")
+      ->required()
+      ->check(kPositive);
   CLI::App* sorCmd = filterSub("sor", "Statistical outlier removal (QorvSORFilter)");
   sorCmd->add_option("--k", filter.meanK, "Neighbours scored")
-      ->check(CLI::Range(1, 100000))->capture_default_str();
+      ->check(CLI::Range(1, 100000))
+      ->capture_default_str();
   sorCmd->add_option("--std", filter.stdMul, "Deviation multiplier of the threshold")
-      ->check(kNonNegative)->capture_default_str();
+      ->check(kNonNegative)
+      ->capture_default_str();
   filterSub("edge", "Keep boundary points (QorvEdgeFilter)")
-      ->add_option("--radius", filter.radius, "Neighbourhood radius")->required()->check(kPositive);
+      ->add_option("--radius", filter.radius, "Neighbourhood radius")
+      ->required()
+      ->check(kPositive);
   filterSub("gaussian", "Gaussian smoothing (QorvGaussianFilter)")
-      ->add_option("--radius", filter.radius, "Neighbourhood radius")->required()->check(kPositive);
+      ->add_option("--radius", filter.radius, "Neighbourhood radius")
+      ->required()
+      ->check(kPositive);
 
   // keypoints
   KeyPointOptions keys;
@@ -206,17 +247,22 @@ int main(int argc, char** argv) {
       ->required();
   keysCmd->add_option("output", keys.output, "ASC file of key points with their normals")
       ->required();
-  keysCmd->add_option("--radius", keys.radius, "Detector neighbourhood")->required()->check(kPositive);
+  keysCmd->add_option("--radius", keys.radius, "Detector neighbourhood")
+      ->required()
+      ->check(kPositive);
   keysCmd->add_option("--non-max-radius", keys.nonMaxRadius, "Non-maximum suppression (0: off)")
       ->check(kNonNegative);
-  keysCmd->add_option("--feature-radius", keys.featureRadius, "Default 2.5 x radius")->check(kPositive);
+  keysCmd->add_option("--feature-radius", keys.featureRadius, "Default 2.5 x radius")
+      ->check(kPositive);
   keysCmd->add_option("--histogram-radius", keys.histogramRadius, "Default 1.25 x radius")
       ->check(kPositive);
   keysCmd->add_option("--normal-radius", keys.normalRadius, "Default: radius")->check(kPositive);
   keysCmd->add_option("--ratio21", keys.ratio21, "Bound on lambda2 / lambda1")
-      ->check(kPositive)->capture_default_str();
+      ->check(kPositive)
+      ->capture_default_str();
   keysCmd->add_option("--ratio32", keys.ratio32, "Bound on lambda3 / lambda2")
-      ->check(kPositive)->capture_default_str();
+      ->check(kPositive)
+      ->capture_default_str();
   keysCmd->add_option("--max", keys.maxKeyPoints, "Keep the best N (0: all)")
       ->check(CLI::NonNegativeNumber);
   keysCmd->add_option("--descriptors", keys.descriptors, "Also write the 33-float descriptors");
@@ -228,9 +274,11 @@ int main(int argc, char** argv) {
       app.add_subcommand("transform", "Apply a rigid motion (QorvTransformPoints)");
   transformCmd->add_option("input", transformIn, "Cloud file")->required();
   transformCmd->add_option("output", transformOut, "ASC file")->required();
-  transformCmd->add_option("--matrix", matrix,
-                           "12 numbers (3 x 4 [R | t], row after row, as register prints) or 16 "
-                           "(4 x 4); @FILE reads them from a file")
+  transformCmd
+      ->add_option("--matrix",
+                   matrix,
+                   "12 numbers (3 x 4 [R | t], row after row, as register prints) or 16 "
+                   "(4 x 4); @FILE reads them from a file")
       ->required();
   transformCmd->add_flag("--inverse", inverse, "Apply the inverse motion");
 
@@ -243,9 +291,11 @@ int main(int argc, char** argv) {
   demoCmd->add_option("--snapshot", demo.snapshot, "PNG written")->capture_default_str();
   demoCmd->add_option("--views", demo.viewsDir, "Folder to write the two views to (ASC)");
   demoCmd->add_option("--overlap", demo.overlap, "Share of the scan's length in both views")
-      ->check(kOpenUnit)->capture_default_str();
+      ->check(kOpenUnit)
+      ->capture_default_str();
   demoCmd->add_option("--angle", demo.angleDegrees, "Rotation of the known motion, degrees")
-      ->check(CLI::Range(0.0, 180.0))->capture_default_str();
+      ->check(CLI::Range(0.0, 180.0))
+      ->capture_default_str();
   demoCmd->add_flag("--check", demo.check, "Exit with status 3 when the motion is not recovered");
   AddChainOptions(demoCmd, demo.settings, demoFlags);
 
@@ -261,7 +311,8 @@ int main(int argc, char** argv) {
                                     : "a command is required: register, info, normals, filter, "
                                       "keypoints, transform or demo";
     }
-    std::fprintf(stderr, "qorv: error: %s\nRun 'qorv --help' or 'qorv COMMAND --help' for usage.\n",
+    std::fprintf(stderr,
+                 "qorv: error: %s\nRun 'qorv --help' or 'qorv COMMAND --help' for usage.\n",
                  message.c_str());
     return 2;
   }

@@ -51,7 +51,8 @@ class Stage {
 float Spacing(const Session& session, const Cloud& cloud, const std::string& what) {
   float mean = 0.0f;
   Check(QorvCheckDistance(session.get(), cloud.points.data(), cloud.size(), 2, &mean),
-        "QorvCheckDistance", "measuring the spacing of the " + what);
+        "QorvCheckDistance",
+        "measuring the spacing of the " + what);
   return mean;
 }
 
@@ -63,17 +64,27 @@ void RequirePoints(const Cloud& cloud, const std::string& what, const char* step
 }
 
 // Outlier removal, smoothing, voxel filter, normals, key points and descriptors.
-KeyPointSet PrepareCloud(const Session& session, const Cloud& input, const ChainParams& p,
-                         float s, const std::string& what, CloudSummary& summary,
+KeyPointSet PrepareCloud(const Session& session,
+                         const Cloud& input,
+                         const ChainParams& p,
+                         float s,
+                         const std::string& what,
+                         CloudSummary& summary,
                          std::vector<StageTime>& stages) {
   QorvInstance* inst = session.get();
   Cloud cloud;
   {
     Stage stage(stages, what + ": outlier removal");
     std::vector<int32_t> kept;
-    Check(QorvSORFilter(inst, input.points.data(), input.size(), p.sorMeanK, p.sorStdMul,
-                        CollectIndices, &kept),
-          "QorvSORFilter", "removing outliers from the " + what);
+    Check(QorvSORFilter(inst,
+                        input.points.data(),
+                        input.size(),
+                        p.sorMeanK,
+                        p.sorStdMul,
+                        CollectIndices,
+                        &kept),
+          "QorvSORFilter",
+          "removing outliers from the " + what);
     cloud = input.subset(kept);
     cloud.normals.clear();
     cloud.colours.clear();
@@ -83,17 +94,19 @@ KeyPointSet PrepareCloud(const Session& session, const Cloud& input, const Chain
   {
     Stage stage(stages, what + ": smoothing");
     std::vector<float> smoothed(cloud.points.size());
-    Check(QorvGaussianFilter(inst, cloud.points.data(), smoothed.data(), cloud.size(),
-                             p.gaussianRadius * s),
-          "QorvGaussianFilter", "smoothing the " + what);
+    Check(QorvGaussianFilter(
+              inst, cloud.points.data(), smoothed.data(), cloud.size(), p.gaussianRadius * s),
+          "QorvGaussianFilter",
+          "smoothing the " + what);
     cloud.points.swap(smoothed);
   }
   {
     Stage stage(stages, what + ": voxel filter");
     std::vector<int32_t> kept;
-    Check(QorvVoxelFilter(inst, cloud.points.data(), cloud.size(), p.voxelLeaf * s,
-                          CollectIndices, &kept),
-          "QorvVoxelFilter", "thinning the " + what);
+    Check(QorvVoxelFilter(
+              inst, cloud.points.data(), cloud.size(), p.voxelLeaf * s, CollectIndices, &kept),
+          "QorvVoxelFilter",
+          "thinning the " + what);
     cloud = cloud.subset(kept);
   }
   RequirePoints(cloud, what, "the voxel filter");
@@ -101,18 +114,30 @@ KeyPointSet PrepareCloud(const Session& session, const Cloud& input, const Chain
   {
     Stage stage(stages, what + ": normals");
     cloud.normals.assign(cloud.points.size(), 0.0f);
-    Check(QorvComputeNormals(inst, cloud.points.data(), cloud.normals.data(), cloud.size(), 10,
-                             p.normalRadius * s),
-          "QorvComputeNormals", "estimating normals of the " + what);
+    Check(
+        QorvComputeNormals(
+            inst, cloud.points.data(), cloud.normals.data(), cloud.size(), 10, p.normalRadius * s),
+        "QorvComputeNormals",
+        "estimating normals of the " + what);
   }
   KeyPointSet keys;
   {
     Stage stage(stages, what + ": key points");
-    Check(QorvDetectAndCompute(inst, cloud.points.data(), cloud.normals.data(), cloud.size(),
-                               p.keyPointRadius * s, p.nonMaxRadius * s, p.featureRadius * s,
-                               p.histogramRadius * s, p.ratio21, p.ratio32, p.maxKeyPoints,
-                               CollectKeyPoints, &keys),
-          "QorvDetectAndCompute", "detecting key points of the " + what);
+    Check(QorvDetectAndCompute(inst,
+                               cloud.points.data(),
+                               cloud.normals.data(),
+                               cloud.size(),
+                               p.keyPointRadius * s,
+                               p.nonMaxRadius * s,
+                               p.featureRadius * s,
+                               p.histogramRadius * s,
+                               p.ratio21,
+                               p.ratio32,
+                               p.maxKeyPoints,
+                               CollectKeyPoints,
+                               &keys),
+          "QorvDetectAndCompute",
+          "detecting key points of the " + what);
   }
   summary.keyPoints = keys.count();
   if (keys.count() == 0) {
@@ -140,19 +165,26 @@ double Now() {
 Cloud MoveCloud(const Session& session, const Cloud& cloud, const Rigid& motion) {
   Cloud moved = cloud;
   const std::array<double, 12> layout = motion.transformLayout();
-  Check(QorvTransformPoints(session.get(), layout.data(), cloud.points.data(),
-                            moved.points.data(), cloud.size()),
-        "QorvTransformPoints", "moving the cloud");
+  Check(QorvTransformPoints(
+            session.get(), layout.data(), cloud.points.data(), moved.points.data(), cloud.size()),
+        "QorvTransformPoints",
+        "moving the cloud");
   if (cloud.hasNormals()) {
-    Check(QorvRotatePoints(session.get(), motion.r.data(), cloud.normals.data(),
-                           moved.normals.data(), cloud.size()),
-          "QorvRotatePoints", "turning the normals");
+    Check(QorvRotatePoints(session.get(),
+                           motion.r.data(),
+                           cloud.normals.data(),
+                           moved.normals.data(),
+                           cloud.size()),
+          "QorvRotatePoints",
+          "turning the normals");
   }
   return moved;
 }
 
-RegistrationReport RegisterClouds(const Session& session, const Cloud& target,
-                                  const Cloud& source, const RegisterSettings& settings,
+RegistrationReport RegisterClouds(const Session& session,
+                                  const Cloud& target,
+                                  const Cloud& source,
+                                  const RegisterSettings& settings,
                                   std::vector<StageTime> stages) {
   QorvInstance* inst = session.get();
   const ChainParams& p = settings.chain;
@@ -174,9 +206,11 @@ RegistrationReport RegisterClouds(const Session& session, const Cloud& target,
     report.source.spacing = Spacing(session, source, "source");
     s = p.resolutionPerSpacing * std::max(report.target.spacing, report.source.spacing);
     report.resolutionAuto = true;
-    if (!(s > 0.0f) || !std::isfinite(s)) {
-      throw ToolError("cannot choose a resolution: the clouds' spacing is 0 (duplicate points?)"
-                      "; give --resolution");
+    // A cloud of one point measures the float maximum's root: no spacing either.
+    if (!(s > 0.0f) || !(s < 1e18f)) {
+      throw ToolError(
+          "cannot choose a resolution from the clouds' spacing (duplicate points, or "
+          "a single point?); give --resolution");
     }
   }
   report.resolution = s;
@@ -192,42 +226,70 @@ RegistrationReport RegisterClouds(const Session& session, const Cloud& target,
                                : iterative              ? p.refineIterations
                                                         : p.ransacIterations;
     Stage stage(stages, "match pair point cloud");
-    Check(QorvMatchPairPointCloud(inst, target.points.data(),
+    Check(QorvMatchPairPointCloud(inst,
+                                  target.points.data(),
                                   target.hasNormals() ? target.normals.data() : nullptr,
-                                  target.size(), source.points.data(),
+                                  target.size(),
+                                  source.points.data(),
                                   source.hasNormals() ? source.normals.data() : nullptr,
-                                  source.size(), matrix.data(), iterative ? kernel : 0.0f, s,
-                                  iterations, CountPairs, &pairs),
-          "QorvMatchPairPointCloud", "registering the clouds");
+                                  source.size(),
+                                  matrix.data(),
+                                  iterative ? kernel : 0.0f,
+                                  s,
+                                  iterations,
+                                  CountPairs,
+                                  &pairs),
+          "QorvMatchPairPointCloud",
+          "registering the clouds");
   } else {
     const KeyPointSet keys1 = PrepareCloud(session, target, p, s, "target", report.target, stages);
     const KeyPointSet keys2 = PrepareCloud(session, source, p, s, "source", report.source, stages);
     if (!iterative) {
       report.method = settings.refine ? "ransac+iterative" : "ransac";
-      const int32_t iterations = settings.iterations >= 0 ? settings.iterations : p.ransacIterations;
+      const int32_t iterations =
+          settings.iterations >= 0 ? settings.iterations : p.ransacIterations;
       {
         Stage stage(stages, "ransac");
-        Check(QorvRansacMatchKeyPoints(inst, keys1.positions.data(), keys1.normals.data(),
-                                       keys1.descriptors.data(), keys1.count(),
-                                       keys2.positions.data(), keys2.normals.data(),
-                                       keys2.descriptors.data(), keys2.count(), matrix.data(),
-                                       iterations, p.edgeRatio, p.inlierDistance * s, CountPairs,
+        Check(QorvRansacMatchKeyPoints(inst,
+                                       keys1.positions.data(),
+                                       keys1.normals.data(),
+                                       keys1.descriptors.data(),
+                                       keys1.count(),
+                                       keys2.positions.data(),
+                                       keys2.normals.data(),
+                                       keys2.descriptors.data(),
+                                       keys2.count(),
+                                       matrix.data(),
+                                       iterations,
+                                       p.edgeRatio,
+                                       p.inlierDistance * s,
+                                       CountPairs,
                                        &pairs),
-              "QorvRansacMatchKeyPoints", "matching key points");
+              "QorvRansacMatchKeyPoints",
+              "matching key points");
       }
       report.modelFound = IsRotation(Rigid::FromMatrix3x4(matrix.data()));
     }
     if (iterative || (settings.refine && report.modelFound)) {
       if (iterative) report.method = "iterative";
-      const int32_t iterations = iterative && settings.iterations >= 0 ? settings.iterations
-                                                                       : p.refineIterations;
+      const int32_t iterations =
+          iterative && settings.iterations >= 0 ? settings.iterations : p.refineIterations;
       Stage stage(stages, iterative ? "iterative" : "refinement");
-      Check(QorvIterativeMatchKeyPoints(inst, keys1.positions.data(), keys1.descriptors.data(),
-                                        keys1.count(), keys2.positions.data(),
-                                        keys2.descriptors.data(), keys2.count(), matrix.data(),
-                                        iterations, kernel, p.refineMaxDistance * s, CountPairs,
+      Check(QorvIterativeMatchKeyPoints(inst,
+                                        keys1.positions.data(),
+                                        keys1.descriptors.data(),
+                                        keys1.count(),
+                                        keys2.positions.data(),
+                                        keys2.descriptors.data(),
+                                        keys2.count(),
+                                        matrix.data(),
+                                        iterations,
+                                        kernel,
+                                        p.refineMaxDistance * s,
+                                        CountPairs,
                                         &pairs),
-            "QorvIterativeMatchKeyPoints", "refining the registration");
+            "QorvIterativeMatchKeyPoints",
+            "refining the registration");
     }
   }
   report.transform = Rigid::FromMatrix3x4(matrix.data());
@@ -245,21 +307,37 @@ RegistrationReport RegisterClouds(const Session& session, const Cloud& target,
 void PrintReport(const RegistrationReport& r) {
   std::FILE* out = Out();
   FlushAll();
-  std::fprintf(out, "target  %s: %d points (%s)\n", r.target.path.c_str(), r.target.points,
+  std::fprintf(out,
+               "target  %s: %d points (%s)\n",
+               r.target.path.c_str(),
+               r.target.points,
                r.target.format.c_str());
-  std::fprintf(out, "source  %s: %d points (%s)\n", r.source.path.c_str(), r.source.points,
+  std::fprintf(out,
+               "source  %s: %d points (%s)\n",
+               r.source.path.c_str(),
+               r.source.points,
                r.source.format.c_str());
   if (r.resolutionAuto) {
-    std::fprintf(out, "resolution %.6g (automatic, mean spacing: target %.6g, source %.6g)\n",
-                 r.resolution, r.target.spacing, r.source.spacing);
+    std::fprintf(out,
+                 "resolution %.6g (automatic, mean spacing: target %.6g, source %.6g)\n",
+                 r.resolution,
+                 r.target.spacing,
+                 r.source.spacing);
   } else {
     std::fprintf(out, "resolution %.6g\n", r.resolution);
   }
   if (r.target.keyPoints > 0 || r.source.keyPoints > 0) {
-    std::fprintf(out, "prepared: target %d -> %d -> %d points, %d key points; "
-                      "source %d -> %d -> %d points, %d key points\n",
-                 r.target.points, r.target.afterOutliers, r.target.afterVoxel, r.target.keyPoints,
-                 r.source.points, r.source.afterOutliers, r.source.afterVoxel, r.source.keyPoints);
+    std::fprintf(out,
+                 "prepared: target %d -> %d -> %d points, %d key points; "
+                 "source %d -> %d -> %d points, %d key points\n",
+                 r.target.points,
+                 r.target.afterOutliers,
+                 r.target.afterVoxel,
+                 r.target.keyPoints,
+                 r.source.points,
+                 r.source.afterOutliers,
+                 r.source.afterVoxel,
+                 r.source.keyPoints);
   }
   std::fprintf(out, "method %s\n", r.method.c_str());
   std::fprintf(out, "stage times (ms):\n");
@@ -272,21 +350,27 @@ void PrintReport(const RegistrationReport& r) {
   std::fprintf(out, "transform (source onto target), 3 x 4 [R | t]:\n");
   const std::array<double, 12> m = r.transform.matrix3x4();
   for (int row = 0; row < 3; ++row) {
-    std::fprintf(out, "  % .9f % .9f % .9f % .9g\n", m[4 * row], m[4 * row + 1], m[4 * row + 2],
+    std::fprintf(out,
+                 "  % .9f % .9f % .9f % .9g\n",
+                 m[4 * row],
+                 m[4 * row + 1],
+                 m[4 * row + 2],
                  m[4 * row + 3]);
   }
-  const double tn = std::sqrt(r.transform.t[0] * r.transform.t[0] +
-                              r.transform.t[1] * r.transform.t[1] +
-                              r.transform.t[2] * r.transform.t[2]);
+  const double tn =
+      std::sqrt(r.transform.t[0] * r.transform.t[0] + r.transform.t[1] * r.transform.t[1] +
+                r.transform.t[2] * r.transform.t[2]);
   if (r.modelFound) {
-    std::fprintf(out, "rotation %.4f deg, translation %.6g\n", r.transform.rotationAngleDegrees(),
-                 tn);
+    std::fprintf(
+        out, "rotation %.4f deg, translation %.6g\n", r.transform.rotationAngleDegrees(), tn);
   } else {
     std::fprintf(out, "no model found: the matrix is not a rotation\n");
   }
   std::fprintf(out, "correspondences %u\n", r.correspondences);
-  std::fprintf(out, "fitness %.4f (share of source points within %.6g of a target point)\n",
-               r.fitness, r.resolution);
+  std::fprintf(out,
+               "fitness %.4f (share of source points within %.6g of a target point)\n",
+               r.fitness,
+               r.resolution);
   std::fflush(out);
 }
 

@@ -11,7 +11,9 @@
 namespace qorv::tools {
 namespace {
 
-Cloud ReadTimed(const Session& session, const std::string& path, const char* stage,
+Cloud ReadTimed(const Session& session,
+                const std::string& path,
+                const char* stage,
                 std::vector<StageTime>& stages) {
   const double start = Now();
   Cloud cloud = ReadCloud(session.get(), path);
@@ -27,8 +29,11 @@ void MakeParentFolder(const std::string& path) {
   if (error) throw ToolError("cannot create folder '" + parent.string() + "': " + error.message());
 }
 
-void Snapshot(const std::string& path, const Cloud& target, const Cloud& source,
-              const std::vector<float>& moved, const SnapshotOptions& view,
+void Snapshot(const std::string& path,
+              const Cloud& target,
+              const Cloud& source,
+              const std::vector<float>& moved,
+              const SnapshotOptions& view,
               std::vector<StageTime>& stages) {
   const double start = Now();
   MakeParentFolder(path);
@@ -38,7 +43,8 @@ void Snapshot(const std::string& path, const Cloud& target, const Cloud& source,
 
 // The demo's known motion: a fixed axis, the requested angle, a shift of a fifth of the length.
 Rigid DemoMotion(float angleDegrees, double length) {
-  return Rigid::FromAxisAngle({0.3, 1.0, 0.2}, angleDegrees * 3.14159265358979323846 / 180.0,
+  return Rigid::FromAxisAngle({0.3, 1.0, 0.2},
+                              angleDegrees * 3.14159265358979323846 / 180.0,
                               {0.12 * length, -0.08 * length, 0.1 * length});
 }
 
@@ -61,7 +67,8 @@ int RunRegister(const GlobalOptions& global, RegisterOptions o) {
     WriteCloud(session.get(), o.output, MoveCloud(session, source, report.transform));
     report.stages.push_back({"write output", Now() - start});
   }
-  if (!o.snapshot.empty()) Snapshot(o.snapshot, target, source, report.movedSource, o.view, report.stages);
+  if (!o.snapshot.empty())
+    Snapshot(o.snapshot, target, source, report.movedSource, o.view, report.stages);
 
   if (global.json) {
     FlushAll();
@@ -151,7 +158,8 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& o) {
                             (q[2] - p[2]) * (q[2] - p[2]));
   }
   pointError /= secondView.size();
-  const bool recovered = report.modelFound && rotationError < 2.0 && pointError < 2.0 * report.resolution;
+  const bool recovered =
+      report.modelFound && rotationError < 2.0 && pointError < 2.0 * report.resolution;
 
   FlushAll();
   std::FILE* out = Out();
@@ -174,21 +182,33 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& o) {
     json.endObject();
     std::fputs(json.str().c_str(), out);
   } else {
-    std::fprintf(out, "demo: two views of %s sharing %.0f%% of its length; the second moved by "
-                      "%.1f deg and %.4g\n",
-                 o.data.c_str(), 100.0 * o.overlap, truthMotion.rotationAngleDegrees(),
-                 std::sqrt(truthMotion.t[0] * truthMotion.t[0] + truthMotion.t[1] * truthMotion.t[1] +
-                           truthMotion.t[2] * truthMotion.t[2]));
+    std::fprintf(
+        out,
+        "demo: two views of %s sharing %.0f%% of its length; the second moved by "
+        "%.1f deg and %.4g\n",
+        o.data.c_str(),
+        100.0 * o.overlap,
+        truthMotion.rotationAngleDegrees(),
+        std::sqrt(truthMotion.t[0] * truthMotion.t[0] + truthMotion.t[1] * truthMotion.t[1] +
+                  truthMotion.t[2] * truthMotion.t[2]));
     PrintReport(report);
     const std::array<double, 12> m = truth.matrix3x4();
     std::fprintf(out, "expected transform (inverse of the known motion):\n");
     for (int row = 0; row < 3; ++row) {
-      std::fprintf(out, "  % .9f % .9f % .9f % .9g\n", m[4 * row], m[4 * row + 1], m[4 * row + 2],
+      std::fprintf(out,
+                   "  % .9f % .9f % .9f % .9g\n",
+                   m[4 * row],
+                   m[4 * row + 1],
+                   m[4 * row + 2],
                    m[4 * row + 3]);
     }
-    std::fprintf(out, "rotation error %.4f deg, translation error %.6g, mean point error %.6g "
-                      "(resolution %.6g)\n",
-                 rotationError, translationError, pointError, report.resolution);
+    std::fprintf(out,
+                 "rotation error %.4f deg, translation error %.6g, mean point error %.6g "
+                 "(resolution %.6g)\n",
+                 rotationError,
+                 translationError,
+                 pointError,
+                 report.resolution);
     std::fprintf(out, "%s\n", recovered ? "motion recovered" : "motion NOT recovered");
     std::fprintf(out, "snapshot written to %s\n", o.snapshot.c_str());
   }

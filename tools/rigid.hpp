@@ -20,7 +20,8 @@ struct Rigid {
   std::array<double, 12> transformLayout() const;
 
   // Rotation of `angleRadians` about `axis` (normalised here) followed by translation t.
-  static Rigid FromAxisAngle(const std::array<double, 3>& axis, double angleRadians,
+  static Rigid FromAxisAngle(const std::array<double, 3>& axis,
+                             double angleRadians,
                              const std::array<double, 3>& translation);
 
   Rigid inverse() const;

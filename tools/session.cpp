@@ -2,12 +2,12 @@
 // Copyright (c) 2026 The Qorv developers
 #include "session.hpp"
 
+#include <cstdlib>
+#include <string>
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
-
-#include <cstdlib>
-#include <string>
 
 namespace qorv::tools {
 namespace {
@@ -42,8 +42,8 @@ void RouteLibraryLog(LibraryLog where) {
   std::fflush(stdout);
   const int saved = dup(STDOUT_FILENO);
   if (saved < 0) throw ToolError("cannot duplicate standard output");
-  const int target = where == LibraryLog::kStderr ? dup(STDERR_FILENO)
-                                                  : open("/dev/null", O_WRONLY | O_CLOEXEC);
+  const int target =
+      where == LibraryLog::kStderr ? dup(STDERR_FILENO) : open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (target < 0 || dup2(target, STDOUT_FILENO) < 0) {
     throw ToolError("cannot redirect the library's log");
   }

@@ -2,8 +2,6 @@
 // Copyright (c) 2026 The Qorv developers
 #include "snapshot.hpp"
 
-#include <png.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -11,6 +9,8 @@
 #include <limits>
 
 #include "session.hpp"
+
+#include <png.h>
 
 namespace qorv::tools {
 namespace {
@@ -26,14 +26,17 @@ constexpr Rgb kInk{60, 60, 60};
 struct Image {
   int width = 0, height = 0;
   std::vector<uint8_t> rgb;
-  std::vector<float> depth;     // nearer is larger
-  std::vector<uint8_t> owner;   // 0 background, else the index + 1 of the layer drawn there
+  std::vector<float> depth;    // nearer is larger
+  std::vector<uint8_t> owner;  // 0 background, else the index + 1 of the layer drawn there
 
   Image(int w, int h)
-      : width(w), height(h), rgb(3 * static_cast<size_t>(w) * h),
+      : width(w),
+        height(h),
+        rgb(3 * static_cast<size_t>(w) * h),
         depth(static_cast<size_t>(w) * h, -std::numeric_limits<float>::infinity()),
         owner(static_cast<size_t>(w) * h, 0) {
-    for (size_t i = 0; i < rgb.size(); i += 3) std::copy(kBackground.begin(), kBackground.end(), &rgb[i]);
+    for (size_t i = 0; i < rgb.size(); i += 3)
+      std::copy(kBackground.begin(), kBackground.end(), &rgb[i]);
   }
   void set(int x, int y, const Rgb& c) {
     if (x < 0 || y < 0 || x >= width || y >= height) return;
@@ -58,7 +61,8 @@ struct View {
     }
   }
   std::array<double, 3> operator()(const float* p) const {
-    return {m[0] * p[0] + m[1] * p[1] + m[2] * p[2], m[3] * p[0] + m[4] * p[1] + m[5] * p[2],
+    return {m[0] * p[0] + m[1] * p[1] + m[2] * p[2],
+            m[3] * p[0] + m[4] * p[1] + m[5] * p[2],
             m[6] * p[0] + m[7] * p[1] + m[8] * p[2]};
   }
 };
@@ -70,7 +74,8 @@ struct Layer {
 
 Rgb Shaded(const Rgb& colour, double shade) {
   Rgb out;
-  for (int c = 0; c < 3; ++c) out[c] = static_cast<uint8_t>(std::clamp(colour[c] * shade, 0.0, 255.0));
+  for (int c = 0; c < 3; ++c)
+    out[c] = static_cast<uint8_t>(std::clamp(colour[c] * shade, 0.0, 255.0));
   return out;
 }
 
@@ -79,8 +84,8 @@ bool Finite(const float* p) {
 }
 
 // Draws the layers into the panel [x0, x0 + w) x [0, h), framed on their joint bounds.
-void DrawPanel(Image& image, int x0, int w, int h, const View& view,
-               const std::vector<Layer>& layers) {
+void DrawPanel(
+    Image& image, int x0, int w, int h, const View& view, const std::vector<Layer>& layers) {
   double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
   size_t total = 0;
   for (const Layer& layer : layers) {
@@ -145,27 +150,44 @@ void DrawPanel(Image& image, int x0, int w, int h, const View& view,
 
 // 5 x 7 glyphs for the panel labels, one bit a pixel, rows top down, bit 4 the leftmost.
 const std::array<uint8_t, 7>* Glyph(char c) {
-  static const std::array<uint8_t, 7> kA{14, 17, 17, 31, 17, 17, 17}, kB{30, 17, 17, 30, 17, 17, 30},
-      kE{31, 16, 16, 30, 16, 16, 31}, kF{31, 16, 16, 30, 16, 16, 16}, kG{14, 17, 16, 23, 17, 17, 15},
+  static const std::array<uint8_t, 7> kA{14, 17, 17, 31, 17, 17, 17},
+      kB{30, 17, 17, 30, 17, 17, 30}, kE{31, 16, 16, 30, 16, 16, 31},
+      kF{31, 16, 16, 30, 16, 16, 16}, kG{14, 17, 16, 23, 17, 17, 15},
       kO{14, 17, 17, 17, 17, 17, 14}, kR{30, 17, 17, 30, 20, 18, 17}, kS{15, 16, 16, 14, 1, 1, 30},
       kT{31, 4, 4, 4, 4, 4, 4}, kU{17, 17, 17, 17, 17, 17, 14}, kC{14, 17, 16, 16, 16, 17, 14},
-      kN{17, 25, 21, 19, 17, 17, 17}, kI{14, 4, 4, 4, 4, 4, 14}, kH{17, 17, 17, 31, 17, 17, 17}, kBlank{0, 0, 0, 0, 0, 0, 0};
+      kN{17, 25, 21, 19, 17, 17, 17}, kI{14, 4, 4, 4, 4, 4, 14}, kH{17, 17, 17, 31, 17, 17, 17},
+      kBlank{0, 0, 0, 0, 0, 0, 0};
   switch (c) {
-    case 'A': return &kA;
-    case 'B': return &kB;
-    case 'C': return &kC;
-    case 'E': return &kE;
-    case 'F': return &kF;
-    case 'G': return &kG;
-    case 'H': return &kH;
-    case 'I': return &kI;
-    case 'N': return &kN;
-    case 'O': return &kO;
-    case 'R': return &kR;
-    case 'S': return &kS;
-    case 'T': return &kT;
-    case 'U': return &kU;
-    default: return &kBlank;
+    case 'A':
+      return &kA;
+    case 'B':
+      return &kB;
+    case 'C':
+      return &kC;
+    case 'E':
+      return &kE;
+    case 'F':
+      return &kF;
+    case 'G':
+      return &kG;
+    case 'H':
+      return &kH;
+    case 'I':
+      return &kI;
+    case 'N':
+      return &kN;
+    case 'O':
+      return &kO;
+    case 'R':
+      return &kR;
+    case 'S':
+      return &kS;
+    case 'T':
+      return &kT;
+    case 'U':
+      return &kU;
+    default:
+      return &kBlank;
   }
 }
 
@@ -176,7 +198,8 @@ void DrawText(Image& image, int x, int y, const std::string& text, const Rgb& co
       for (int b = 0; b < 5; ++b) {
         if (((rows[r] >> (4 - b)) & 1) == 0) continue;
         for (int sy = 0; sy < scale; ++sy) {
-          for (int sx = 0; sx < scale; ++sx) image.set(x + b * scale + sx, y + r * scale + sy, colour);
+          for (int sx = 0; sx < scale; ++sx)
+            image.set(x + b * scale + sx, y + r * scale + sy, colour);
         }
       }
     }
@@ -192,16 +215,23 @@ void DrawSwatch(Image& image, int x, int y, int size, const Rgb& colour) {
 
 }  // namespace
 
-void WriteSnapshot(const std::string& path, const std::vector<float>& target,
-                   const std::vector<float>& sourceBefore, const std::vector<float>& sourceAfter,
+void WriteSnapshot(const std::string& path,
+                   const std::vector<float>& target,
+                   const std::vector<float>& sourceBefore,
+                   const std::vector<float>& sourceAfter,
                    const SnapshotOptions& options) {
   const int width = std::clamp(options.width, 64, 8192);
   const int height = std::clamp(options.height, 64, 8192);
   Image image(width, height);
   const View view(options.yawDegrees, options.pitchDegrees);
   const int panel = width / 2;
-  DrawPanel(image, 0, panel, height, view, {{&target, kTargetColour}, {&sourceBefore, kSourceColour}});
-  DrawPanel(image, panel, width - panel, height, view,
+  DrawPanel(
+      image, 0, panel, height, view, {{&target, kTargetColour}, {&sourceBefore, kSourceColour}});
+  DrawPanel(image,
+            panel,
+            width - panel,
+            height,
+            view,
             {{&target, kTargetColour}, {&sourceAfter, kSourceColour}});
   for (int y = 0; y < height; ++y) image.set(panel, y, kInk);
 

@@ -121,15 +121,18 @@ QORV_API const char* QorvVersion(void);
  * colour). The layout is chosen from the average count of numbers a line (above 8.99: 9 columns,
  * above 5.99: 6, else 3) and numbers are grouped in file order regardless of line breaks. Words are
  * skipped; a carriage return ends a number. The callback (may be null) receives the arrays once.
- * QORV_ERROR_FILE if the file cannot be opened or read, is 4 GiB or larger, or holds no point. */
+ * QORV_ERROR_FILE if the file cannot be opened or read, is 4 GiB or larger, or holds no point; a
+ * null path gives QORV_ERROR_FILE too. Lines may carry any number of numbers and the last line needs
+ * no line feed: every number is kept. Colour numbers are truncated toward zero and keep their low 8
+ * bits (NaN, infinities and magnitudes of 2^31 or more give 0). */
 QORV_API QorvResult QorvReadPointsFromASC(QorvInstance* inst,
                                           const char* path,
                                           QorvAscCallback callback,
                                           void* user);
 
 /* Writes n points as "%f %f %f" lines, with normals "%f %f %f %f %f %f", with normals and colours
- * also "%d %d %d". Colours without normals are ignored. QORV_ERROR_FILE if the file cannot be
- * opened or closed. */
+ * also "%d %d %d". Colours without normals are ignored. QORV_ERROR_FILE if the path is null or the
+ * file cannot be opened, flushed or closed; a file left after a failure may be partly written. */
 QORV_API QorvResult QorvWritePointsToASC(QorvInstance* inst,
                                          const char* path,
                                          const float* points,
@@ -138,8 +141,9 @@ QORV_API QorvResult QorvWritePointsToASC(QorvInstance* inst,
                                          int32_t n);
 
 /* pointsOut = R * pointsIn for n points, rotation = 9 doubles row after row (converted to float).
- * pointsOut may equal pointsIn. An identity matrix applied in place returns without touching the
- * array. Vector passes use SSE only, which every x86-64 processor has. */
+ * pointsOut must be pointsIn or must not overlap it. An identity matrix applied in place returns
+ * without touching the array. Vector passes use SSE only, which every x86-64 processor has, and give
+ * the same bits as the scalar formulas (no fused multiply-add). */
 QORV_API QorvResult QorvRotatePoints(QorvInstance* inst,
                                      const double* rotation,
                                      const float* pointsIn,
@@ -154,7 +158,9 @@ QORV_API QorvResult QorvTransformPoints(QorvInstance* inst,
                                         int32_t n);
 
 /* Least-squares rigid motion (no scale) carrying pointsB onto pointsA, pair i being (A_i, B_i),
- * by the unit-quaternion method. out receives the 3 x 4 matrix [R | t]. */
+ * by the unit-quaternion method. out receives the 3 x 4 matrix [R | t]. The multi-thread setting
+ * has no effect. Degenerate sets (n = 1, all points equal, collinear) still give a proper rotation;
+ * NaN coordinates propagate. */
 QORV_API QorvResult QorvAbsoluteOrientation(QorvInstance* inst,
                                             const float* pointsA,
                                             const float* pointsB,
@@ -220,9 +226,18 @@ QORV_API QorvResult QorvGaussianFilter(QorvInstance* inst,
 
 /* ---- Key points and descriptors -------------------------------------------------------------- */
 
-/* Eigenvalue-ratio key points (lambda2/lambda1 < ratio21, lambda3/lambda2 < ratio32, at least 9
- * neighbours within keyPointRadius), optional non-maximum suppression (nonMaxRadius > 0) and cap
- * (maxKeyPoints >= 1: best lambda3 first), each with a 33-float histogram descriptor. */
+/* Key points: points with at least 9 neighbours (itself included) strictly within keyPointRadius
+ * whose distance-weighted scatter about the point has eigenvalues l1 >= l2 >= l3 with
+ * l2/l1 < ratio21 and l3/l2 < ratio32; score l3. maxKeyPoints >= 1: ranked by descending score
+ * and capped; otherwise ascending point order. nonMaxRadius > 0: a candidate is dropped when
+ * another strictly within nonMaxRadius has a strictly greater score (equal scores both stay).
+ * Points with a NaN coordinate are never key points. On smooth scanned surfaces l2/l1 is near 1:
+ * ratios of 0.01 find almost nothing, 0.5 to 0.8 give hundreds to thousands on 20k-100k points.
+ * Descriptors: 33 floats per key point, its neighbours' histograms within featureRadius weighted
+ * sqrt(s/(s+d^2)), s = featureRadius^2/9, plus its own weighted by their sum; each point's
+ * histogram uses the pairs within histogramRadius. A NaN normal makes the descriptors that use
+ * it NaN. Radii and ratios are not checked. On success the callback (if any) is called once, also
+ * with count 0 (its arrays may then be null). */
 QORV_API QorvResult QorvDetectAndCompute(QorvInstance* inst,
                                          const float* points,
                                          const float* normals,
@@ -272,7 +287,10 @@ QORV_API QorvResult QorvDetectAndComputeVmapNmap(QorvInstance* inst,
 /* Nearest target descriptor for each query. k = 1: exhaustive, Euclidean distances, ties to the
  * lowest target index, cross check as set (-1 marks a rejected match; its distance is still
  * written; matchDistances is then required). k > 1: k nearest by tree search, squared distances,
- * no cross check, matchDistances may be null. Results of query q are at q * k .. q * k + k - 1. */
+ * no cross check, matchDistances may be null. Results of query q are at q * k .. q * k + k - 1.
+ * k = 1: a NaN distance never wins, except that a NaN distance to target 0 keeps target 0.
+ * k > 1: slot q * k + k - 1 of matchDistances is FLT_MAX when fewer than k targets are found;
+ * other unfilled slots keep their contents. */
 QORV_API QorvResult QorvMatchDescriptor(QorvInstance* inst,
                                         const float* targetDescriptors,
                                         int32_t targetCount,
@@ -283,7 +301,13 @@ QORV_API QorvResult QorvMatchDescriptor(QorvInstance* inst,
                                         int32_t queryCount);
 
 /* RANSAC over descriptor correspondences (second cloud's key points matched into the first's). The
- * best model goes to transform; the inlier pairs to the callback. Seeded from the clock. */
+ * best model goes to transform; the inlier pairs to the callback. Each worker draws from its own
+ * generator, equal to the GNU C library's srand/rand, seeded with 8 * workerIndex + time(NULL), so
+ * results vary from run to run. With fewer than 3 correspondences, or iterations <= 0, nothing is
+ * sampled and the transform is all zeros. The normal test applies only when both normal arrays are
+ * given. The count passed to the callback is the best inlier count found while sampling; pairs is
+ * null when it is 0. If, in a rare multi-threaded race, fewer pairs survive than that count (logged
+ * as "Match condition error."), the missing entries are (0xFFFFFFFF, 0xFFFFFFFF). */
 QORV_API QorvResult QorvRansacMatchKeyPoints(QorvInstance* inst,
                                              const float* points1,
                                              const float* normals1,
@@ -301,7 +325,12 @@ QORV_API QorvResult QorvRansacMatchKeyPoints(QorvInstance* inst,
                                              void* userData);
 
 /* Robust (annealed Geman-McClure) Gauss-Newton refinement of transform, which is read as the
- * starting pose. Correspondences left at maxDistance or farther are dropped. */
+ * starting pose. Correspondences left at maxDistance or farther are dropped. kernelScale is in
+ * squared-distance units and is halved after every 8th step; the refinement stops once
+ * maxDistance^2 exceeds it, so no step is taken when iterations <= 0 or maxDistance^2 > kernelScale.
+ * A step whose 6 x 6 system (solved by LDLT in double) is singular or not finite (fewer than three
+ * non-collinear correspondences, a NaN coordinate) leaves the pose unchanged. Correspondences whose
+ * residual is NaN are kept. */
 QORV_API QorvResult QorvIterativeMatchKeyPoints(QorvInstance* inst,
                                                 const float* points1,
                                                 const float* descriptors1,
@@ -333,7 +362,9 @@ QORV_API QorvResult QorvMatchPairPointCloud(QorvInstance* inst,
                                             void* userData);
 
 /* Trimmed mean (smallest and largest eighth left out) of each point's distance to its k-th nearest
- * neighbour, the point itself counting as the first. */
+ * neighbour, the point itself counting as the first; k = 2 gives the typical spacing. Points with a
+ * NaN coordinate, and every point when k exceeds the number of NaN-free points, count as the float
+ * maximum (distance 1.8446743e19) and sort among the largest values. */
 QORV_API QorvResult QorvCheckDistance(QorvInstance* inst,
                                       const float* points,
                                       int32_t count,

@@ -17,6 +17,8 @@ the system's library path. Its informational lines ("[QORV INFO] ...") go to sta
     kept = qorv.voxel_filter(points, leaf_size=2 * spacing)
 """
 
+import numpy as _np
+
 from ._library import (QorvAllocationError, QorvError, QorvFileError, QorvInvalidArgumentError,
                        QorvNullInstanceError, has_export, library_path)
 from .features import (KeyPoints, Maps, depth_to_vmap_nmap, detect_and_compute,
@@ -34,10 +36,8 @@ __version__ = "1.0.5"
 
 def to_homogeneous(transform):
     """A 3 x 4 [R | t] matrix as a 4 x 4 homogeneous float64 matrix."""
-    import numpy as np
-
-    result = np.eye(4)
-    result[:3, :] = np.asarray(transform, dtype=np.float64).reshape(3, 4)
+    result = _np.eye(4)
+    result[:3, :] = _np.asarray(transform, dtype=_np.float64).reshape(3, 4)
     return result
 
 

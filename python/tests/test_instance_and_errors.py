@@ -63,7 +63,7 @@ def test_explicit_library_path_must_exist(tmp_path):
     assert out.startswith("OSError") and "missing.so" in out
 
 
-def test_library_is_found_next_to_build():
+def test_library_path_names_the_loaded_file():
     assert os.path.exists(qorv.library_path())
 
 

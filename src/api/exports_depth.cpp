@@ -46,8 +46,8 @@ QORV_API QorvResult QorvDepthToVmapNmap(QorvInstance* inst,
     qorv::DepthToVertexMap({depth, 0, width, height}, intrinsics, vertices);
     if (normalMap != nullptr) qorv::VertexToNormalMap({vertexMap, 0, width, height}, normals);
     if (mask != nullptr) {
-      qorv::ComputeValidMask({vertexMap, 0, width, height}, {normalMap, 0, width, height},
-                             {mask, 0, width, height});
+      qorv::ComputeValidMask(
+          {vertexMap, 0, width, height}, {normalMap, 0, width, height}, {mask, 0, width, height});
     }
     return QORV_OK;
   });
@@ -80,11 +80,12 @@ QORV_API QorvResult QorvDetectAndComputeVmapNmap(QorvInstance* inst,
     std::vector<float> scores(pixelCount);
     std::vector<uint8_t> ownMask(mask == nullptr ? pixelCount : 0);
     if (mask == nullptr) {
-      qorv::ComputeValidMask({vertexMap, 0, width, height}, {normalMap, 0, width, height},
+      qorv::ComputeValidMask({vertexMap, 0, width, height},
+                             {normalMap, 0, width, height},
                              {ownMask.data(), 0, width, height});
     }
-    const qorv::OrganizedMaps maps{vertexMap, normalMap, mask != nullptr ? mask : ownMask.data(),
-                                   width, height};
+    const qorv::OrganizedMaps maps{
+        vertexMap, normalMap, mask != nullptr ? mask : ownMask.data(), width, height};
     qorv::OrganizedKeyPointParams params;
     params.scoreWindow = scoreWindow;
     params.suppressionWindow = suppressionWindow;
@@ -110,7 +111,8 @@ QORV_API QorvResult QorvDetectAndComputeVmapNmap(QorvInstance* inst,
     const size_t keyCount = positions.size() / 3;
     const size_t descriptorCount = descriptors.size() / 33;
     if (keyCount != descriptorCount) {
-      qorv::LogInfo("Check detect condition, %d-%d", static_cast<int>(keyCount),
+      qorv::LogInfo("Check detect condition, %d-%d",
+                    static_cast<int>(keyCount),
                     static_cast<int>(descriptorCount));
     }
     QorvKeyPointResult result;

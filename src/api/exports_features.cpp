@@ -29,8 +29,11 @@ QORV_API QorvResult QorvDetectAndCompute(QorvInstance* inst,
     const qorv::KeyPointFeatures features = qorv::DetectAndCompute(
         tree, normals, params, featureRadius, histogramRadius, qorv::ExecutionOf(*inst));
     if (callback != nullptr) {
-      const QorvKeyPointResult result{features.count(), 0, features.descriptors.data(),
-                                      features.positions.data(), features.normals.data()};
+      const QorvKeyPointResult result{features.count(),
+                                      0,
+                                      features.descriptors.data(),
+                                      features.positions.data(),
+                                      features.normals.data()};
       callback(&result, userData);
     }
     return QORV_OK;

@@ -21,8 +21,11 @@ QORV_API QorvResult QorvReadPointsFromASC(QorvInstance* inst,
     qorv::AscCloud cloud;
     if (!qorv::ReadPointsFromAsc(path, cloud) || cloud.count == 0) return QORV_ERROR_FILE;
     if (callback != nullptr) {
-      callback(cloud.points.data(), cloud.normals.empty() ? nullptr : cloud.normals.data(),
-               cloud.colours.empty() ? nullptr : cloud.colours.data(), cloud.count, user);
+      callback(cloud.points.data(),
+               cloud.normals.empty() ? nullptr : cloud.normals.data(),
+               cloud.colours.empty() ? nullptr : cloud.colours.data(),
+               cloud.count,
+               user);
     }
     return QORV_OK;
   });
@@ -71,11 +74,8 @@ QORV_API QorvResult QorvTransformPoints(QorvInstance* inst,
   });
 }
 
-QORV_API QorvResult QorvAbsoluteOrientation(QorvInstance* inst,
-                                            const float* pointsA,
-                                            const float* pointsB,
-                                            int32_t n,
-                                            double* out) {
+QORV_API QorvResult QorvAbsoluteOrientation(
+    QorvInstance* inst, const float* pointsA, const float* pointsB, int32_t n, double* out) {
   if (inst == nullptr) return QORV_ERROR_NULL_INSTANCE;
   if (out == nullptr || pointsB == nullptr || pointsA == nullptr || n < 1) {
     return QORV_ERROR_INVALID_ARGUMENT;

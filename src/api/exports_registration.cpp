@@ -32,11 +32,23 @@ QORV_API QorvResult QorvMatchDescriptor(QorvInstance* inst,
   const bool crossCheck = inst->crossCheck;
   return qorv::Guarded([&] {
     if (k == 1) {
-      qorv::MatchDescriptorsExhaustive(targetDescriptors, targetCount, queryDescriptors, queryCount,
-                                       crossCheck, exec, matchIndices, matchDistances);
+      qorv::MatchDescriptorsExhaustive(targetDescriptors,
+                                       targetCount,
+                                       queryDescriptors,
+                                       queryCount,
+                                       crossCheck,
+                                       exec,
+                                       matchIndices,
+                                       matchDistances);
     } else {
-      qorv::MatchDescriptorsKnn(targetDescriptors, targetCount, queryDescriptors, queryCount, k,
-                                exec, matchIndices, matchDistances);
+      qorv::MatchDescriptorsKnn(targetDescriptors,
+                                targetCount,
+                                queryDescriptors,
+                                queryCount,
+                                k,
+                                exec,
+                                matchIndices,
+                                matchDistances);
     }
     return QORV_OK;
   });
@@ -69,9 +81,14 @@ QORV_API QorvResult QorvRansacMatchKeyPoints(QorvInstance* inst,
   const bool crossCheck = inst->crossCheck;
   return qorv::Guarded([&] {
     std::vector<int32_t> matches;
-    const int32_t count =
-        qorv::RansacMatch(first, second, params, crossCheck, exec,
-                          static_cast<uint32_t>(std::time(nullptr)), transform, matches);
+    const int32_t count = qorv::RansacMatch(first,
+                                            second,
+                                            params,
+                                            crossCheck,
+                                            exec,
+                                            static_cast<uint32_t>(std::time(nullptr)),
+                                            transform,
+                                            matches);
     qorv::DeliverMatches(matches, static_cast<uint32_t>(count), callback, userData);
     return QORV_OK;
   });
@@ -109,11 +126,8 @@ QORV_API QorvResult QorvIterativeMatchKeyPoints(QorvInstance* inst,
   });
 }
 
-QORV_API QorvResult QorvCheckDistance(QorvInstance* inst,
-                                      const float* points,
-                                      int32_t count,
-                                      int32_t k,
-                                      float* meanDistance) {
+QORV_API QorvResult QorvCheckDistance(
+    QorvInstance* inst, const float* points, int32_t count, int32_t k, float* meanDistance) {
   if (inst == nullptr) return QORV_ERROR_NULL_INSTANCE;
   if (points == nullptr || count < 1 || k < 1 || meanDistance == nullptr) {
     return QORV_ERROR_INVALID_ARGUMENT;

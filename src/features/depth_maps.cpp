@@ -12,12 +12,13 @@ namespace {
 inline float Dot(const float* a, const float* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 
 // Adds the triangle's unit normal to the normals of its three pixels if it faces the camera.
-inline void AddTriangle(const float* a, const float* b, const float* c, float* na, float* nb, float* nc) {
+inline void AddTriangle(
+    const float* a, const float* b, const float* c, float* na, float* nb, float* nc) {
   if (!(a[2] > 0.0f && b[2] > 0.0f && c[2] > 0.0f)) return;  // NaN fails too
   const float ca[3] = {c[0] - a[0], c[1] - a[1], c[2] - a[2]};
   const float ba[3] = {b[0] - a[0], b[1] - a[1], b[2] - a[2]};
-  float n[3] = {ca[1] * ba[2] - ca[2] * ba[1], ca[2] * ba[0] - ca[0] * ba[2],
-                ca[0] * ba[1] - ca[1] * ba[0]};
+  float n[3] = {
+      ca[1] * ba[2] - ca[2] * ba[1], ca[2] * ba[0] - ca[0] * ba[2], ca[0] * ba[1] - ca[1] * ba[0]};
   const float length = std::sqrt(Dot(n, n));
   if (length != 0.0f) {
     n[0] /= length;
@@ -60,7 +61,8 @@ void DepthToVertexMap(const ImageView<const float>& depth,
   }
 }
 
-void VertexToNormalMap(const ImageView<const float, 3>& vertices, const ImageView<float, 3>& normals) {
+void VertexToNormalMap(const ImageView<const float, 3>& vertices,
+                       const ImageView<float, 3>& normals) {
   if (normals.empty()) return;
   for (int32_t r = 0; r < normals.rows; ++r) {
     float* n = normals.row(r);

@@ -20,12 +20,12 @@ struct ImageView {
 
   bool empty() const { return data == nullptr || cols < 1 || rows < 1; }
   size_t rowBytes() const {
-    return step > 0 ? static_cast<size_t>(step)
-                    : static_cast<size_t>(cols) * Channels * sizeof(T);
+    return step > 0 ? static_cast<size_t>(step) : static_cast<size_t>(cols) * Channels * sizeof(T);
   }
   T* row(int32_t r) const {
     using Byte = std::conditional_t<std::is_const_v<T>, const unsigned char, unsigned char>;
-    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(data) + static_cast<size_t>(r) * rowBytes());
+    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(data) +
+                                static_cast<size_t>(r) * rowBytes());
   }
 };
 
@@ -51,7 +51,8 @@ void DepthToVertexMap(const ImageView<const float>& depth,
 // camera at the origin from each of them (negative dot product with each vertex); one seen
 // edge-on or from behind is dropped, never flipped. Pixels without a counted triangle get
 // (0, 0, 0). The normal map is cleared first; it must have the size of the vertex map.
-void VertexToNormalMap(const ImageView<const float, 3>& vertices, const ImageView<float, 3>& normals);
+void VertexToNormalMap(const ImageView<const float, 3>& vertices,
+                       const ImageView<float, 3>& normals);
 
 // Writes 255 for a valid pixel and 0 for the others, returns the number of valid pixels. A pixel
 // is valid when its z is not 0 (NaN counts as valid) and, if `normals` is non-empty and of the

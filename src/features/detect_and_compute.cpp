@@ -23,8 +23,14 @@ KeyPointFeatures DetectAndCompute(const PointKdTree& tree,
     std::copy(n, n + 3, out.normals.begin() + static_cast<std::ptrdiff_t>(k * 3));
   }
   out.descriptors.assign(count * kDescriptorSize, 0.0f);
-  ComputeDescriptors(tree, normals, out.indices.data(), out.count(), featureRadius,
-                     histogramRadius, exec, out.descriptors.data());
+  ComputeDescriptors(tree,
+                     normals,
+                     out.indices.data(),
+                     out.count(),
+                     featureRadius,
+                     histogramRadius,
+                     exec,
+                     out.descriptors.data());
   return out;
 }
 

@@ -13,10 +13,10 @@ namespace qorv {
 
 // Key points of one cloud with what registration needs of them, all in key-point order.
 struct KeyPointFeatures {
-  std::vector<int32_t> indices;     // positions in the cloud
-  std::vector<float> positions;     // 3 floats each
-  std::vector<float> normals;       // 3 floats each, the cloud's normals at the key points
-  std::vector<float> descriptors;   // 33 floats each (features/fpfh_descriptor.hpp)
+  std::vector<int32_t> indices;    // positions in the cloud
+  std::vector<float> positions;    // 3 floats each
+  std::vector<float> normals;      // 3 floats each, the cloud's normals at the key points
+  std::vector<float> descriptors;  // 33 floats each (features/fpfh_descriptor.hpp)
 
   int32_t count() const { return static_cast<int32_t>(indices.size()); }
 };

@@ -12,11 +12,13 @@
 namespace qorv {
 namespace {
 
-constexpr float kEpsilon = FLT_EPSILON;  // 1.1920929e-07
-constexpr float kBinsPerUnit = 5.5f;     // [-1, 1] onto [0, 11)
+constexpr float kEpsilon = FLT_EPSILON;       // 1.1920929e-07
+constexpr float kBinsPerUnit = 5.5f;          // [-1, 1] onto [0, 11)
 constexpr float kBinsPerRadian = 1.7507044f;  // 5.5 / pi: [-pi, pi] onto [0, 11)
 
-inline int32_t WrapBin(int32_t b) { return ((b % kHistogramBins) + kHistogramBins) % kHistogramBins; }
+inline int32_t WrapBin(int32_t b) {
+  return ((b % kHistogramBins) + kHistogramBins) % kHistogramBins;
+}
 
 // Soft circular binning: the weight is shared linearly between the two bins around x, and the
 // bin after the last is bin 0, for the angle as for the two cosine features.
@@ -138,20 +140,26 @@ void ComputeDescriptors(const PointKdTree& tree,
   for (int32_t k = 0; k < keyPointCount; ++k) require(keyPointIndices[k]);
   for (const WeightedNeighbour& n : weighted) require(n.index);
   std::vector<float> histograms(needed.size() * kDescriptorSize);
-  RunFor(exec, 0, static_cast<int32_t>(needed.size()),
+  RunFor(exec,
+         0,
+         static_cast<int32_t>(needed.size()),
          [&](int32_t begin, int32_t end, int32_t threadIndex) {
            RadiusResult& found = scratch[static_cast<size_t>(threadIndex)].neighbours;
            for (int32_t q = begin; q < end; ++q) {
-             ComputePairHistograms(tree, normals, needed[static_cast<size_t>(q)], histogramRadiusSq,
-                                   found, histograms.data() + static_cast<size_t>(q) * kDescriptorSize);
+             ComputePairHistograms(tree,
+                                   normals,
+                                   needed[static_cast<size_t>(q)],
+                                   histogramRadiusSq,
+                                   found,
+                                   histograms.data() + static_cast<size_t>(q) * kDescriptorSize);
            }
          });
 
   // 3. Weighted sums, the key point's own histogram weighing as much as all its neighbours.
   std::vector<size_t> first(static_cast<size_t>(keyPointCount) + 1, 0);
   for (int32_t k = 0; k < keyPointCount; ++k) {
-    first[static_cast<size_t>(k) + 1] = first[static_cast<size_t>(k)] +
-                                        static_cast<size_t>(neighbourCount[static_cast<size_t>(k)]);
+    first[static_cast<size_t>(k) + 1] =
+        first[static_cast<size_t>(k)] + static_cast<size_t>(neighbourCount[static_cast<size_t>(k)]);
   }
   auto histogramOf = [&](int32_t point) {
     return histograms.data() +

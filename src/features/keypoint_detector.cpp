@@ -93,8 +93,8 @@ void SuppressNonMaxima(const std::vector<float>& positions,
     RadiusResult& found = scratch[static_cast<size_t>(threadIndex)].neighbours;
     for (int32_t k = begin; k < end; ++k) {
       found.clear();
-      candidateTree.radiusSearch(positions.data() + static_cast<size_t>(k) * 3, radiusSq, found,
-                                 false);
+      candidateTree.radiusSearch(
+          positions.data() + static_cast<size_t>(k) * 3, radiusSq, found, false);
       for (const int32_t m : found.indices) {
         if (m != k && scores[static_cast<size_t>(m)] > scores[static_cast<size_t>(k)]) {
           keep[static_cast<size_t>(k)] = 0;

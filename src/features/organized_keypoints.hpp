@@ -72,10 +72,7 @@ std::vector<float> ComputeKeyPixelDescriptors(const OrganizedMaps& maps,
 // the descriptor layout: counts[0..10] angle theta, [11..21] spread alpha, [22..32] direction phi.
 // Bins: truncation of phi * 5.5 + 5.5 (alpha alike) and of theta * 5.5 / pi + 5.5, clamped to
 // 0..10; a NaN feature (NaN normal) counts in bin 0.
-void ComputePixelHistogram(const OrganizedMaps& maps,
-                           int32_t row,
-                           int32_t col,
-                           int32_t histogramWindow,
-                           int32_t* counts);
+void ComputePixelHistogram(
+    const OrganizedMaps& maps, int32_t row, int32_t col, int32_t histogramWindow, int32_t* counts);
 
 }  // namespace qorv

@@ -41,11 +41,8 @@ inline void NormalizeInPlace(float* v) {
 // the caller has computed as sqrt of the squared distance and checked to be >= float epsilon.
 // The frame's source is the point whose normal makes the smaller angle with the line between
 // the points (s on ties). Single precision throughout; NaN normals give NaN features.
-inline PairFeatures ComputePairFeatures(const float* ps,
-                                        const float* ns,
-                                        const float* pj,
-                                        const float* nj,
-                                        float d) {
+inline PairFeatures ComputePairFeatures(
+    const float* ps, const float* ns, const float* pj, const float* nj, float d) {
   const float u[3] = {(pj[0] - ps[0]) / d, (pj[1] - ps[1]) / d, (pj[2] - ps[2]) / d};
   const float a = detail::Dot(ns, u);
   const float b = detail::Dot(nj, u);

@@ -17,12 +17,8 @@ struct ScatterEigenvalues {
 // matrix", CACM 4(4), 1961), in single precision. The acos argument is not clamped and P = 0 is
 // not guarded: a degenerate (planar, linear, isotropic) matrix may give NaN, which the key-point
 // tests reject. Returned unsorted, in the order the formula produces them.
-inline ScatterEigenvalues ComputeScatterEigenvalues(float c00,
-                                                    float c11,
-                                                    float c22,
-                                                    float c01,
-                                                    float c02,
-                                                    float c12) {
+inline ScatterEigenvalues ComputeScatterEigenvalues(
+    float c00, float c11, float c22, float c01, float c02, float c12) {
   const float t = c00 + c11 + c22;
   const float m = c00 * c11 + c00 * c22 + c11 * c22 - c01 * c01 - c02 * c02 - c12 * c12;
   const float det = c00 * c11 * c22 + 2.0f * c01 * c02 * c12 - c00 * c12 * c12 - c11 * c02 * c02 -

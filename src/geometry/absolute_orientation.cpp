@@ -73,8 +73,8 @@ std::array<float, 12> AbsoluteOrientation(const float* pointsA, const float* poi
     }
   }
   const auto vectors = solver.eigenvectors();  // unit columns
-  const float w = vectors(0, best).real(), x = vectors(1, best).real(),
-              y = vectors(2, best).real(), z = vectors(3, best).real();
+  const float w = vectors(0, best).real(), x = vectors(1, best).real(), y = vectors(2, best).real(),
+              z = vectors(3, best).real();
 
   std::array<float, 12> result;
   float* r = result.data();

@@ -49,22 +49,27 @@ constexpr std::array<uint8_t, 256> kByteClass = MakeByteClasses();
 
 // Weight of the k-th digit after the leading zeros of a fraction: 10^-(k+1). Only 16 digits count.
 constexpr int kFractionDigits = 16;
+// clang-format off
 constexpr double kDigitWeight[kFractionDigits] = {1e-1, 1e-2,  1e-3,  1e-4,  1e-5,  1e-6,
                                                   1e-7, 1e-8,  1e-9,  1e-10, 1e-11, 1e-12,
                                                   1e-13, 1e-14, 1e-15, 1e-16};
+// clang-format on
 
 // Scale of the fraction after z zeros directly behind the point: 10^-z; twenty zeros or more drop
 // the fraction.
 constexpr int kMaxLeadingZeros = 20;
+// clang-format off
 constexpr double kZerosScale[kMaxLeadingZeros + 1] = {
     1.0,   1e-1,  1e-2,  1e-3,  1e-4,  1e-5,  1e-6,  1e-7,  1e-8,  1e-9, 1e-10,
     1e-11, 1e-12, 1e-13, 1e-14, 1e-15, 1e-16, 1e-17, 1e-18, 1e-19, 0.0};
+// clang-format on
 
 // Exponent digits stop accumulating here: pow(10, e) is already infinite or zero far below.
 constexpr int kExponentClamp = 100000;
 
-// pow(10, e), tabulated where it is finite and non-zero. The table holds what pow returns, which is
-// not always the double nearest to 10^e (10^23 is one ulp off), so parsed values stay bit-identical.
+// pow(10, e), tabulated for |e| <= 400, beyond which it is infinite or zero. The table holds what
+// pow returns, which is not always the double nearest to 10^e (10^23 is one ulp off), so parsed
+// values keep their bits.
 double PowerOfTen(int e) {
   constexpr int kHalf = 400;
   static const std::array<double, 2 * kHalf + 1> table = [] {
@@ -279,12 +284,21 @@ bool WritePointsToAsc(const char* path,
     }
     const float* nv = normals + 3 * i;
     if (colours == nullptr) {
-      std::fprintf(file, "%f %f %f %f %f %f\n", d(p, 0), d(p, 1), d(p, 2), d(nv, 0), d(nv, 1),
-                   d(nv, 2));
+      std::fprintf(
+          file, "%f %f %f %f %f %f\n", d(p, 0), d(p, 1), d(p, 2), d(nv, 0), d(nv, 1), d(nv, 2));
     } else {
       const unsigned char* c = colours + 3 * i;
-      std::fprintf(file, "%f %f %f %f %f %f %d %d %d\n", d(p, 0), d(p, 1), d(p, 2), d(nv, 0),
-                   d(nv, 1), d(nv, 2), c[0], c[1], c[2]);
+      std::fprintf(file,
+                   "%f %f %f %f %f %f %d %d %d\n",
+                   d(p, 0),
+                   d(p, 1),
+                   d(p, 2),
+                   d(nv, 0),
+                   d(nv, 1),
+                   d(nv, 2),
+                   c[0],
+                   c[1],
+                   c[2]);
     }
   }
   // A failed flush can leave fclose with nothing more to report, so both are checked.

@@ -72,14 +72,14 @@ inline void ApplyToGroups(const Lanes& l, const float* in, float* out) {
     const __m128 c = _mm_loadu_ps(in + 12 * g + 8);
     xs[g] = Shuffle<_MM_SHUFFLE(2, 0, 3, 0)>(a, Shuffle<_MM_SHUFFLE(1, 1, 2, 2)>(b, c));
     ys[g] = Shuffle<_MM_SHUFFLE(2, 0, 2, 0)>(Shuffle<_MM_SHUFFLE(0, 0, 1, 1)>(a, b),
-                                            Shuffle<_MM_SHUFFLE(2, 2, 3, 3)>(b, c));
+                                             Shuffle<_MM_SHUFFLE(2, 2, 3, 3)>(b, c));
     zs[g] = Shuffle<_MM_SHUFFLE(3, 0, 2, 0)>(Shuffle<_MM_SHUFFLE(1, 1, 2, 2)>(a, b), c);
   }
   for (int g = 0; g < kGroups; ++g) {
     const auto row = [&](int r) {
-      const __m128 sum = _mm_add_ps(_mm_add_ps(_mm_mul_ps(l.m[3 * r], xs[g]),
-                                               _mm_mul_ps(l.m[3 * r + 1], ys[g])),
-                                    _mm_mul_ps(l.m[3 * r + 2], zs[g]));
+      const __m128 sum =
+          _mm_add_ps(_mm_add_ps(_mm_mul_ps(l.m[3 * r], xs[g]), _mm_mul_ps(l.m[3 * r + 1], ys[g])),
+                     _mm_mul_ps(l.m[3 * r + 2], zs[g]));
       return kTranslate ? _mm_add_ps(sum, l.m[9 + r]) : sum;
     };
     const __m128 x = row(0), y = row(1), z = row(2);

@@ -14,8 +14,14 @@ std::vector<int32_t> MatchKeyPoints(const KeyPointSet& first,
                                     bool crossCheck,
                                     const Execution& exec) {
   std::vector<int32_t> matches(static_cast<size_t>(std::max(second.count, 0)), 0);
-  MatchDescriptorsExhaustive(first.descriptors, first.count, second.descriptors, second.count,
-                             crossCheck, exec, matches.data(), nullptr);
+  MatchDescriptorsExhaustive(first.descriptors,
+                             first.count,
+                             second.descriptors,
+                             second.count,
+                             crossCheck,
+                             exec,
+                             matches.data(),
+                             nullptr);
   return matches;
 }
 
@@ -39,10 +45,10 @@ Correspondences BuildCorrespondences(const KeyPointSet& first,
     pairs.first.insert(pairs.first.end(), first.points + 3 * i, first.points + 3 * i + 3);
     pairs.second.insert(pairs.second.end(), second.points + 3 * j, second.points + 3 * j + 3);
     if (pairs.hasNormals) {
-      pairs.firstNormals.insert(pairs.firstNormals.end(), first.normals + 3 * i,
-                                first.normals + 3 * i + 3);
-      pairs.secondNormals.insert(pairs.secondNormals.end(), second.normals + 3 * j,
-                                 second.normals + 3 * j + 3);
+      pairs.firstNormals.insert(
+          pairs.firstNormals.end(), first.normals + 3 * i, first.normals + 3 * i + 3);
+      pairs.secondNormals.insert(
+          pairs.secondNormals.end(), second.normals + 3 * j, second.normals + 3 * j + 3);
     }
   }
   return pairs;

@@ -45,8 +45,8 @@ Correspondences BuildCorrespondences(const KeyPointSet& first,
                                      const std::vector<int32_t>& matches,
                                      bool withNormals);
 
-// Hands the surviving matches (entries != -1, as (j, matches[j]) in order of j) to the callback with
-// `count` as its count, logging "Match condition error." when their number differs from count.
+// Hands the surviving matches (entries != -1, as (j, matches[j]) in order of j) to the callback
+// with `count` as its count, logging "Match condition error." when their number differs from count.
 // pairs is null when count is 0. The array holds at least max(count, survivors) entries; entries
 // past the survivors (possible only when count exceeds them) are all bits set. No-op without a
 // callback.

@@ -306,10 +306,24 @@ void MatchDescriptorsExhaustive(const float* targets,
 
   RunFor(exec, 0, queryCount, [&](int32_t begin, int32_t end, int32_t slot) {
     if (crossCheck) {
-      MatchRange<true>(queries, begin, end, blocks, targets, targetCount,
-                       &columns[static_cast<size_t>(slot)], matchIndices, bestDistSq.data());
+      MatchRange<true>(queries,
+                       begin,
+                       end,
+                       blocks,
+                       targets,
+                       targetCount,
+                       &columns[static_cast<size_t>(slot)],
+                       matchIndices,
+                       bestDistSq.data());
     } else {
-      MatchRange<false>(queries, begin, end, blocks, targets, targetCount, nullptr, matchIndices,
+      MatchRange<false>(queries,
+                        begin,
+                        end,
+                        blocks,
+                        targets,
+                        targetCount,
+                        nullptr,
+                        matchIndices,
                         bestDistSq.data());
     }
   });

@@ -49,7 +49,8 @@ float CheckDistance(const float* points, int32_t count, int32_t k, const Executi
   LogInfo("checkDistance: %lld-%lld", static_cast<long long>(lo), static_cast<long long>(hi));
   std::sort(values.begin(), values.end());
   double sum = 0.0;
-  for (int64_t i = lo; i < hi; ++i) sum += static_cast<double>(std::sqrt(values[static_cast<size_t>(i)]));
+  for (int64_t i = lo; i < hi; ++i)
+    sum += static_cast<double>(std::sqrt(values[static_cast<size_t>(i)]));
   return static_cast<float>(sum / static_cast<double>(hi - lo));
 }
 

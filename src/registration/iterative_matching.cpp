@@ -82,13 +82,16 @@ void Compose(const Vector6& delta, float pose[12]) {
   const float cx = std::cos(wx), sx = std::sin(wx);
   const float cy = std::cos(wy), sy = std::sin(wy);
   const float cz = std::cos(wz), sz = std::sin(wz);
+  // clang-format off
   const float d[9] = {cz * cy, cz * sy * sx - sz * cx, cz * sy * cx + sz * sx,
                       sz * cy, sz * sy * sx + cz * cx, sz * sy * cx - sx * cz,
                       -sy,     cy * sx,                cy * cx};
+  // clang-format on
   float next[12];
   for (int r = 0; r < 3; ++r) {
     for (int c = 0; c < 3; ++c) {
-      next[3 * r + c] = d[3 * r] * pose[c] + d[3 * r + 1] * pose[3 + c] + d[3 * r + 2] * pose[6 + c];
+      next[3 * r + c] =
+          d[3 * r] * pose[c] + d[3 * r + 1] * pose[3 + c] + d[3 * r + 2] * pose[6 + c];
     }
     next[9 + r] = d[3 * r] * pose[9] + d[3 * r + 1] * pose[10] + d[3 * r + 2] * pose[11] +
                   static_cast<float>(delta(3 + r));

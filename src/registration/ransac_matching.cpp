@@ -34,14 +34,16 @@ Vec3 Normalized(const Vec3& v) {
   return {v.x / length, v.y / length, v.z / length};
 }
 Vec3 Centroid(const Vec3& a, const Vec3& b, const Vec3& c) {
-  return {static_cast<float>((a.x + b.x + c.x) / 3.0), static_cast<float>((a.y + b.y + c.y) / 3.0),
+  return {static_cast<float>((a.x + b.x + c.x) / 3.0),
+          static_cast<float>((a.y + b.y + c.y) / 3.0),
           static_cast<float>((a.z + b.z + c.z) / 3.0)};
 }
 
 using Mat3 = std::array<float, 9>;
 
 Vec3 Apply(const float* m, const Vec3& v) {
-  return {m[0] * v.x + m[1] * v.y + m[2] * v.z, m[3] * v.x + m[4] * v.y + m[5] * v.z,
+  return {m[0] * v.x + m[1] * v.y + m[2] * v.z,
+          m[3] * v.x + m[4] * v.y + m[5] * v.z,
           m[6] * v.x + m[7] * v.y + m[8] * v.z};
 }
 Mat3 Multiply(const Mat3& a, const Mat3& b) {
@@ -87,8 +89,8 @@ double DistSqDouble(const float* a, const float* b) {
   return dx * dx + dy * dy + dz * dz;
 }
 
-// Similar triangles: every edge of one is longer than ratioSq times the same edge of the other, both
-// ways. Coincident vertices never pass (0 > 0 fails).
+// Similar triangles: every edge of one is longer than ratioSq times the same edge of the other,
+// both ways. Coincident vertices never pass (0 > 0 fails).
 bool EdgesAgree(const float* const second[3], const float* const first[3], float ratioSq) {
   const double q = ratioSq;
   static constexpr int kEdges[3][2] = {{0, 1}, {0, 2}, {1, 2}};
@@ -143,9 +145,8 @@ void SolveThreePoints(const float* const source[3], const float* const target[3]
   // about z is left to find.
   const Mat3 planeToPlane = Rodrigues(Scaled(Normalized(Cross(sourceNormal, targetNormal)),
                                              std::acos(Dot(sourceNormal, targetNormal))));
-  const Mat3 toXy =
-      Rodrigues(Scaled(Normalized(Cross(targetNormal, Vec3{0.0f, 0.0f, 1.0f})),
-                       std::acos(targetNormal.z)));
+  const Mat3 toXy = Rodrigues(
+      Scaled(Normalized(Cross(targetNormal, Vec3{0.0f, 0.0f, 1.0f})), std::acos(targetNormal.z)));
   const Mat3 sourceToXy = Multiply(toXy, planeToPlane);
   Vec3 sp[3];
   Vec3 dp[3];
@@ -193,9 +194,8 @@ int32_t RansacMatch(const KeyPointSet& first,
   const int32_t n = pairs.size();
   LogInfo("RansacMatch: %d", n);
 
-  const InlierTest inlier{pairs,
-                          static_cast<float>(params.inlierDistance * params.inlierDistance),
-                          pairs.hasNormals};
+  const InlierTest inlier{
+      pairs, static_cast<float>(params.inlierDistance * params.inlierDistance), pairs.hasNormals};
   const float ratioSq = static_cast<float>(params.edgeRatio * params.edgeRatio);
   const int64_t stopCount = std::max<int64_t>((3 * static_cast<int64_t>(n)) >> 2, 6);
 
@@ -214,7 +214,8 @@ int32_t RansacMatch(const KeyPointSet& first,
       std::iota(order.begin(), order.end(), 0);
       for (int32_t it = begin; it < end; ++it) {
         // A partial Fisher-Yates shuffle: entries 0, 1, 2 are always three distinct pairs.
-        for (size_t s = 0; s < 3; ++s) std::swap(order[s], order[static_cast<size_t>(random.next() % n)]);
+        for (size_t s = 0; s < 3; ++s)
+          std::swap(order[s], order[static_cast<size_t>(random.next() % n)]);
         const float* secondPoints[3];
         const float* firstPoints[3];
         for (size_t s = 0; s < 3; ++s) {

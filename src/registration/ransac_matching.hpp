@@ -11,9 +11,9 @@
 namespace qorv {
 
 struct RansacParams {
-  int32_t iterations = 0;      // samples drawn (over all workers); <= 0 draws none
-  double edgeRatio = 0.0;      // sample triangles must agree: a > r^2 b and b > r^2 a per edge
-  double inlierDistance = 0.0; // inliers lie strictly closer than this after the motion
+  int32_t iterations = 0;       // samples drawn (over all workers); <= 0 draws none
+  double edgeRatio = 0.0;       // sample triangles must agree: a > r^2 b and b > r^2 a per edge
+  double inlierDistance = 0.0;  // inliers lie strictly closer than this after the motion
 };
 
 // Matches the second set's key points into the first by descriptor (exhaustive, crossCheck as

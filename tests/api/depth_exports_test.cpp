@@ -43,17 +43,37 @@ class DepthExportsTest : public ::testing::Test {
     vertices_.assign(n * 3, 0.0f);
     normals_.assign(n * 3, 0.0f);
     mask_.assign(n, 0);
-    ASSERT_EQ(QorvDepthToVmapNmap(inst_, camera_.data(), depth_.data(), vertices_.data(),
-                                  normals_.data(), mask_.data(), cam_.width, cam_.height),
+    ASSERT_EQ(QorvDepthToVmapNmap(inst_,
+                                  camera_.data(),
+                                  depth_.data(),
+                                  vertices_.data(),
+                                  normals_.data(),
+                                  mask_.data(),
+                                  cam_.width,
+                                  cam_.height),
               QORV_OK);
   }
   void TearDown() override { QorvDestroyInstance(inst_); }
 
-  QorvResult Detect(const unsigned char* mask, int32_t scoreWindow, int32_t maxKeyPoints,
+  QorvResult Detect(const unsigned char* mask,
+                    int32_t scoreWindow,
+                    int32_t maxKeyPoints,
                     Captured* out) {
-    return QorvDetectAndComputeVmapNmap(inst_, vertices_.data(), normals_.data(), mask, cam_.width,
-                                        cam_.height, scoreWindow, 15, 5, 7, 0.975f, 0.975f,
-                                        maxKeyPoints, Capture, out);
+    return QorvDetectAndComputeVmapNmap(inst_,
+                                        vertices_.data(),
+                                        normals_.data(),
+                                        mask,
+                                        cam_.width,
+                                        cam_.height,
+                                        scoreWindow,
+                                        15,
+                                        5,
+                                        7,
+                                        0.975f,
+                                        0.975f,
+                                        maxKeyPoints,
+                                        Capture,
+                                        out);
   }
 
   QorvInstance* inst_ = nullptr;
@@ -103,11 +123,11 @@ TEST_F(DepthExportsTest, DetectAndComputeVmapNmapChecksInOrder) {
   const float* v = vertices_.data();
   const float* n = normals_.data();
   const int32_t w = cam_.width, h = cam_.height;
-  const auto call = [&](QorvInstance* inst, const float* vm, const float* nm, int32_t ww,
-                        int32_t hh) {
-    return QorvDetectAndComputeVmapNmap(inst, vm, nm, nullptr, ww, hh, 9, 15, 5, 7, 0.975f, 0.975f,
-                                        0, Capture, &out);
-  };
+  const auto call =
+      [&](QorvInstance* inst, const float* vm, const float* nm, int32_t ww, int32_t hh) {
+        return QorvDetectAndComputeVmapNmap(
+            inst, vm, nm, nullptr, ww, hh, 9, 15, 5, 7, 0.975f, 0.975f, 0, Capture, &out);
+      };
   EXPECT_EQ(call(nullptr, nullptr, nullptr, 0, 0), QORV_ERROR_NULL_INSTANCE);
   EXPECT_EQ(call(inst_, nullptr, n, w, h), QORV_ERROR_INVALID_ARGUMENT);
   EXPECT_EQ(call(inst_, v, nullptr, w, h), QORV_ERROR_INVALID_ARGUMENT);
@@ -118,8 +138,8 @@ TEST_F(DepthExportsTest, DetectAndComputeVmapNmapChecksInOrder) {
   EXPECT_EQ(call(inst_, v, n, INT32_MAX, INT32_MAX), QORV_ERROR_ALLOCATION);
   EXPECT_EQ(out.calls, 0);
   // Window sizes are not checked; a null callback is allowed.
-  EXPECT_EQ(QorvDetectAndComputeVmapNmap(inst_, v, n, nullptr, w, h, -1, -1, -1, -1, 0.0f, 0.0f,
-                                         -1, nullptr, nullptr),
+  EXPECT_EQ(QorvDetectAndComputeVmapNmap(
+                inst_, v, n, nullptr, w, h, -1, -1, -1, -1, 0.0f, 0.0f, -1, nullptr, nullptr),
             QORV_OK);
 }
 
@@ -165,10 +185,13 @@ TEST_F(DepthExportsTest, MaskFromTheMapsAndThreadingDoNotChangeTheResult) {
   for (const Captured* other : {&computed, &threaded}) {
     ASSERT_EQ(other->positions.size(), given.positions.size());
     ASSERT_EQ(other->descriptors.size(), given.descriptors.size());
-    EXPECT_EQ(0, std::memcmp(other->positions.data(), given.positions.data(),
-                             given.positions.size() * 4));
-    EXPECT_EQ(0, std::memcmp(other->descriptors.data(), given.descriptors.data(),
-                             given.descriptors.size() * 4));
+    EXPECT_EQ(
+        0,
+        std::memcmp(other->positions.data(), given.positions.data(), given.positions.size() * 4));
+    EXPECT_EQ(
+        0,
+        std::memcmp(
+            other->descriptors.data(), given.descriptors.data(), given.descriptors.size() * 4));
   }
 }
 

@@ -42,9 +42,19 @@ class DetectAndComputeExport : public ::testing::Test {
                int32_t maxKeyPoints,
                float ratio = 0.9f) {
     Captured c;
-    EXPECT_EQ(QorvDetectAndCompute(inst_, cloud.points.data(), cloud.normals.data(), cloud.count(),
-                                   0.15f, nonMaxRadius, 0.1f, 0.2f, ratio, ratio, maxKeyPoints,
-                                   Capture, &c),
+    EXPECT_EQ(QorvDetectAndCompute(inst_,
+                                   cloud.points.data(),
+                                   cloud.normals.data(),
+                                   cloud.count(),
+                                   0.15f,
+                                   nonMaxRadius,
+                                   0.1f,
+                                   0.2f,
+                                   ratio,
+                                   ratio,
+                                   maxKeyPoints,
+                                   Capture,
+                                   &c),
               QORV_OK);
     EXPECT_EQ(c.calls, 1);
     return c;
@@ -59,8 +69,8 @@ TEST_F(DetectAndComputeExport, ChecksTheHandleFirstThenArgumentsInOrder) {
   const float* n = box.normals.data();
   Captured c;
   auto call = [&](QorvInstance* inst, const float* points, const float* normals, int32_t count) {
-    return QorvDetectAndCompute(inst, points, normals, count, 0.5f, 0.1f, 0.2f, 0.3f, 0.9f, 0.9f, 0,
-                                Capture, &c);
+    return QorvDetectAndCompute(
+        inst, points, normals, count, 0.5f, 0.1f, 0.2f, 0.3f, 0.9f, 0.9f, 0, Capture, &c);
   };
   EXPECT_EQ(call(nullptr, nullptr, nullptr, 0), QORV_ERROR_NULL_INSTANCE);
   EXPECT_EQ(call(inst_, nullptr, n, box.count()), QORV_ERROR_INVALID_ARGUMENT);
@@ -69,13 +79,13 @@ TEST_F(DetectAndComputeExport, ChecksTheHandleFirstThenArgumentsInOrder) {
   EXPECT_EQ(call(inst_, p, n, -3), QORV_ERROR_INVALID_ARGUMENT);
   EXPECT_EQ(c.calls, 0);
   // Radii and ratios are not checked; a null callback is fine.
-  EXPECT_EQ(QorvDetectAndCompute(inst_, p, n, box.count(), -1.0f, -1.0f, -1.0f, -1.0f, NAN, NAN, -5,
-                                 Capture, &c),
+  EXPECT_EQ(QorvDetectAndCompute(
+                inst_, p, n, box.count(), -1.0f, -1.0f, -1.0f, -1.0f, NAN, NAN, -5, Capture, &c),
             QORV_OK);
   EXPECT_EQ(c.calls, 1);
   EXPECT_EQ(c.count, 0);
-  EXPECT_EQ(QorvDetectAndCompute(inst_, p, n, box.count(), 0.5f, 0.1f, 0.2f, 0.3f, 1.0f, 1.0f, 3,
-                                 nullptr, nullptr),
+  EXPECT_EQ(QorvDetectAndCompute(
+                inst_, p, n, box.count(), 0.5f, 0.1f, 0.2f, 0.3f, 1.0f, 1.0f, 3, nullptr, nullptr),
             QORV_OK);
 }
 
@@ -92,11 +102,13 @@ TEST_F(DetectAndComputeExport, RecordHoldsPositionsNormalsAndDescriptorsOfTheKey
     }
     ASSERT_GE(found, 0) << "key point " << k << " is not a point of the cloud";
     EXPECT_EQ(std::memcmp(&c.normals[static_cast<size_t>(k) * 3],
-                          &box.normals[static_cast<size_t>(found) * 3], 12),
+                          &box.normals[static_cast<size_t>(found) * 3],
+                          12),
               0);
     for (int block = 0; block < 3; ++block) {
       float sum = 0.0f;
-      for (int b = 0; b < 11; ++b) sum += c.descriptors[static_cast<size_t>(k * 33 + block * 11 + b)];
+      for (int b = 0; b < 11; ++b)
+        sum += c.descriptors[static_cast<size_t>(k * 33 + block * 11 + b)];
       EXPECT_NEAR(sum, 100.0f, 1e-3f);
     }
   }
@@ -120,7 +132,8 @@ TEST_F(DetectAndComputeExport, MultiThreadedVariantGivesTheSameBits) {
     EXPECT_EQ(serial.count, parallel.count);
     EXPECT_EQ(serial.positions, parallel.positions);
     EXPECT_EQ(serial.normals, parallel.normals);
-    EXPECT_EQ(std::memcmp(serial.descriptors.data(), parallel.descriptors.data(),
+    EXPECT_EQ(std::memcmp(serial.descriptors.data(),
+                          parallel.descriptors.data(),
                           serial.descriptors.size() * sizeof(float)),
               0);
   }

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -10,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <qorv/qorv.h>
+
+#include <unistd.h>
 
 namespace {
 
@@ -94,8 +94,12 @@ TEST_F(GeometryExportsTest, ReadHandsTheArraysToTheCallbackOnce) {
   const float normals[6] = {0, 0, 1, 0, 1, 0};
   const unsigned char colours[6] = {10, 20, 30, 40, 50, 60};
   for (int columns : {3, 6, 9}) {
-    ASSERT_EQ(QorvWritePointsToASC(inst_, path.c_str(), points, columns >= 6 ? normals : nullptr,
-                                   columns == 9 ? colours : nullptr, 2),
+    ASSERT_EQ(QorvWritePointsToASC(inst_,
+                                   path.c_str(),
+                                   points,
+                                   columns >= 6 ? normals : nullptr,
+                                   columns == 9 ? colours : nullptr,
+                                   2),
               QORV_OK);
     Received r;
     ASSERT_EQ(QorvReadPointsFromASC(inst_, path.c_str(), Collect, &r), QORV_OK);
@@ -138,8 +142,18 @@ TEST_F(GeometryExportsTest, OrientationFeedsTheTransformAfterReordering) {
   const double expected[12] = {0, -1, 0, 1, 1, 0, 0, 2, 0, 0, 1, 3};  // [R | t] row after row
   for (int i = 0; i < 12; ++i) EXPECT_NEAR(out[i], expected[i], 1e-5) << i;
 
-  const double reordered[12] = {out[0], out[1], out[2], out[4], out[5], out[6],
-                                out[8], out[9], out[10], out[3], out[7], out[11]};
+  const double reordered[12] = {out[0],
+                                out[1],
+                                out[2],
+                                out[4],
+                                out[5],
+                                out[6],
+                                out[8],
+                                out[9],
+                                out[10],
+                                out[3],
+                                out[7],
+                                out[11]};
   std::vector<float> moved(b.size());
   ASSERT_EQ(QorvTransformPoints(inst_, reordered, b.data(), moved.data(), 20), QORV_OK);
   for (size_t i = 0; i < a.size(); ++i) EXPECT_NEAR(moved[i], a[i], 1e-5f);

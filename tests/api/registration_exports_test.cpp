@@ -34,28 +34,7 @@ void Collect(const QorvMatchPair* pairs, uint32_t count, void* user) {
   if (pairs != nullptr) received->pairs.assign(pairs, pairs + count);
 }
 
-// Two key-point sets: the second a rigid copy of the first, reversed, with the same descriptors.
-struct KeyPoints {
-  float truth[12];
-  std::vector<float> points1, normals1, descriptors1, points2, normals2, descriptors2;
-
-  explicit KeyPoints(int32_t count) {
-    const float axis[3] = {1.0f, 0.0f, 0.0f};
-    const float shift[3] = {0.1f, 0.2f, -0.1f};
-    qorv::test::MakePose(axis, 0.15f, shift, truth);
-    points2 = qorv::test::RandomCloud(count, 61);
-    normals2 = qorv::test::RandomCloud(count, 62);
-    descriptors2 = qorv::test::RandomDescriptors(count, 63);
-    const std::vector<float> moved = qorv::test::ApplyPose(truth, points2);
-    const std::vector<float> turned = qorv::test::RotateVectors(truth, normals2);
-    for (int32_t i = count - 1; i >= 0; --i) {
-      points1.insert(points1.end(), &moved[3 * i], &moved[3 * i + 3]);
-      normals1.insert(normals1.end(), &turned[3 * i], &turned[3 * i + 3]);
-      descriptors1.insert(descriptors1.end(), &descriptors2[33 * i], &descriptors2[33 * i + 33]);
-    }
-  }
-  int32_t count() const { return static_cast<int32_t>(points1.size() / 3); }
-};
+using KeyPoints = qorv::test::RigidKeyPoints;
 
 void ExpectTransform(const double* transform, const float* truth, double tolerance) {
   for (int r = 0; r < 3; ++r) {
@@ -64,11 +43,12 @@ void ExpectTransform(const double* transform, const float* truth, double toleran
   }
 }
 
-void ExpectReversedPairs(const Received& received, int32_t count) {
-  ASSERT_EQ(received.pairs.size(), static_cast<size_t>(count));
-  for (int32_t j = 0; j < count; ++j) {
+// Every key point of the second set, in order, with its partner.
+void ExpectAllPairs(const Received& received, const KeyPoints& kp) {
+  ASSERT_EQ(received.pairs.size(), static_cast<size_t>(kp.count()));
+  for (int32_t j = 0; j < kp.count(); ++j) {
     EXPECT_EQ(received.pairs[j].indexInSecond, static_cast<uint32_t>(j));
-    EXPECT_EQ(received.pairs[j].indexInFirst, static_cast<uint32_t>(count - 1 - j));
+    EXPECT_EQ(received.pairs[j].indexInFirst, static_cast<uint32_t>(kp.firstIndexOf[j]));
   }
 }
 
@@ -101,9 +81,10 @@ TEST(RegistrationExportsTest, MatchDescriptorFollowsTheSettings) {
     multiThread ? QorvEnableMultiThread(i.inst) : QorvDisableMultiThread(i.inst);
     std::pair<std::vector<int32_t>, std::vector<float>> out{std::vector<int32_t>(30 * k),
                                                             std::vector<float>(30 * k)};
-    EXPECT_EQ(QorvMatchDescriptor(i.inst, targets.data(), 50, queries.data(), out.first.data(),
-                                  out.second.data(), k, 30),
-              QORV_OK);
+    EXPECT_EQ(
+        QorvMatchDescriptor(
+            i.inst, targets.data(), 50, queries.data(), out.first.data(), out.second.data(), k, 30),
+        QORV_OK);
     return out;
   };
   const auto plain = match(1, false, false);
@@ -131,19 +112,37 @@ TEST(RegistrationExportsTest, MatchDescriptorFollowsTheSettings) {
 
 TEST(RegistrationExportsTest, RansacChecksInOrder) {
   Instance i;
-  const KeyPoints kp(10);
+  const KeyPoints kp(10, 61);
   const float* p = kp.points1.data();
   const float* d = kp.descriptors1.data();
   double t[12];
   std::fill_n(t, 12, 5.0);
   Received received;
-  EXPECT_EQ(QorvRansacMatchKeyPoints(nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr,
-                                     nullptr, 0, nullptr, 0, 0, 0, nullptr, nullptr),
+  EXPECT_EQ(QorvRansacMatchKeyPoints(nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     0,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     0,
+                                     nullptr,
+                                     0,
+                                     0,
+                                     0,
+                                     nullptr,
+                                     nullptr),
             QORV_ERROR_NULL_INSTANCE);
-  auto call = [&](const float* p1, const float* d1, int32_t c1, const float* p2, const float* d2,
-                  int32_t c2, double* out) {
-    return QorvRansacMatchKeyPoints(i.inst, p1, nullptr, d1, c1, p2, nullptr, d2, c2, out, 10,
-                                    0.5f, 0.1f, Collect, &received);
+  auto call = [&](const float* p1,
+                  const float* d1,
+                  int32_t c1,
+                  const float* p2,
+                  const float* d2,
+                  int32_t c2,
+                  double* out) {
+    return QorvRansacMatchKeyPoints(
+        i.inst, p1, nullptr, d1, c1, p2, nullptr, d2, c2, out, 10, 0.5f, 0.1f, Collect, &received);
   };
   EXPECT_EQ(call(nullptr, d, 10, p, d, 10, t), 3);
   EXPECT_EQ(call(p, nullptr, 10, p, d, 10, t), 3);
@@ -158,29 +157,52 @@ TEST(RegistrationExportsTest, RansacChecksInOrder) {
 
 TEST(RegistrationExportsTest, RansacRegistersAndReportsPairsInSecondCloudOrder) {
   Instance i;
-  const KeyPoints kp(150);
+  const KeyPoints kp(150, 61);
   for (bool multiThread : {false, true}) {
     multiThread ? QorvEnableMultiThread(i.inst) : QorvDisableMultiThread(i.inst);
     double t[12] = {};
     Received received;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(QorvRansacMatchKeyPoints(i.inst, kp.points1.data(), kp.normals1.data(),
-                                       kp.descriptors1.data(), 150, kp.points2.data(),
-                                       kp.normals2.data(), kp.descriptors2.data(), 150, t, 3000,
-                                       0.9f, 0.01f, Collect, &received),
+    EXPECT_EQ(QorvRansacMatchKeyPoints(i.inst,
+                                       kp.points1.data(),
+                                       kp.normals1.data(),
+                                       kp.descriptors1.data(),
+                                       150,
+                                       kp.points2.data(),
+                                       kp.normals2.data(),
+                                       kp.descriptors2.data(),
+                                       150,
+                                       t,
+                                       3000,
+                                       0.9f,
+                                       0.01f,
+                                       Collect,
+                                       &received),
               QORV_OK);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "[QORV INFO] RansacMatch: 150\n");
     EXPECT_EQ(received.calls, 1);
     EXPECT_EQ(received.count, 150u);
-    ExpectReversedPairs(received, 150);
+    ExpectAllPairs(received, kp);
     ExpectTransform(t, kp.truth, 1e-4);
   }
   // Without a callback the transform is still written.
   double t[12] = {};
   testing::internal::CaptureStdout();
-  EXPECT_EQ(QorvRansacMatchKeyPoints(i.inst, kp.points1.data(), nullptr, kp.descriptors1.data(),
-                                     150, kp.points2.data(), nullptr, kp.descriptors2.data(), 150,
-                                     t, 3000, 0.9f, 0.01f, nullptr, nullptr),
+  EXPECT_EQ(QorvRansacMatchKeyPoints(i.inst,
+                                     kp.points1.data(),
+                                     nullptr,
+                                     kp.descriptors1.data(),
+                                     150,
+                                     kp.points2.data(),
+                                     nullptr,
+                                     kp.descriptors2.data(),
+                                     150,
+                                     t,
+                                     3000,
+                                     0.9f,
+                                     0.01f,
+                                     nullptr,
+                                     nullptr),
             QORV_OK);
   testing::internal::GetCapturedStdout();
   ExpectTransform(t, kp.truth, 1e-4);
@@ -188,16 +210,27 @@ TEST(RegistrationExportsTest, RansacRegistersAndReportsPairsInSecondCloudOrder) 
 
 TEST(RegistrationExportsTest, RansacWithoutInliersCallsBackWithNothing) {
   Instance i;
-  const KeyPoints kp(20);
+  const KeyPoints kp(20, 61);
   for (int32_t iterations : {0, 100}) {
     double t[12];
     Received received;
     testing::internal::CaptureStdout();
     // edgeRatio 1 rejects every triangle; with normals on both sides the zero motion keeps none.
-    EXPECT_EQ(QorvRansacMatchKeyPoints(i.inst, kp.points1.data(), kp.normals1.data(),
-                                       kp.descriptors1.data(), 20, kp.points2.data(),
-                                       kp.normals2.data(), kp.descriptors2.data(), 20, t,
-                                       iterations, 1.0f, 0.5f, Collect, &received),
+    EXPECT_EQ(QorvRansacMatchKeyPoints(i.inst,
+                                       kp.points1.data(),
+                                       kp.normals1.data(),
+                                       kp.descriptors1.data(),
+                                       20,
+                                       kp.points2.data(),
+                                       kp.normals2.data(),
+                                       kp.descriptors2.data(),
+                                       20,
+                                       t,
+                                       iterations,
+                                       1.0f,
+                                       0.5f,
+                                       Collect,
+                                       &received),
               QORV_OK);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "[QORV INFO] RansacMatch: 20\n");
     EXPECT_EQ(received.calls, 1);
@@ -210,9 +243,21 @@ TEST(RegistrationExportsTest, RansacWithoutInliersCallsBackWithNothing) {
   double t[12];
   Received received;
   testing::internal::CaptureStdout();
-  EXPECT_EQ(QorvRansacMatchKeyPoints(i.inst, kp.points1.data(), nullptr, kp.descriptors1.data(),
-                                     20, kp.points2.data(), nullptr, kp.descriptors2.data(), 20, t,
-                                     0, 1.0f, 100.0f, Collect, &received),
+  EXPECT_EQ(QorvRansacMatchKeyPoints(i.inst,
+                                     kp.points1.data(),
+                                     nullptr,
+                                     kp.descriptors1.data(),
+                                     20,
+                                     kp.points2.data(),
+                                     nullptr,
+                                     kp.descriptors2.data(),
+                                     20,
+                                     t,
+                                     0,
+                                     1.0f,
+                                     100.0f,
+                                     Collect,
+                                     &received),
             QORV_OK);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "[QORV INFO] RansacMatch: 20\n[QORV INFO] Match condition error.\n"
@@ -223,18 +268,24 @@ TEST(RegistrationExportsTest, RansacWithoutInliersCallsBackWithNothing) {
 
 TEST(RegistrationExportsTest, IterativeChecksInOrderAndRefines) {
   Instance i;
-  const KeyPoints kp(80);
+  const KeyPoints kp(80, 61);
   const float* p = kp.points1.data();
   const float* d = kp.descriptors1.data();
   double t[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
   Received received;
-  EXPECT_EQ(QorvIterativeMatchKeyPoints(nullptr, nullptr, nullptr, 0, nullptr, nullptr, 0, nullptr,
-                                        0, 0, 0, nullptr, nullptr),
-            QORV_ERROR_NULL_INSTANCE);
-  auto call = [&](const float* p1, const float* d1, int32_t c1, const float* p2, const float* d2,
-                  int32_t c2, double* out) {
-    return QorvIterativeMatchKeyPoints(i.inst, p1, d1, c1, p2, d2, c2, out, 30, 1.0f, 0.01f,
-                                       Collect, &received);
+  EXPECT_EQ(
+      QorvIterativeMatchKeyPoints(
+          nullptr, nullptr, nullptr, 0, nullptr, nullptr, 0, nullptr, 0, 0, 0, nullptr, nullptr),
+      QORV_ERROR_NULL_INSTANCE);
+  auto call = [&](const float* p1,
+                  const float* d1,
+                  int32_t c1,
+                  const float* p2,
+                  const float* d2,
+                  int32_t c2,
+                  double* out) {
+    return QorvIterativeMatchKeyPoints(
+        i.inst, p1, d1, c1, p2, d2, c2, out, 30, 1.0f, 0.01f, Collect, &received);
   };
   EXPECT_EQ(call(nullptr, d, 80, p, d, 80, t), 3);
   EXPECT_EQ(call(p, nullptr, 80, p, d, 80, t), 3);
@@ -248,14 +299,19 @@ TEST(RegistrationExportsTest, IterativeChecksInOrderAndRefines) {
   EXPECT_EQ(received.calls, 0);
 
   testing::internal::CaptureStdout();
-  EXPECT_EQ(call(kp.points1.data(), kp.descriptors1.data(), 80, kp.points2.data(),
-                 kp.descriptors2.data(), 80, t),
+  EXPECT_EQ(call(kp.points1.data(),
+                 kp.descriptors1.data(),
+                 80,
+                 kp.points2.data(),
+                 kp.descriptors2.data(),
+                 80,
+                 t),
             QORV_OK);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "[QORV INFO] IterativeMatch: 80\n");
   ExpectTransform(t, kp.truth, 1e-5);
   EXPECT_EQ(received.calls, 1);
   EXPECT_EQ(received.count, 80u);
-  ExpectReversedPairs(received, 80);
+  ExpectAllPairs(received, kp);
 }
 
 TEST(RegistrationExportsTest, CheckDistanceChecksInOrderAndAgreesAcrossVariants) {

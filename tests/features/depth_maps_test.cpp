@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+#include "features/depth_maps.hpp"
+
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "features/depth_maps.hpp"
 
 namespace qorv {
 namespace {
@@ -22,8 +22,15 @@ struct Maps {
   std::vector<float> normals;
   std::vector<uint8_t> mask;
 
-  Maps(const std::vector<float>& depth, int32_t w, int32_t h, const Intrinsics& k, bool withNormals = true)
-      : width(w), height(h), vertices(depth.size() * 3, 7.0f), normals(depth.size() * 3, 7.0f),
+  Maps(const std::vector<float>& depth,
+       int32_t w,
+       int32_t h,
+       const Intrinsics& k,
+       bool withNormals = true)
+      : width(w),
+        height(h),
+        vertices(depth.size() * 3, 7.0f),
+        normals(depth.size() * 3, 7.0f),
         mask(depth.size(), 0xAB) {
     DepthToVertexMap({depth.data(), 0, w, h}, k, {vertices.data(), 0, w, h});
     if (withNormals) VertexToNormalMap({vertices.data(), 0, w, h}, {normals.data(), 0, w, h});
@@ -132,7 +139,7 @@ TEST(DepthMapsTest, CornerPixelsDependOnTheirSingleTriangle) {
   // corner without a normal while its neighbours keep theirs.
   const int32_t w = 5, h = 4;
   std::vector<float> depth(w * h, 1.5f);
-  depth[1 * w + 0] = 0.0f;            // C of the first triangle of block (0, 0)
+  depth[1 * w + 0] = 0.0f;              // C of the first triangle of block (0, 0)
   depth[(h - 2) * w + (w - 1)] = 0.0f;  // A of the second triangle of block (h-2, w-2)
   const Maps maps(depth, w, h, kCamera);
   EXPECT_TRUE(IsZero(maps.normal(0, 0)));
@@ -170,11 +177,11 @@ TEST(DepthMapsTest, SurfacesFacingAwayOrEdgeOnGetNoNormal) {
 TEST(DepthMapsTest, MaskIgnoresMissingOrMismatchedNormals) {
   const int32_t w = 4, h = 3;
   std::vector<float> vertices(w * h * 3, 1.0f);
-  vertices[2] = 0.0f;                  // pixel 0: z = 0
-  vertices[5 * 3 + 2] = kNaN;          // pixel 5: NaN z is valid
+  vertices[2] = 0.0f;          // pixel 0: z = 0
+  vertices[5 * 3 + 2] = kNaN;  // pixel 5: NaN z is valid
   std::vector<float> normals(vertices.size(), 0.0f);
-  normals[3 * 3 + 1] = kNaN;           // pixel 3: NaN normal counts as non-zero
-  normals[7 * 3 + 2] = -1.0f;          // pixel 7: ordinary normal
+  normals[3 * 3 + 1] = kNaN;   // pixel 3: NaN normal counts as non-zero
+  normals[7 * 3 + 2] = -1.0f;  // pixel 7: ordinary normal
   std::vector<uint8_t> mask(w * h);
   const ImageView<const float, 3> v{vertices.data(), 0, w, h};
   const ImageView<uint8_t> m{mask.data(), 0, w, h};
@@ -183,7 +190,8 @@ TEST(DepthMapsTest, MaskIgnoresMissingOrMismatchedNormals) {
   EXPECT_EQ(mask[7], 255);
   EXPECT_EQ(mask[5], 0);
   for (const ImageView<const float, 3>& ignored :
-       {ImageView<const float, 3>{nullptr, 0, w, h}, ImageView<const float, 3>{normals.data(), 0, w, h - 1},
+       {ImageView<const float, 3>{nullptr, 0, w, h},
+        ImageView<const float, 3>{normals.data(), 0, w, h - 1},
         ImageView<const float, 3>{normals.data(), 0, w - 1, h}}) {
     EXPECT_EQ(ComputeValidMask(v, ignored, m), w * h - 1);
     EXPECT_EQ(mask[0], 0);
@@ -201,8 +209,8 @@ TEST(DepthMapsTest, RowStepAddressesPaddedRows) {
   const Maps packed(packedDepth, w, h, kCamera);
   std::vector<float> vertices(7 * 3 * h, 3.0f), normals(7 * 3 * h, 3.0f);
   const int32_t vertexStep = 7 * 3 * 4;
-  DepthToVertexMap({paddedDepth.data(), padded * 4, w, h}, kCamera,
-                   {vertices.data(), vertexStep, w, h});
+  DepthToVertexMap(
+      {paddedDepth.data(), padded * 4, w, h}, kCamera, {vertices.data(), vertexStep, w, h});
   VertexToNormalMap({vertices.data(), vertexStep, w, h}, {normals.data(), vertexStep, w, h});
   for (int32_t r = 0; r < h; ++r) {
     EXPECT_EQ(0, std::memcmp(&vertices[r * 21], packed.vertex(r, 0), w * 3 * sizeof(float)));

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+#include "features/fpfh_descriptor.hpp"
+
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -8,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
-#include "features/fpfh_descriptor.hpp"
 #include "features/pair_features.hpp"
 #include "support/features_shapes.hpp"
 
@@ -24,9 +25,14 @@ std::vector<float> Descriptors(const test::OrientedCloud& cloud,
                                bool multiThread) {
   const PointKdTree tree(cloud.points.data(), cloud.count());
   std::vector<float> out(keyPoints.size() * 33, -1.0f);
-  ComputeDescriptors(tree, cloud.normals.data(), keyPoints.data(),
-                     static_cast<int32_t>(keyPoints.size()), featureRadius, histogramRadius,
-                     Execution{multiThread}, out.data());
+  ComputeDescriptors(tree,
+                     cloud.normals.data(),
+                     keyPoints.data(),
+                     static_cast<int32_t>(keyPoints.size()),
+                     featureRadius,
+                     histogramRadius,
+                     Execution{multiThread},
+                     out.data());
   return out;
 }
 
@@ -53,7 +59,10 @@ void LiteralSoftBin(float* h, float x, float w) {
   h[(b + 1) % 11] += t * w;
 }
 
-std::vector<float> LiteralPointHistogram(const PointKdTree& tree, const float* normals, int32_t s, float radiusSq) {
+std::vector<float> LiteralPointHistogram(const PointKdTree& tree,
+                                         const float* normals,
+                                         int32_t s,
+                                         float radiusSq) {
   std::vector<float> h(33, 0.0f);
   RadiusResult found;
   const float* ps = tree.element(s);
@@ -62,7 +71,8 @@ std::vector<float> LiteralPointHistogram(const PointKdTree& tree, const float* n
     const int32_t j = found.indices[n];
     const float d = std::sqrt(found.distSq[n]);
     if (j == s || d < kEps) continue;
-    const PairFeatures f = ComputePairFeatures(ps, normals + s * 3, tree.element(j), normals + j * 3, d);
+    const PairFeatures f =
+        ComputePairFeatures(ps, normals + s * 3, tree.element(j), normals + j * 3, d);
     LiteralSoftBin(&h[11], (f.alpha + 1.0f) * 5.5f, f.weight);
     LiteralSoftBin(&h[0], f.theta * 1.7507044f + 5.5f, f.weight);
     LiteralSoftBin(&h[22], (f.phi + 1.0f) * 5.5f, f.weight);
@@ -85,11 +95,13 @@ std::vector<float> LiteralDescriptors(const test::OrientedCloud& cloud,
     float* d = &out[k * 33];
     const int32_t s = keyPoints[k];
     found.clear();
-    if (tree.boxDistSq(tree.element(s)) <= featureSq) tree.radiusSearch(tree.element(s), featureSq, found, false);
+    if (tree.boxDistSq(tree.element(s)) <= featureSq)
+      tree.radiusSearch(tree.element(s), featureSq, found, false);
     float total = 0.0f;
     for (size_t n = 0; n < found.size(); ++n) {
       if (found.indices[n] == s) continue;
-      const std::vector<float> h = LiteralPointHistogram(tree, normals, found.indices[n], histogramSq);
+      const std::vector<float> h =
+          LiteralPointHistogram(tree, normals, found.indices[n], histogramSq);
       if (found.distSq[n] < kEps) continue;
       const float w = std::sqrt(scale / (scale + found.distSq[n]));
       for (int b = 0; b < 33; ++b) d[b] += w * h[static_cast<size_t>(b)];
@@ -130,8 +142,12 @@ test::OrientedCloud AwkwardSurface() {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   for (int32_t i = 0; i < 900; i += 97) {
     const size_t o = static_cast<size_t>(i) * 3;
-    cloud.add(cloud.points[o], cloud.points[o + 1], cloud.points[o + 2], cloud.normals[o],
-              cloud.normals[o + 1], cloud.normals[o + 2]);
+    cloud.add(cloud.points[o],
+              cloud.points[o + 1],
+              cloud.points[o + 2],
+              cloud.normals[o],
+              cloud.normals[o + 1],
+              cloud.normals[o + 2]);
     cloud.add(nan, cloud.points[o + 1], cloud.points[o + 2], 0.0f, 0.0f, 1.0f);
   }
   return cloud;
@@ -143,13 +159,14 @@ std::vector<int32_t> ClusteredKeyPoints() {
   for (int32_t c = 31; c < 900; c += 113) {
     for (int32_t i = c; i < c + 4 && i < 900; ++i) keyPoints.push_back(i);
   }
-  keyPoints.push_back(97);    // has a coincident duplicate
-  keyPoints.push_back(31);    // listed twice
-  keyPoints.push_back(900);   // the duplicate itself
+  keyPoints.push_back(97);   // has a coincident duplicate
+  keyPoints.push_back(31);   // listed twice
+  keyPoints.push_back(900);  // the duplicate itself
   return keyPoints;
 }
 
-// ---- Tests ---------------------------------------------------------------------------------------
+// ---- Tests
+// ---------------------------------------------------------------------------------------
 
 TEST(PairFeatures, AnalyticFrameAndSourceChoice) {
   const float beta = 0.3f;
@@ -183,8 +200,10 @@ TEST(PairFeatures, AnalyticFrameAndSourceChoice) {
   const float t[3] = {1.0f, -2.0f, 0.5f};
   const test::OrientedCloud moved = test::RigidlyMoved(pair, 1.1f, t);
   const float d = std::sqrt(0.09f + 0.01f + 0.0025f);
-  const PairFeatures a = ComputePairFeatures(&pair.points[0], &pair.normals[0], &pair.points[3], &pair.normals[3], d);
-  const PairFeatures b = ComputePairFeatures(&moved.points[0], &moved.normals[0], &moved.points[3], &moved.normals[3], d);
+  const PairFeatures a =
+      ComputePairFeatures(&pair.points[0], &pair.normals[0], &pair.points[3], &pair.normals[3], d);
+  const PairFeatures b = ComputePairFeatures(
+      &moved.points[0], &moved.normals[0], &moved.points[3], &moved.normals[3], d);
   EXPECT_NEAR(a.phi, b.phi, 1e-5f);
   EXPECT_NEAR(a.alpha, b.alpha, 1e-5f);
   EXPECT_NEAR(a.theta, b.theta, 1e-5f);

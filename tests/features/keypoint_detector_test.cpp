@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+#include "features/keypoint_detector.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -10,9 +12,8 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
-#include "support/clouds.hpp"
-#include "features/keypoint_detector.hpp"
 #include "features/scatter_eigenvalues.hpp"
+#include "support/clouds.hpp"
 #include "support/features_shapes.hpp"
 
 namespace qorv {
@@ -106,7 +107,8 @@ std::vector<int32_t> LiteralDetect(const std::vector<float>& points, const KeyPo
   }
   if (params.maxKeyPoints >= 1) LiteralInsertionRank(indices, scores);
   if (params.nonMaxRadius > 0.0f) {
-    const float nmsSq = static_cast<float>(static_cast<double>(params.nonMaxRadius) * params.nonMaxRadius);
+    const float nmsSq =
+        static_cast<float>(static_cast<double>(params.nonMaxRadius) * params.nonMaxRadius);
     std::vector<int32_t> kept;
     for (size_t k = 0; k < indices.size(); ++k) {
       bool keep = true;
@@ -135,14 +137,16 @@ std::vector<float> IntegerBlob(int n, uint32_t seed, float dx, float scale) {
     const int code = static_cast<int>(rng() % 125u);
     if (std::find(used.begin(), used.end(), code) != used.end()) continue;
     used.push_back(code);
-    points.insert(points.end(), {static_cast<float>(code % 5) * scale + dx,
-                                 static_cast<float>(code / 5 % 5) * scale,
-                                 static_cast<float>(code / 25) * scale});
+    points.insert(points.end(),
+                  {static_cast<float>(code % 5) * scale + dx,
+                   static_cast<float>(code / 5 % 5) * scale,
+                   static_cast<float>(code / 25) * scale});
   }
   return points;
 }
 
-// ---- Tests ---------------------------------------------------------------------------------------
+// ---- Tests
+// ---------------------------------------------------------------------------------------
 
 TEST(ScatterEigenvalues, MatchDoublePrecisionSolverInTheDocumentedOrder) {
   std::mt19937 rng(7);
@@ -156,7 +160,8 @@ TEST(ScatterEigenvalues, MatchDoublePrecisionSolverInTheDocumentedOrder) {
     const Eigen::Matrix3f cf = c.cast<float>();
     const ScatterEigenvalues e =
         ComputeScatterEigenvalues(cf(0, 0), cf(1, 1), cf(2, 2), cf(0, 1), cf(0, 2), cf(1, 2));
-    const Eigen::Vector3d ref = Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(cf.cast<double>()).eigenvalues();
+    const Eigen::Vector3d ref =
+        Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(cf.cast<double>()).eigenvalues();
     const double tol = 1e-4 * ref(2);
     EXPECT_NEAR(e.e0, ref(2), tol);  // largest
     EXPECT_NEAR(e.e2, ref(1), tol);  // middle
@@ -176,7 +181,8 @@ TEST(RankByScore, SameOrderAsTheLiteralInsertionSortWithManyTies) {
     std::vector<float> scores(n);
     for (size_t i = 0; i < n; ++i) {
       indices[i] = static_cast<int32_t>(i);
-      scores[i] = static_cast<float>(static_cast<int>(rng() % static_cast<uint32_t>(levels))) * 0.25f;
+      scores[i] =
+          static_cast<float>(static_cast<int>(rng() % static_cast<uint32_t>(levels))) * 0.25f;
     }
     if (n > 3 && trial % 3 == 0) scores[rng() % n] = -std::numeric_limits<float>::infinity();
     std::vector<int32_t> expectedIndices = indices;
@@ -197,7 +203,8 @@ TEST(DetectKeyPoints, BoxCornersAreFoundAndFlatFacesAreNot) {
     const float* p = &d.positions[k * 3];
     EXPECT_EQ(p[0], box.points[static_cast<size_t>(d.indices[k]) * 3]);
     const int corner = (p[0] > 0.5f ? 1 : 0) + (p[1] > 0.5f ? 2 : 0) + (p[2] > 0.5f ? 4 : 0);
-    const float c[3] = {corner & 1 ? 1.0f : 0.0f, corner & 2 ? 1.0f : 0.0f, corner & 4 ? 1.0f : 0.0f};
+    const float c[3] = {
+        corner & 1 ? 1.0f : 0.0f, corner & 2 ? 1.0f : 0.0f, corner & 4 ? 1.0f : 0.0f};
     EXPECT_LT(std::sqrt(test::DistSq(p, c)), 0.15f) << "key point " << k;
     ++cornersHit[static_cast<size_t>(corner)];
   }
@@ -220,7 +227,8 @@ TEST(DetectKeyPoints, ConeTipRanksFirst) {
   const Detected d = Detect(cone.points, {0.1f, 0.0f, 0.9f, 0.9f, 5}, false);
   ASSERT_EQ(d.indices.size(), 5u);
   const float apex[3] = {0.0f, 0.0f, 0.0f};
-  for (size_t k = 0; k < 5; ++k) EXPECT_LT(std::sqrt(test::DistSq(&d.positions[k * 3], apex)), 0.1f);
+  for (size_t k = 0; k < 5; ++k)
+    EXPECT_LT(std::sqrt(test::DistSq(&d.positions[k * 3], apex)), 0.1f);
 }
 
 TEST(DetectKeyPoints, PlanesAndSparseCloudsGiveNone) {
@@ -231,7 +239,8 @@ TEST(DetectKeyPoints, PlanesAndSparseCloudsGiveNone) {
   // A bumpy grid of spacing 1: within 1.3 every point has at most 5 neighbours (itself included),
   // too few for any ratio; within 2.5 the same points qualify.
   std::vector<float> bumpy = test::GridCloud(20, 20, 1.0f);
-  for (size_t i = 2; i < bumpy.size(); i += 3) bumpy[i] = static_cast<float>((i * 7 / 3) % 5) * 0.1f;
+  for (size_t i = 2; i < bumpy.size(); i += 3)
+    bumpy[i] = static_cast<float>((i * 7 / 3) % 5) * 0.1f;
   EXPECT_TRUE(Detect(bumpy, {1.3f, 0.0f, 10.0f, 10.0f, 0}, false).indices.empty());
   EXPECT_FALSE(Detect(bumpy, {2.5f, 0.0f, 10.0f, 10.0f, 0}, false).indices.empty());
 }

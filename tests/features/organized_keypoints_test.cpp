@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+#include "features/organized_keypoints.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -11,7 +13,7 @@
 #include <omp.h>
 
 #include "features/depth_maps.hpp"
-#include "features/organized_keypoints.hpp"
+#include "features/scatter_eigenvalues.hpp"
 #include "support/depth_scenes.hpp"
 
 namespace qorv {
@@ -31,8 +33,10 @@ struct Scene {
     vertices.resize(depth.size() * 3);
     normals.resize(depth.size() * 3);
     mask.resize(depth.size());
-    const Intrinsics k{static_cast<float>(cam.fx), static_cast<float>(cam.fy),
-                       static_cast<float>(cam.cx), static_cast<float>(cam.cy)};
+    const Intrinsics k{static_cast<float>(cam.fx),
+                       static_cast<float>(cam.fy),
+                       static_cast<float>(cam.cx),
+                       static_cast<float>(cam.cy)};
     DepthToVertexMap({depth.data(), 0, w, h}, k, {vertices.data(), 0, w, h});
     VertexToNormalMap({vertices.data(), 0, w, h}, {normals.data(), 0, w, h});
     ComputeValidMask({vertices.data(), 0, w, h}, {normals.data(), 0, w, h}, {mask.data(), 0, w, h});
@@ -60,7 +64,8 @@ OrganizedKeyPointParams DefaultParams() {
   return p;
 }
 
-Detection Detect(const OrganizedMaps& maps, const OrganizedKeyPointParams& params,
+Detection Detect(const OrganizedMaps& maps,
+                 const OrganizedKeyPointParams& params,
                  bool multiThread = false) {
   Detection d;
   d.flags.assign(maps.pixelCount(), 0x11);
@@ -80,8 +85,10 @@ test::BoxScene BoxBeforeWall() {
 }
 
 // Descriptors recomputed per key pixel, every pixel histogram afresh.
-std::vector<float> ReferenceDescriptors(const OrganizedMaps& maps, const std::vector<size_t>& keys,
-                                        int32_t h, int32_t histogramWindow) {
+std::vector<float> ReferenceDescriptors(const OrganizedMaps& maps,
+                                        const std::vector<size_t>& keys,
+                                        int32_t h,
+                                        int32_t histogramWindow) {
   std::vector<float> out(keys.size() * 33, 0.0f);
   int32_t counts[33];
   for (size_t k = 0; k < keys.size(); ++k) {
@@ -111,7 +118,46 @@ std::vector<float> ReferenceDescriptors(const OrganizedMaps& maps, const std::ve
   return out;
 }
 
-double SegmentDistance(double px, double py, const std::array<double, 3>& a,
+// Score image computed pixel by pixel, straight from the definition.
+std::vector<float> ReferenceScores(const OrganizedMaps& maps,
+                                   const OrganizedKeyPointParams& params) {
+  std::vector<float> scores(maps.pixelCount(), std::numeric_limits<float>::quiet_NaN());
+  const int32_t h = params.scoreWindow >> 1;
+  for (int32_t row = h; row < maps.height - h; ++row) {
+    for (int32_t col = h; col < maps.width - h; ++col) {
+      const size_t i = static_cast<size_t>(row) * maps.width + col;
+      if (maps.mask[i] == 0) continue;
+      const float* p = maps.vertices + 3 * i;
+      float c[6] = {0, 0, 0, 0, 0, 0};  // c00 c11 c22 c01 c02 c12
+      int count = 0;
+      for (int32_t qr = row - h; qr <= row + h; ++qr) {
+        for (int32_t qc = col - h; qc <= col + h; ++qc) {
+          const size_t q = static_cast<size_t>(qr) * maps.width + qc;
+          if (maps.mask[q] == 0) continue;
+          const float* v = maps.vertices + 3 * q;
+          const float d[3] = {v[0] - p[0], v[1] - p[1], v[2] - p[2]};
+          const float length = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+          if (length < kEpsilon) continue;
+          ++count;
+          const float u[3] = {d[0] / length, d[1] / length, d[2] / length};
+          c[0] += u[0] * u[0], c[3] += u[0] * u[1], c[4] += u[0] * u[2];
+          c[1] += u[1] * u[1], c[5] += u[1] * u[2], c[2] += u[2] * u[2];
+        }
+      }
+      if (count < params.scoreWindow) continue;
+      const ScatterEigenvalues e = ComputeScatterEigenvalues(c[0], c[1], c[2], c[3], c[4], c[5]);
+      if (std::signbit(e.e0) != std::signbit(e.e1)) continue;
+      float l[3] = {e.e0, e.e1, e.e2};
+      std::sort(l, l + 3, [](float a, float b) { return a > b; });
+      if (l[1] / l[0] < params.ratio21 && l[2] / l[1] < params.ratio32) scores[i] = l[2];
+    }
+  }
+  return scores;
+}
+
+double SegmentDistance(double px,
+                       double py,
+                       const std::array<double, 3>& a,
                        const std::array<double, 3>& b) {
   const double dx = b[0] - a[0], dy = b[1] - a[1];
   double t = ((px - a[0]) * dx + (py - a[1]) * dy) / (dx * dx + dy * dy);
@@ -127,13 +173,31 @@ TEST(OrganizedKeyPointsTest, FlatWallSeenHeadOnHasNoKeyPixel) {
   for (float s : d.scores) EXPECT_TRUE(std::isnan(s));
 }
 
+TEST(OrganizedKeyPointsTest, ScoresEqualAPerPixelReference) {
+  const test::DepthCamera cam;
+  std::vector<float> depth = BoxBeforeWall().render(cam);
+  std::mt19937 rng(3);
+  std::normal_distribution<float> noise(0.0f, 0.002f);
+  for (float& z : depth) z += noise(rng);
+  depth[30 * cam.width + 90] = 0.0f;
+  Scene scene(depth);
+  scene.vertices[(50 * cam.width + 60) * 3] = std::numeric_limits<float>::quiet_NaN();
+  for (int32_t window : {2, 3, 9, 10}) {
+    OrganizedKeyPointParams p = DefaultParams();
+    p.scoreWindow = window;
+    const std::vector<float> reference = ReferenceScores(scene.maps(), p);
+    const Detection d = Detect(scene.maps(), p);
+    EXPECT_EQ(0, std::memcmp(d.scores.data(), reference.data(), reference.size() * 4)) << window;
+  }
+}
+
 TEST(OrganizedKeyPointsTest, BoxCornerIsTheBestKeyPixelAndStrongOnesLieOnEdges) {
   const test::DepthCamera cam;
   const test::BoxScene box;
   const Scene scene(box.render(cam));
   const auto corners = box.projectedCorners(cam);
-  const auto apex = *std::min_element(corners.begin(), corners.end(),
-                                      [](const auto& a, const auto& b) { return a[2] < b[2]; });
+  const auto apex = *std::min_element(
+      corners.begin(), corners.end(), [](const auto& a, const auto& b) { return a[2] < b[2]; });
 
   OrganizedKeyPointParams params = DefaultParams();
   params.maxKeyPoints = 1;
@@ -155,9 +219,11 @@ TEST(OrganizedKeyPointsTest, BoxCornerIsTheBestKeyPixelAndStrongOnesLieOnEdges) 
     for (int a = 0; a < 8; ++a) {
       for (int bit : {1, 2, 4}) {
         if ((a & bit) == 0) {
-          nearest = std::min(nearest, SegmentDistance(static_cast<double>(key % cam.width),
-                                                      static_cast<double>(key / cam.width),
-                                                      corners[a], corners[a | bit]));
+          nearest = std::min(nearest,
+                             SegmentDistance(static_cast<double>(key % cam.width),
+                                             static_cast<double>(key / cam.width),
+                                             corners[a],
+                                             corners[a | bit]));
         }
       }
     }
@@ -204,10 +270,12 @@ TEST(OrganizedKeyPointsTest, SuppressionAndCapMatchABruteForceReference) {
     params.maxKeyPoints = cap;
     const Detection capped = Detect(scene.maps(), params);
     std::vector<size_t> expected;
-    for (size_t k = 0; k < std::min<size_t>(cap, ranked.size()); ++k) expected.push_back(ranked[k].second);
+    for (size_t k = 0; k < std::min<size_t>(cap, ranked.size()); ++k)
+      expected.push_back(ranked[k].second);
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(capped.keys, expected) << cap;
-    EXPECT_EQ(0, std::memcmp(capped.scores.data(), uncapped.scores.data(), cam.width * cam.height * 4));
+    EXPECT_EQ(
+        0, std::memcmp(capped.scores.data(), uncapped.scores.data(), cam.width * cam.height * 4));
   }
 }
 
@@ -295,7 +363,10 @@ TEST(OrganizedKeyPointsTest, PixelHistogramOfAPlaneFillsTheMiddleBins) {
   struct Case {
     int32_t row, col, window, pairs;
   };
-  for (const Case& k : {Case{0, 0, 5, 8}, Case{5, 5, 5, 23}, Case{60, 80, 7, 48}, Case{60, 80, 6, 48},
+  for (const Case& k : {Case{0, 0, 5, 8},
+                        Case{5, 5, 5, 23},
+                        Case{60, 80, 7, 48},
+                        Case{60, 80, 6, 48},
                         Case{cam.height - 1, cam.width - 1, 3, 3}}) {
     ComputePixelHistogram(maps, k.row, k.col, k.window, counts);
     for (int b = 0; b < 33; ++b) {
@@ -320,11 +391,14 @@ TEST(OrganizedKeyPointsTest, SerialAndParallelAreBitIdentical) {
     p.maxKeyPoints = cap;
     const Detection serial = Detect(maps, p, false);
     const Detection parallel = Detect(maps, p, true);
-    EXPECT_EQ(0, std::memcmp(serial.scores.data(), parallel.scores.data(), serial.scores.size() * 4));
+    EXPECT_EQ(0,
+              std::memcmp(serial.scores.data(), parallel.scores.data(), serial.scores.size() * 4));
     EXPECT_EQ(serial.flags, parallel.flags);
     ASSERT_FALSE(serial.keys.empty());
-    const std::vector<float> a = ComputeKeyPixelDescriptors(maps, serial.flags.data(), 5, 7, Execution{false});
-    const std::vector<float> b = ComputeKeyPixelDescriptors(maps, serial.flags.data(), 5, 7, Execution{true});
+    const std::vector<float> a =
+        ComputeKeyPixelDescriptors(maps, serial.flags.data(), 5, 7, Execution{false});
+    const std::vector<float> b =
+        ComputeKeyPixelDescriptors(maps, serial.flags.data(), 5, 7, Execution{true});
     ASSERT_EQ(a.size(), b.size());
     EXPECT_EQ(0, std::memcmp(a.data(), b.data(), a.size() * 4));
   }

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+#include "geometry/absolute_orientation.hpp"
+
 #include <array>
 #include <cmath>
 #include <random>
@@ -8,7 +10,6 @@
 #include <Eigen/Dense>
 #include <gtest/gtest.h>
 
-#include "geometry/absolute_orientation.hpp"
 #include "support/clouds.hpp"
 
 namespace qorv {
@@ -25,7 +26,8 @@ Eigen::Matrix3d RotationOf(const Motion& m) {
 // Oracle: the best proper rotation by SVD of the cross-covariance, in double (Kabsch/Umeyama).
 Motion KabschMotion(const std::vector<float>& a, const std::vector<float>& b) {
   const Eigen::Index n = static_cast<Eigen::Index>(a.size() / 3);
-  const Eigen::Map<const Eigen::Matrix<float, 3, Eigen::Dynamic>> ma(a.data(), 3, n), mb(b.data(), 3, n);
+  const Eigen::Map<const Eigen::Matrix<float, 3, Eigen::Dynamic>> ma(a.data(), 3, n),
+      mb(b.data(), 3, n);
   const Eigen::MatrixXd da = ma.cast<double>(), db = mb.cast<double>();
   const Eigen::Vector3d ca = da.rowwise().mean(), cb = db.rowwise().mean();
   const Eigen::Matrix3d h = (db.colwise() - cb) * (da.colwise() - ca).transpose();
@@ -40,7 +42,9 @@ Motion KabschMotion(const std::vector<float>& a, const std::vector<float>& b) {
   return m;
 }
 
-std::vector<float> Moved(const std::vector<float>& points, const Eigen::Matrix3f& r, const Eigen::Vector3f& t) {
+std::vector<float> Moved(const std::vector<float>& points,
+                         const Eigen::Matrix3f& r,
+                         const Eigen::Vector3f& t) {
   std::vector<float> out(points.size());
   for (size_t i = 0; i < points.size(); i += 3) {
     const Eigen::Vector3f p = r * Eigen::Vector3f(points[i], points[i + 1], points[i + 2]) + t;
@@ -89,7 +93,8 @@ TEST(AbsoluteOrientationTest, AgreesWithSvdOnNoisyAndMirroredSets) {
     // A mirror image has no rotation onto it: the best proper one, never a reflection.
     std::vector<float> mirrored = b;
     for (size_t i = 0; i < mirrored.size(); i += 3) mirrored[i] = -mirrored[i];
-    const Motion mm = AbsoluteOrientation(mirrored.data(), b.data(), static_cast<int32_t>(b.size() / 3));
+    const Motion mm =
+        AbsoluteOrientation(mirrored.data(), b.data(), static_cast<int32_t>(b.size() / 3));
     ExpectProperRotation(mm);
     ExpectNear(mm, KabschMotion(mirrored, b), 1e-3f);
   }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
-#include <unistd.h>
+#include "geometry/asc_file.hpp"
 
 #include <cmath>
 #include <cstdio>
@@ -13,8 +13,9 @@
 
 #include <gtest/gtest.h>
 
-#include "geometry/asc_file.hpp"
 #include "support/asc_reference.hpp"
+
+#include <unistd.h>
 
 namespace qorv {
 namespace {
@@ -24,7 +25,8 @@ AscCloud Parse(const std::string& text) { return ParseAsc(text.c_str(), text.siz
 // Bitwise equality, so that NaN payloads and signed zeros count.
 template <typename T>
 bool SameBits(const std::vector<T>& a, const std::vector<T>& b) {
-  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
+  return a.size() == b.size() &&
+         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
 }
 
 void ExpectMatchesReference(const std::string& text) {
@@ -56,7 +58,7 @@ TEST(AscParseTest, NumberGrammar) {
   EXPECT_EQ(FirstNumber("+3"), 3.0f);
   EXPECT_EQ(FirstNumber("5."), 5.0f);
   EXPECT_EQ(FirstNumber("0.05"), 0.05f);
-  EXPECT_EQ(FirstNumber("1.5abc"), 1.5f);  // the rest of the token is ignored
+  EXPECT_EQ(FirstNumber("1.5abc"), 1.5f);                   // the rest of the token is ignored
   EXPECT_EQ(FirstNumber("0.000000000000000000001"), 0.0f);  // twenty zeros drop the fraction
   EXPECT_EQ(FirstNumber("7.0000000000000000000000009"), 7.0f);
   EXPECT_EQ(FirstNumber("0." + std::string(19, '0') + "1"), 1e-20f);  // nineteen zeros still count
@@ -87,7 +89,10 @@ TEST(AscParseTest, TokensThatAreNotNumbers) {
   const AscCloud crlf = Parse("1 2 3\r\n4 5 6\r\n");
   EXPECT_TRUE(SameBits(crlf.points, Parse("1 2 3\n4 5 6\n").points));
   EXPECT_EQ(crlf.columns, 3);
-  const AscCloud zeroByte = Parse(std::string("1\0" "2 3\n", 6));  // a zero byte separates
+  const AscCloud zeroByte =
+      Parse(std::string("1\0"
+                        "2 3\n",
+                        6));  // a zero byte separates
   EXPECT_EQ(zeroByte.points, (std::vector<float>{1, 2, 3}));
 }
 
@@ -133,8 +138,21 @@ TEST(AscParseTest, FilesBeyondNineNumbersALine) {
 TEST(AscParseTest, MatchesLiteralReadingOnRandomText) {
   std::mt19937 rng(7);
   const std::vector<std::string> separators = {" ", " ", " ", "\n", "\n", "\t", "\r\n", "  "};
-  const std::vector<std::string> words = {"abc", "nan", "x1", "-", "+", ".", "-.", "e", "1,2",
-                                          "0.1.2", "--1", "1e", "1e+", "3.e2", "\r"};
+  const std::vector<std::string> words = {"abc",
+                                          "nan",
+                                          "x1",
+                                          "-",
+                                          "+",
+                                          ".",
+                                          "-.",
+                                          "e",
+                                          "1,2",
+                                          "0.1.2",
+                                          "--1",
+                                          "1e",
+                                          "1e+",
+                                          "3.e2",
+                                          "\r"};
   const auto digits = [&](int n) {
     std::string s;
     for (int i = 0; i < n; ++i) s += static_cast<char>('0' + rng() % 10);
@@ -150,8 +168,9 @@ TEST(AscParseTest, MatchesLiteralReadingOnRandomText) {
       } else {
         if (rng() % 3 == 0) text += "-+"[rng() % 2];
         text += digits(static_cast<int>(rng() % (kind == 1 ? 25 : 8)));
-        if (rng() % 4 != 0) text += "." + std::string(rng() % 4 == 0 ? rng() % 24 : 0, '0') +
-                                    digits(static_cast<int>(rng() % (kind == 2 ? 24 : 9)));
+        if (rng() % 4 != 0)
+          text += "." + std::string(rng() % 4 == 0 ? rng() % 24 : 0, '0') +
+                  digits(static_cast<int>(rng() % (kind == 2 ? 24 : 9)));
         if (rng() % 6 == 0) {
           text += "eE"[rng() % 2];
           if (rng() % 2) text += "-+"[rng() % 2];
@@ -183,8 +202,10 @@ TEST(AscFileTest, RoundTripsThroughTheWriter) {
     const unsigned char* colours;
     int columns;
   };
-  for (const Case& c : {Case{nullptr, nullptr, 3}, Case{normals.data(), nullptr, 6},
-                        Case{normals.data(), colours.data(), 9}, Case{nullptr, colours.data(), 3}}) {
+  for (const Case& c : {Case{nullptr, nullptr, 3},
+                        Case{normals.data(), nullptr, 6},
+                        Case{normals.data(), colours.data(), 9},
+                        Case{nullptr, colours.data(), 3}}) {
     ASSERT_TRUE(WritePointsToAsc(path.c_str(), points.data(), c.normals, c.colours, 2));
     AscCloud cloud;
     ASSERT_TRUE(ReadPointsFromAsc(path.c_str(), cloud));
@@ -210,6 +231,7 @@ TEST(AscFileTest, UnreadableAndUnwritablePaths) {
   EXPECT_FALSE(ReadPointsFromAsc(nullptr, cloud));
   EXPECT_FALSE(ReadPointsFromAsc(TempPath("missing.asc").c_str(), cloud));
   EXPECT_FALSE(ReadPointsFromAsc(TempPath("no_folder/x.asc").c_str(), cloud));
+  EXPECT_FALSE(ReadPointsFromAsc(::testing::TempDir().c_str(), cloud));  // opens, cannot be read
   const float point[3] = {1, 2, 3};
   EXPECT_FALSE(WritePointsToAsc(nullptr, point, nullptr, nullptr, 1));
   EXPECT_FALSE(WritePointsToAsc(TempPath("no_folder/x.asc").c_str(), point, nullptr, nullptr, 1));

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+#include "geometry/rigid_transform.hpp"
+
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -7,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "geometry/rigid_transform.hpp"
 #include "support/clouds.hpp"
 
 namespace qorv {

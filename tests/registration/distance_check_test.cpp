@@ -43,8 +43,8 @@ float BruteForce(const std::vector<float>& points, int32_t k) {
 
 float Check(const std::vector<float>& points, int32_t k, bool multiThread, std::string* log) {
   testing::internal::CaptureStdout();
-  const float mean = CheckDistance(points.data(), static_cast<int32_t>(points.size() / 3), k,
-                                   Execution{multiThread});
+  const float mean = CheckDistance(
+      points.data(), static_cast<int32_t>(points.size() / 3), k, Execution{multiThread});
   const std::string out = testing::internal::GetCapturedStdout();
   if (log != nullptr) *log = out;
   return mean;

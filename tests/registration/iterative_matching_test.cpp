@@ -51,9 +51,9 @@ TEST(RefinePoseTest, HalvesTheKernelAfterEveryEighthStep) {
   std::copy_n(kIdentity, 12, pose);
   EXPECT_EQ(RefinePose(pairs, {5, 1.0f, 0.25f}, pose), 5);
   // kernelScale below maxDistance^2, or no iterations: no step, the pose is untouched.
-  for (const IterativeParams& params :
-       {IterativeParams{100, 0.0624f, 0.25f}, IterativeParams{0, 1.0f, 0.25f},
-        IterativeParams{-3, 1.0f, 0.25f}}) {
+  for (const IterativeParams& params : {IterativeParams{100, 0.0624f, 0.25f},
+                                        IterativeParams{0, 1.0f, 0.25f},
+                                        IterativeParams{-3, 1.0f, 0.25f}}) {
     std::copy_n(kIdentity, 12, pose);
     EXPECT_EQ(RefinePose(pairs, params, pose), 0);
     for (int i = 0; i < 12; ++i) EXPECT_EQ(pose[i], kIdentity[i]);
@@ -93,12 +93,18 @@ TEST(IterativeMatchTest, RefinesTheTransformAndKeepsCloseMatches) {
   sets.points1 = test::ApplyPose(truth, sets.points2);
   sets.descriptors1 = sets.descriptors2 = test::RandomDescriptors(100, 42);
   sets.points1[3 * 7] += 1.0f;  // one outlier
+  std::vector<std::vector<double>> results;
   for (bool multiThread : {false, true}) {
     double transform[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
     std::vector<int32_t> matches;
     testing::internal::CaptureStdout();
-    const int32_t kept = IterativeMatch(sets.first(), sets.second(), {50, 1.0f, 0.01f}, true,
-                                        Execution{multiThread}, transform, matches);
+    const int32_t kept = IterativeMatch(sets.first(),
+                                        sets.second(),
+                                        {50, 1.0f, 0.01f},
+                                        true,
+                                        Execution{multiThread},
+                                        transform,
+                                        matches);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "[QORV INFO] IterativeMatch: 100\n");
     EXPECT_EQ(kept, 99);
     for (int32_t j = 0; j < 100; ++j) EXPECT_EQ(matches[j], j == 7 ? -1 : j);
@@ -106,7 +112,9 @@ TEST(IterativeMatchTest, RefinesTheTransformAndKeepsCloseMatches) {
       for (int c = 0; c < 3; ++c) EXPECT_NEAR(transform[4 * r + c], truth[3 * r + c], 1e-5);
       EXPECT_NEAR(transform[4 * r + 3], truth[9 + r], 1e-5);
     }
+    results.emplace_back(transform, transform + 12);
   }
+  EXPECT_EQ(results[0], results[1]);
 }
 
 TEST(IterativeMatchTest, APairExactlyAtMaxDistanceIsDropped) {
@@ -117,8 +125,8 @@ TEST(IterativeMatchTest, APairExactlyAtMaxDistanceIsDropped) {
   double transform[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
   std::vector<int32_t> matches;
   testing::internal::CaptureStdout();
-  const int32_t kept = IterativeMatch(sets.first(), sets.second(), {0, 1.0f, 0.5f}, true,
-                                      Execution{}, transform, matches);
+  const int32_t kept = IterativeMatch(
+      sets.first(), sets.second(), {0, 1.0f, 0.5f}, true, Execution{}, transform, matches);
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(kept, 2);
   EXPECT_EQ(matches, (std::vector<int32_t>{-1, 1, 2}));

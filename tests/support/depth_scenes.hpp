@@ -70,8 +70,8 @@ struct BoxScene {
     const std::array<double, 9> r = rotation();
     std::vector<std::array<double, 3>> corners;
     for (int k = 0; k < 8; ++k) {
-      const double l[3] = {k & 1 ? halfSide : -halfSide, k & 2 ? halfSide : -halfSide,
-                           k & 4 ? halfSide : -halfSide};
+      const double l[3] = {
+          k & 1 ? halfSide : -halfSide, k & 2 ? halfSide : -halfSide, k & 4 ? halfSide : -halfSide};
       double w[3];
       for (int i = 0; i < 3; ++i) {
         w[i] = r[3 * i] * l[0] + r[3 * i + 1] * l[1] + r[3 * i + 2] * l[2] + center[i];

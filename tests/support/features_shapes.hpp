@@ -39,8 +39,12 @@ inline OrientedCloud BoxSurface(int n) {
         } else {
           continue;
         }
-        cloud.add(static_cast<float>(i) * h, static_cast<float>(j) * h, static_cast<float>(k) * h,
-                  nx, ny, nz);
+        cloud.add(static_cast<float>(i) * h,
+                  static_cast<float>(j) * h,
+                  static_cast<float>(k) * h,
+                  nx,
+                  ny,
+                  nz);
       }
     }
   }
@@ -94,18 +98,25 @@ inline OrientedCloud WavySurface(int nx, int ny, float h) {
 inline OrientedCloud RigidlyMoved(const OrientedCloud& in, float angle, const float* t) {
   const double ax = 1.0 / std::sqrt(14.0), ay = 2.0 / std::sqrt(14.0), az = 3.0 / std::sqrt(14.0);
   const double c = std::cos(angle), s = std::sin(angle), C = 1.0 - c;
-  const double r[9] = {c + ax * ax * C,      ax * ay * C - az * s, ax * az * C + ay * s,
-                       ay * ax * C + az * s, c + ay * ay * C,      ay * az * C - ax * s,
-                       az * ax * C - ay * s, az * ay * C + ax * s, c + az * az * C};
+  const double r[9] = {c + ax * ax * C,
+                       ax * ay * C - az * s,
+                       ax * az * C + ay * s,
+                       ay * ax * C + az * s,
+                       c + ay * ay * C,
+                       ay * az * C - ax * s,
+                       az * ax * C - ay * s,
+                       az * ay * C + ax * s,
+                       c + az * az * C};
   OrientedCloud out;
   for (int32_t i = 0; i < in.count(); ++i) {
     const float* p = &in.points[static_cast<size_t>(i) * 3];
     const float* n = &in.normals[static_cast<size_t>(i) * 3];
     float q[3], m[3];
     for (int row = 0; row < 3; ++row) {
-      q[row] = static_cast<float>(r[row * 3] * p[0] + r[row * 3 + 1] * p[1] + r[row * 3 + 2] * p[2] +
-                                  t[row]);
-      m[row] = static_cast<float>(r[row * 3] * n[0] + r[row * 3 + 1] * n[1] + r[row * 3 + 2] * n[2]);
+      q[row] = static_cast<float>(r[row * 3] * p[0] + r[row * 3 + 1] * p[1] +
+                                  r[row * 3 + 2] * p[2] + t[row]);
+      m[row] =
+          static_cast<float>(r[row * 3] * n[0] + r[row * 3 + 1] * n[1] + r[row * 3 + 2] * n[2]);
     }
     out.add(q[0], q[1], q[2], m[0], m[1], m[2]);
   }

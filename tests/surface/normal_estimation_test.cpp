@@ -38,20 +38,6 @@ Eigen::Vector3d OracleNormal(const std::vector<float>& points, int32_t i, float 
   return n.z() < 0 ? Eigen::Vector3d(-n) : n;
 }
 
-TEST(NormalEstimationTest, TiltedPlaneGivesItsUnitNormalFacingUp) {
-  std::vector<float> points = test::RandomCloud(1500, 3);
-  for (size_t i = 0; i < points.size(); i += 3) {
-    points[i + 2] = 0.3f * points[i] - 0.2f * points[i + 1] + 1.0f;
-  }
-  const std::vector<float> normals = Normals(points, 0.12f, kSerial);
-  const Eigen::Vector3d expected = Eigen::Vector3d(-0.3, 0.2, 1.0).normalized();
-  for (size_t i = 0; i < normals.size(); i += 3) {
-    const Eigen::Vector3d n(normals[i], normals[i + 1], normals[i + 2]);
-    ASSERT_NEAR(n.norm(), 1.0, 1e-5) << i / 3;
-    EXPECT_NEAR((n - expected).norm(), 0.0, 2e-3) << i / 3;
-  }
-}
-
 TEST(NormalEstimationTest, SphereMatchesAnEigenSolverAndNeverPointsDown) {
   std::vector<float> points;
   const int n = 1200;

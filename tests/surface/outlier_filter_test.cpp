@@ -80,7 +80,8 @@ std::vector<float> Scores(const std::vector<float>& points, int32_t meanK, const
 // A unit cube of points with a few far outliers at the end.
 std::vector<float> CloudWithOutliers(int32_t count, uint32_t seed) {
   std::vector<float> points = test::RandomCloud(count, seed);
-  for (int32_t i = count - 4; i < count; ++i) points[3 * i] += 3.0f + static_cast<float>(i % 3);
+  for (int32_t i = std::max(0, count - 4); i < count; ++i)
+    points[3 * i] += 3.0f + static_cast<float>(i % 3);
   return points;
 }
 

@@ -25,8 +25,16 @@ DATA = pathlib.Path(os.environ.get("QORV_DATA_DIR", ROOT / "data"))
 BUNNY = str(DATA / "sample" / "bunny.asc")
 
 
+# The tool itself is checked for leaks, unlike the uninstrumented interpreter running this file.
+TOOL_ENV = dict(os.environ)
+if TOOL_ENV.pop("QORV_TEST_SANITIZED", None):
+    TOOL_ENV.pop("LD_PRELOAD", None)
+    TOOL_ENV["ASAN_OPTIONS"] = "detect_leaks=1:abort_on_error=1"
+
+
 def run(*args, expect=0):
-    result = subprocess.run([CLI, *map(str, args)], capture_output=True, text=True, timeout=120)
+    result = subprocess.run([CLI, *map(str, args)], capture_output=True, text=True, timeout=120,
+                            env=TOOL_ENV)
     assert result.returncode == expect, (result.returncode, result.stdout, result.stderr)
     return result
 
@@ -298,7 +306,7 @@ def test_register_exact_runs_the_library_pipeline(moved_bunny):
     path, _, _ = moved_bunny
     result = subprocess.run(
         [CLI, "--json", "register", BUNNY, str(path), "--exact", "--resolution", "0.3"],
-        capture_output=True, text=True, timeout=120)
+        capture_output=True, text=True, timeout=120, env=TOOL_ENV)
     assert result.returncode in (0, 3), result.stderr  # 3: the pipeline found no model
     doc = json.loads(result.stdout)
     assert doc["method"] == "pipeline (ransac)"
