@@ -170,8 +170,10 @@ QORV_API QorvResult QorvAbsoluteOrientation(QorvInstance* inst,
 /* ---- Normals and filters --------------------------------------------------------------------- */
 
 /* One unit normal per point from the neighbours strictly inside radius; normals always have z >= 0.
- * Fewer than two neighbours, NaN points and degenerate neighbourhoods give (0, 0, 0).
- * orientNeighbors only sizes internal scratch. */
+ * Fewer than two neighbours, NaN points and degenerate neighbourhoods give (0, 0, 0); so may a
+ * neighbourhood with a repeated eigenvalue (regular grids), while a vertical surface gives (0, 0, 0)
+ * or a unit vector lying in it. Radius 0 or NaN gives all zeros; a negative radius acts as its
+ * absolute value. orientNeighbors is accepted and ignored. */
 QORV_API QorvResult QorvComputeNormals(QorvInstance* inst,
                                        const float* points,
                                        float* normals,
@@ -188,7 +190,11 @@ QORV_API QorvResult QorvReComputeNormals(QorvInstance* inst,
                                          float radius);
 
 /* Keeps, per occupied voxel of edge leafSize, the point nearest to the voxel's centre; the voxel
- * with the largest key is never kept. Runs on the calling thread. */
+ * with the largest key is never kept, so a cloud inside one voxel keeps nothing. Runs on the calling
+ * thread. Points with a NaN or infinite coordinate are ignored. The callback receives an empty list
+ * when leafSize is not a positive finite number, when no point is finite, or when the grid cannot be
+ * represented ((max - min) / leafSize must stay below 2^31 along x and y, and the cell count must
+ * fit in 64 bits). Among equally near points the choice is fixed run to run. */
 QORV_API QorvResult QorvVoxelFilter(QorvInstance* inst,
                                     const float* points,
                                     int32_t count,
@@ -198,7 +204,8 @@ QORV_API QorvResult QorvVoxelFilter(QorvInstance* inst,
 
 /* Statistical outlier removal over the meanK nearest neighbours with threshold
  * mean + stdMul * deviation; hands over the prefix 0 .. m-1 of positions, m being the number of
- * scores below the threshold. */
+ * scores below the threshold. Any meanK >= 1 is accepted; memory grows with count, not with meanK.
+ * A single point, or a NaN threshold, keeps nothing. */
 QORV_API QorvResult QorvSORFilter(QorvInstance* inst,
                                   const float* points,
                                   int32_t count,
@@ -208,7 +215,9 @@ QORV_API QorvResult QorvSORFilter(QorvInstance* inst,
                                   void* user);
 
 /* Boundary points: neighbours within radius leave an angular gap above one radian in the tangent
- * plane. radius must be greater than 0. */
+ * plane. radius must be greater than 0. Tangent directions are eigenvectors solved with z fixed, so
+ * a horizontal plane yields no edges; with few neighbours inside radius nearly every point is an
+ * edge. Neighbours within radius / 10 shape the plane but give no angle. */
 QORV_API QorvResult QorvEdgeFilter(QorvInstance* inst,
                                    const float* points,
                                    int32_t count,
@@ -217,7 +226,8 @@ QORV_API QorvResult QorvEdgeFilter(QorvInstance* inst,
                                    void* user);
 
 /* Gaussian-weighted average of the points strictly inside radius around each point. smoothed must
- * not be points. Points finding no neighbour (NaN points, radius 0 or NaN) come out as NaN. */
+ * not overlap points (QORV_ERROR_INVALID_ARGUMENT). Points finding no neighbour (NaN points, radius 0
+ * or NaN) come out as NaN. A negative radius acts as its absolute value. */
 QORV_API QorvResult QorvGaussianFilter(QorvInstance* inst,
                                        const float* points,
                                        float* smoothed,
