@@ -262,9 +262,15 @@ QORV_API QorvResult QorvDetectAndCompute(QorvInstance* inst,
                                          QorvKeyPointCallback callback,
                                          void* userData);
 
-/* Depth image (height x width floats) to vertex map (x, y, z a pixel), optional normal map (unit
- * normals facing the camera, zero where no triangle counts) and optional mask (255 valid, 0 not).
- * cameraMatrix: 9 doubles row after row; fx, fy, cx, cy are read. */
+/* Depth image (height x width floats, packed rows, any unit) to a vertex map (x, y, z a pixel in
+ * the camera frame, height x width x 3 floats), an optional normal map (same size: unit normals
+ * facing the camera, averaged over the triangles of neighbouring pixels whose three depths are
+ * positive and which face the camera; (0, 0, 0) where none does) and an optional mask
+ * (height x width bytes: 255 where the depth is not 0 and, with a normal map, the normal is not
+ * zero; else 0). cameraMatrix: 9 doubles row after row; fx = [0], cx = [2], fy = [4], cy = [5] are
+ * read, as floats. A depth of 0 gives (0, 0, 0); negative and NaN depths are back-projected as they
+ * are (and count as valid in a mask made without normals) but take part in no triangle. Runs on
+ * the calling thread; the instance is only checked for null. */
 QORV_API QorvResult QorvDepthToVmapNmap(QorvInstance* inst,
                                         const double* cameraMatrix,
                                         const float* depth,
@@ -274,8 +280,29 @@ QORV_API QorvResult QorvDepthToVmapNmap(QorvInstance* inst,
                                         int32_t width,
                                         int32_t height);
 
-/* Key pixels and descriptors on vertex and normal maps, with pixel windows instead of radii. The key
- * points come back in pixel order. */
+/* Key pixels and descriptors on vertex and normal maps (height x width x 3 floats each, packed
+ * rows). mask (height x width bytes, non-zero = valid) may be null: it is then derived from the
+ * maps (z not 0 and normal not (0, 0, 0)).
+ * - Score: a valid pixel at least scoreWindow/2 from every edge gets lambda3 of the scatter of the
+ *   unit directions to the valid pixels of its window, if at least scoreWindow of them lie farther
+ *   than 1.19e-7, lambda2/lambda1 < ratio21 and lambda3/lambda2 < ratio32. A NaN vertex marked
+ *   valid spoils every score whose window holds it.
+ * - Suppression: a scored pixel at least suppressionWindow/2 from the edges survives unless its
+ *   window holds a strictly greater score (equal scores both survive; suppressionWindow <= 1: none).
+ * - maxKeyPoints >= 1 keeps the best scores, ties going to the lower pixel index
+ *   (row * width + column): the result is the same on every run and with or without threads.
+ * - Descriptor of a key pixel p at least descriptorHalfWindow from every edge: the sum over the
+ *   valid pixels q of its (2 descriptorHalfWindow + 1)^2 window of q's hard-binned pair-feature
+ *   counts (against q's histogramWindow window), weighted by 1 / sqrt(vertex(q) . vertex(p)),
+ *   about 1 / depth, so nearly uniform with a little more weight for the nearer side of a depth
+ *   edge; products below 1.4e-14, negative or NaN are left out. Each 11-bin block is then scaled
+ *   to sum 100, or zeroed. Key pixels nearer the edge get 33 zeros: descriptor k always belongs to
+ *   key point k.
+ * Window sizes are not checked: scoreWindow < 2 or windows wider than the image give no key
+ * point, histogramWindow < 2 or a negative descriptorHalfWindow zero descriptors. The callback (may
+ * be null) is called once, also with count 0; key points come in pixel order with the vertex as
+ * position and the normal-map value as normal. Needs about 22 bytes a pixel of working memory;
+ * QORV_ERROR_ALLOCATION (callback not called) when it cannot be had. */
 QORV_API QorvResult QorvDetectAndComputeVmapNmap(QorvInstance* inst,
                                                  const float* vertexMap,
                                                  const float* normalMap,

@@ -15,7 +15,8 @@
 
 namespace {
 
-// Beyond this many pixels the internal images (score, flags, mask, slots) cannot be addressed.
+// Beyond this many pixels the internal images (scores, vertex planes, flags, mask, about 22 bytes
+// a pixel in all) cannot exist; such a call reports an allocation failure before reading a pixel.
 constexpr size_t kMaxPixels = static_cast<size_t>(PTRDIFF_MAX) / 16;
 
 }  // namespace
