@@ -42,9 +42,10 @@ test-sanitize:
 test-thread:
 	cmake --workflow --preset thread
 
-demo: build
-	@./build/tools/qorv --version 2>/dev/null || \
-	  (echo "qorv $$(python3 -c 'import ctypes;l=ctypes.CDLL("build/libqorv.so");l.QorvVersion.restype=ctypes.c_char_p;print(l.QorvVersion().decode())')")
+demo: deps
+	cmake --preset release
+	cmake --build --preset release --target qorv_cli
+	./build/tools/qorv demo --data data/sample/dragon_res3.asc --snapshot build/demo/snapshot.png --threads 2
 
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQORV_BUILD_BENCH=ON -DQORV_BUILD_TESTS=OFF

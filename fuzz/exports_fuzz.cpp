@@ -136,8 +136,9 @@ double SomeDouble(FuzzedDataProvider& in) {
   }
 }
 
+// Mostly in [lo, hi], sometimes an extreme.
 int32_t SomeInt(FuzzedDataProvider& in, int32_t lo, int32_t hi) {
-  switch (in.ConsumeIntegralInRange<int>(0, 9)) {
+  switch (in.ConsumeIntegralInRange<int>(0, 15)) {
     case 0: return INT32_MAX;
     case 1: return INT32_MIN;
     case 2: return in.ConsumeIntegral<int32_t>();
@@ -685,7 +686,7 @@ void FuzzDepth(FuzzedDataProvider& in, Instances& inst) {
     for (size_t i = 0; i < pixels; ++i) mask.get()[i] = in.ConsumeIntegral<unsigned char>();
   }
 
-  const int32_t windows[4] = {SomeInt(in, -1, 9), SomeInt(in, -1, 9), SomeInt(in, -1, 5), SomeInt(in, -1, 9)};
+  const int32_t windows[4] = {SomeInt(in, 1, 9), SomeInt(in, 0, 9), SomeInt(in, 0, 5), SomeInt(in, 1, 9)};
   const float ratio21 = SomeFloat(in, 0.0f, 1.2f), ratio32 = SomeFloat(in, 0.0f, 1.2f);
   const int32_t maxKeyPoints = SomeInt(in, -2, 20);
   const bool passMask = in.ConsumeBool(), withCallback = in.ConsumeIntegralInRange<int>(0, 9) != 0;

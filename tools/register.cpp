@@ -298,7 +298,8 @@ RegistrationReport RegisterClouds(const Session& session,
   {
     Stage stage(stages, "fitness");
     report.movedSource = MoveCloud(session, source, report.transform).points;
-    report.fitness = Fitness(target.points, report.movedSource, s);
+    // The all-zero matrix of a failed RANSAC piles the source on the origin: no fitness.
+    report.fitness = report.modelFound ? Fitness(target.points, report.movedSource, s) : 0.0;
   }
   report.stages = std::move(stages);
   return report;

@@ -200,6 +200,8 @@ class PclSide final : public Side {
     return NotApplicable("unknown operation");
   }
 
+  std::vector<std::string> registrationMethods() const override { return {"prerejective"}; }
+
   // Down-sampling to the resolution r, normals within 2 r, FPFH within 5 r, then
   // SampleConsensusPrerejective; all of it timed.
   RegOutcome registerPair(const Cloud& first,

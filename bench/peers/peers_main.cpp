@@ -14,7 +14,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -40,7 +39,7 @@ struct Options {
   std::string workDir = ".";
   std::string sides = "ours,pcl,open3d";
   std::string ops = "kd,knn,radius,normals,voxel,sor,keypoints,descriptors,detect,read,register";
-  std::string largeOps = "kd,knn,radius,normals,voxel,sor,read";
+  std::string largeOps = "kd,knn,radius,normals,voxel,read";  // sor too: ~2.5 min more
   double budget = 2.0;  // seconds of repetitions per cell before stopping at 3 runs
   int64_t largePoints = 2000000;
   int pairs = 4;
@@ -241,38 +240,64 @@ double Median(std::vector<double> v) {
   return n % 2 == 1 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
 }
 
-// Repeats one operation: a first run is thrown away as warm-up when it is cheap, then runs go on
-// until 7 runs, or 3 runs and `budget` seconds, or 4 x budget seconds.
-Record Measure(Side& side, Op op, const Params& params, double budget) {
-  Record rec;
-  rec.side = side.name();
-  rec.threads = params.threads;
-  std::vector<double> times;
-  double total = 0.0;
-  bool warmedUp = false;
-  for (;;) {
-    Outcome o = side.run(op, params);
-    if (o.status != Outcome::kOk) {
-      rec.status = StatusName(o.status);
-      rec.note = o.note;
-      return rec;
-    }
-    rec.count = o.count;
-    if (!o.note.empty()) rec.note = o.note;
-    if (!warmedUp) {
-      warmedUp = true;
-      if (o.seconds < 0.2 * budget) continue;
-    }
-    times.push_back(o.seconds);
-    total += o.seconds;
-    const size_t n = times.size();
-    if (n >= 7 || (n >= 3 && total >= budget) || total >= 4.0 * budget) break;
+// Repeats one operation on every side, the sides taking turns run by run so that a change in the
+// machine's load hits them alike. Per side: a first run is thrown away as warm-up when it is
+// cheap, then runs go on until 7 runs, or 3 runs and `budget` seconds, or 4 x budget seconds.
+std::vector<Record> Measure(std::vector<std::unique_ptr<Side>>& sides,
+                            Op op,
+                            const Params& params,
+                            double budget) {
+  struct State {
+    Record rec;
+    std::vector<double> times;
+    double total = 0.0;
+    bool warmedUp = false;
+    bool done = false;
+  };
+  std::vector<State> states(sides.size());
+  for (size_t i = 0; i < sides.size(); ++i) {
+    states[i].rec.side = sides[i]->name();
+    states[i].rec.threads = params.threads;
   }
-  rec.reps = static_cast<int>(times.size());
-  rec.median = Median(times);
-  rec.min = *std::min_element(times.begin(), times.end());
-  rec.max = *std::max_element(times.begin(), times.end());
-  return rec;
+  for (bool pending = true; pending;) {
+    pending = false;
+    for (size_t i = 0; i < sides.size(); ++i) {
+      State& st = states[i];
+      if (st.done) continue;
+      const Outcome o = sides[i]->run(op, params);
+      if (o.status != Outcome::kOk) {
+        st.rec.status = StatusName(o.status);
+        st.rec.note = o.note;
+        st.done = true;
+        continue;
+      }
+      st.rec.count = o.count;
+      if (!o.note.empty()) st.rec.note = o.note;
+      if (!st.warmedUp) {
+        st.warmedUp = true;
+        if (o.seconds < 0.2 * budget) {
+          pending = true;
+          continue;
+        }
+      }
+      st.times.push_back(o.seconds);
+      st.total += o.seconds;
+      const size_t n = st.times.size();
+      st.done = n >= 7 || (n >= 3 && st.total >= budget) || st.total >= 4.0 * budget;
+      pending = pending || !st.done;
+    }
+  }
+  std::vector<Record> records;
+  for (State& st : states) {
+    if (!st.times.empty()) {
+      st.rec.reps = static_cast<int>(st.times.size());
+      st.rec.median = Median(st.times);
+      st.rec.min = *std::min_element(st.times.begin(), st.times.end());
+      st.rec.max = *std::max_element(st.times.begin(), st.times.end());
+    }
+    records.push_back(st.rec);
+  }
+  return records;
 }
 
 // ---- View pairs ----------------------------------------------------------------------------------
@@ -431,14 +456,12 @@ int RunMeasurements(const Options& opt) {
       if (!Listed(job.ops, info.key)) continue;
       Params p = params;
       p.filePath = job.file;
-      for (auto& side : sides) {
-        std::fprintf(stderr, "[%d thr] %-12s %-16s %-7s ", opt.threads, info.key,
-                     job.cloud->name.c_str(), side->name().c_str());
-        Record rec = Measure(*side, info.op, p, opt.budget);
+      for (Record& rec : Measure(sides, info.op, p, opt.budget)) {
         rec.op = info.key;
         rec.cloud = job.cloud->name;
-        std::fprintf(stderr, "%s %.4g s (%d runs) count %lld\n", rec.status.c_str(), rec.median,
-                     rec.reps, static_cast<long long>(rec.count));
+        std::fprintf(stderr, "[%d thr] %-12s %-16s %-7s %s %.4g s (%d runs) count %lld\n", opt.threads,
+                     info.key, job.cloud->name.c_str(), rec.side.c_str(), rec.status.c_str(),
+                     rec.median, rec.reps, static_cast<long long>(rec.count));
         WriteRecord(out, rec);
       }
     }
@@ -451,13 +474,13 @@ int RunMeasurements(const Options& opt) {
     rp.threads = opt.threads;
     rp.resolution = regResolution;
     const std::string cloudName = std::to_string(pairs.size()) + " dragon view pairs";
-    Record oursRecord;
-    bool haveOurs = false;
+    std::vector<Record> regRecords;
     for (auto& side : sides) {
       const std::vector<std::string> methods = side->registrationMethods();
       for (size_t m = 0; m < methods.size(); ++m) {
         Record rec;
-        rec.op = m == 0 ? "register" : "register-" + methods[m];
+        rec.op = m == 0 ? std::string("register") : "register-" + methods[m];
+        std::replace(rec.op.begin(), rec.op.end(), ' ', '-');
         rec.cloud = cloudName;
         rec.threads = opt.threads;
         rec.side = side->name();
@@ -496,15 +519,28 @@ int RunMeasurements(const Options& opt) {
         } else {
           rec.note = lastNote;
         }
-        WriteRecord(out, rec);
-        if (side->name() == "Qorv") {
-          oursRecord = rec;
-          haveOurs = true;
-        } else if (m > 0 && haveOurs) {
-          Record copy = oursRecord;
-          copy.op = rec.op;
-          WriteRecord(out, copy);
+        regRecords.push_back(rec);
+      }
+    }
+    // Each alternative method gets a row of its own; the other sides appear there with their main
+    // method, so that every row compares three methods.
+    std::vector<std::string> regOps;
+    for (const Record& r : regRecords) {
+      if (std::find(regOps.begin(), regOps.end(), r.op) == regOps.end()) regOps.push_back(r.op);
+    }
+    for (const std::string& op : regOps) {
+      for (auto& side : sides) {
+        const Record* own = nullptr;
+        const Record* main = nullptr;
+        for (const Record& r : regRecords) {
+          if (r.side != side->name()) continue;
+          if (r.op == op) own = &r;
+          if (r.op == "register") main = &r;
         }
+        if (own == nullptr && main == nullptr) continue;
+        Record row = own != nullptr ? *own : *main;
+        row.op = op;
+        WriteRecord(out, row);
       }
     }
   }
@@ -557,8 +593,9 @@ const char* OpLabel(const std::string& op) {
       {"descriptors", "descriptors (5 s)"},
       {"detect", "key points + descriptors"},
       {"read", "read x y z text file"},
-      {"register", "global registration (RANSAC)"},
-      {"register-FGR", "global registration (Open3D: FGR)"},
+      {"register", "global registration: Qorv one call, PCL, Open3D RANSAC"},
+      {"register-chained-exports", "global registration: Qorv exports chained, PCL, Open3D RANSAC"},
+      {"register-FGR", "global registration: Qorv one call, PCL, Open3D FGR"},
   };
   auto it = labels.find(op);
   return it == labels.end() ? op.c_str() : it->second;
@@ -570,7 +607,7 @@ std::string CountNote(const std::string& op, const Record* ours, const Record* p
     return std::to_string(r->count);
   };
   if (op == "kd" || op == "normals" || op == "read") return "";
-  if (op == "register" || op == "register-FGR") {
+  if (op.rfind("register", 0) == 0) {
     auto s = [](const Record* r) -> std::string {
       if (r == nullptr) return "-";
       if (r->status != "ok") return r->status;
@@ -690,6 +727,9 @@ int PrintTable(const Options& opt) {
        << "                    Qorv: QorvMatchPairPointCloud(resolution r, kernelScale -1 -> RANSAC, 100000 "
           "iterations, cross check on); its chain is outlier removal, smoothing, voxel r, normals 2 r, key points "
           "2 r with ratios 0.01, descriptors r / 5 r.\n"
+       << "                    Qorv exports chained (the peers' recipe): QorvVoxelFilter(r), QorvComputeNormals(2 r), "
+          "QorvDetectAndCompute(2 r, non-max r, descriptors 5 r / 5 r, ratios 0.975), QorvRansacMatchKeyPoints(100000 "
+          "iterations, edge ratio 0.9, inlier distance 1.5 r, no normals).\n"
        << "                    PCL: VoxelGrid(r), NormalEstimationOMP(2 r), FPFHEstimationOMP(5 r), "
           "SampleConsensusPrerejective(20000 iterations, 3 samples, randomness 5, similarity 0.9, max "
           "correspondence distance 1.5 r, inlier fraction 0.25).\n"

@@ -395,8 +395,10 @@ uint32_t Match(QorvInstance* inst,
                const KeyPoints& k2,
                float s,
                const ChainConfig& c,
-               double* matrix) {
+               double* matrix,
+               uint32_t& kept) {
   std::fill(matrix, matrix + 12, 0.0);
+  kept = 0;
   if (k1.count() == 0 || k2.count() == 0) return 0;
   uint32_t pairs = 0;
   Check(QorvRansacMatchKeyPoints(inst,
@@ -432,6 +434,7 @@ uint32_t Match(QorvInstance* inst,
                                     CountPairs,
                                     &pairs),
         "QorvIterativeMatchKeyPoints");
+  kept = pairs;
   return inliers;
 }
 
@@ -449,6 +452,7 @@ struct Outcome {
   double seconds = 0.0;
   int32_t keyPoints1 = 0, keyPoints2 = 0;
   uint32_t inliers = 0;  // RANSAC's
+  uint32_t kept = 0;     // correspondences handed to the last callback
   bool success() const { return rotation < 5.0 && translation < 0.05; }
 };
 
@@ -470,11 +474,12 @@ double Median(std::vector<double> v) {
 struct Summary {
   int total = 0, successes = 0;
   double medianRotation = 0, medianTranslation = 0, medianSeconds = 0, medianKeyPoints = 0;
+  double medianKept = 0;
 };
 
 Summary Summarise(const std::vector<Outcome>& outcomes) {
   Summary s;
-  std::vector<double> rot, trans, secs, keys;
+  std::vector<double> rot, trans, secs, keys, kept;
   for (const Outcome& o : outcomes) {
     ++s.total;
     s.successes += o.success() ? 1 : 0;
@@ -482,7 +487,9 @@ Summary Summarise(const std::vector<Outcome>& outcomes) {
     trans.push_back(o.translation);
     secs.push_back(o.seconds);
     keys.push_back(0.5 * (o.keyPoints1 + o.keyPoints2));
+    kept.push_back(o.kept);
   }
+  s.medianKept = Median(kept);
   s.medianRotation = Median(rot);
   s.medianTranslation = Median(trans);
   s.medianSeconds = Median(secs);
@@ -509,6 +516,7 @@ struct Options {
   bool verbose = false;
   ChainConfig chain;
   std::vector<ChainConfig> tries;  // sweep mode
+  std::map<std::string, float> resolutionFor;  // per-model s / spacing of the chain, final mode
   float pipelineResolutionPerSpacing = 1.0f;
   int32_t pipelineIterations = 20000;
 };
@@ -575,6 +583,16 @@ Options Parse(int argc, char** argv) {
       o.tries.push_back(c);
     }
     else if (arg == "--verbose") o.verbose = true;
+    else if (arg == "--resolution-for") {
+      // model=factor: that model's chain runs with s = factor x spacing.
+      const std::string item = next();
+      const size_t eq = item.find('=');
+      if (eq == std::string::npos) {
+        std::fprintf(stderr, "--resolution-for needs model=factor\n");
+        std::exit(2);
+      }
+      o.resolutionFor[item.substr(0, eq)] = std::strtof(item.c_str() + eq + 1, nullptr);
+    }
     else {
       std::fprintf(stderr, "unknown option %s\n", arg.c_str());
       std::exit(2);
@@ -620,21 +638,25 @@ std::vector<Model> LoadModels(QorvInstance* inst, const Options& o) {
 }
 
 void PrintRow(const std::string& label, const Summary& s) {
-  std::printf("| %s | %d/%d (%.0f%%) | %.2f | %s | %.0f | %.3f |\n",
+  char keys[32] = "-";
+  if (s.medianKeyPoints >= 0.0) std::snprintf(keys, sizeof keys, "%.0f", s.medianKeyPoints);
+  std::printf("| %s | %d/%d (%.0f%%) | %.2f | %s | %s | %.0f | %.3f |\n",
               label.c_str(),
               s.successes,
               s.total,
               100.0 * s.successes / std::max(s.total, 1),
               s.medianRotation,
               Percent(s.medianTranslation).c_str(),
-              s.medianKeyPoints,
+              keys,
+              s.medianKept,
               s.medianSeconds);
 }
 
 void PrintHeader() {
   std::printf(
       "| method | success | median rotation error (deg) | median translation error (%% of "
-      "diagonal) | median key points per view | median time (s) |\n|---|---|---|---|---|---|\n");
+      "diagonal) | median key points per view | median correspondences kept | median time (s) "
+      "|\n|---|---|---|---|---|---|---|\n");
 }
 
 // The chain on every pair of every model with one configuration; the prepared views are cached
@@ -656,6 +678,7 @@ std::vector<Outcome> RunChain(QorvInstance* inst,
     double matrix[12];
     KeyPoints k1, k2;
     uint32_t inliers = 0;
+    uint32_t kept = 0;
     {
       QuietStdout quiet;
       PreparedPair local;
@@ -666,13 +689,14 @@ std::vector<Outcome> RunChain(QorvInstance* inst,
       const PreparedPair& prepared = cache != nullptr ? (*cache)[p] : local;
       k2 = Describe(inst, prepared.second, s, c);
       k1 = Describe(inst, prepared.first, s, c);
-      inliers = Match(inst, k1, k2, s, c, matrix);
+      inliers = Match(inst, k1, k2, s, c, matrix, kept);
     }
     Outcome o = Score(matrix, pair, m.diagonal);
     o.seconds = Seconds(start);
     o.keyPoints1 = k1.count();
     o.keyPoints2 = k2.count();
     o.inliers = inliers;
+    o.kept = kept;
     outcomes.push_back(o);
   }
   return outcomes;
@@ -704,7 +728,8 @@ std::vector<Outcome> RunPipeline(QorvInstance* inst, const Model& m, const Optio
     }
     Outcome out = Score(matrix, pair, m.diagonal);
     out.seconds = Seconds(start);
-    out.keyPoints1 = static_cast<int32_t>(pairs);  // correspondences kept, in place of key points
+    out.keyPoints1 = out.keyPoints2 = -1;  // not visible through the export
+    out.kept = pairs;
     outcomes.push_back(out);
   }
   return outcomes;
@@ -716,7 +741,10 @@ void Final(QorvInstance* inst, const std::vector<Model>& models, const Options& 
   std::vector<Outcome> allPipeline, allChain;
   for (const Model& m : models) {
     std::vector<Outcome> pipeline = RunPipeline(inst, m, o);
-    std::vector<Outcome> chain = RunChain(inst, m, nullptr, o.chain);
+    ChainConfig c = o.chain;
+    const auto factor = o.resolutionFor.find(m.name);
+    if (factor != o.resolutionFor.end()) c.resolutionPerSpacing = factor->second;
+    std::vector<Outcome> chain = RunChain(inst, m, nullptr, c);
     for (int noisy = 0; noisy < 2; ++noisy) {
       std::vector<Outcome> a, b;
       for (size_t p = 0; p < m.pairs.size(); ++p) {
@@ -726,7 +754,9 @@ void Final(QorvInstance* inst, const std::vector<Model>& models, const Options& 
       }
       const std::string tag = m.name + (noisy ? ", noisy" : ", clean");
       PrintRow("(a) QorvMatchPairPointCloud, " + tag, Summarise(a));
-      PrintRow("(b) composed chain, " + tag, Summarise(b));
+      char sText[48];
+      std::snprintf(sText, sizeof sText, " (s = %.2g spacing)", double(c.resolutionPerSpacing));
+      PrintRow("(b) composed chain, " + tag + sText, Summarise(b));
     }
     allPipeline.insert(allPipeline.end(), pipeline.begin(), pipeline.end());
     allChain.insert(allChain.end(), chain.begin(), chain.end());

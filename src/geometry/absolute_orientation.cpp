@@ -2,6 +2,8 @@
 // Copyright (c) 2026 The Qorv developers
 #include "geometry/absolute_orientation.hpp"
 
+#include <limits>
+
 #include <Eigen/Eigenvalues>
 
 namespace qorv {
@@ -60,6 +62,13 @@ std::array<float, 12> AbsoluteOrientation(const float* pointsA, const float* poi
   const std::array<float, 3> cB = Centroid(pointsB, n);
   const std::array<float, 3> cA = Centroid(pointsA, n);
   const Matrix4 horn = HornMatrix(pointsA, pointsB, n, cA, cB);
+  std::array<float, 12> result;
+  // A non-finite coordinate (or sums overflowing) leaves the solver without a decomposition and its
+  // vectors partly unset: the motion is then NaN throughout, the same on every call.
+  if (!horn.allFinite()) {
+    result.fill(std::numeric_limits<float>::quiet_NaN());
+    return result;
+  }
 
   // The general solver, not the symmetric one: its eigenvalue order decides among equal maxima.
   const Eigen::EigenSolver<Matrix4> solver(horn, true);
@@ -76,7 +85,6 @@ std::array<float, 12> AbsoluteOrientation(const float* pointsA, const float* poi
   const float w = vectors(0, best).real(), x = vectors(1, best).real(), y = vectors(2, best).real(),
               z = vectors(3, best).real();
 
-  std::array<float, 12> result;
   float* r = result.data();
   r[0] = w * w + x * x - y * y - z * z;
   r[1] = 2.0f * (x * y - w * z);

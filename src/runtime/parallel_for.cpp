@@ -26,16 +26,22 @@ void ParallelFor(int32_t begin, int32_t end, RangeBody body) {
   std::vector<std::exception_ptr> failures(static_cast<size_t>(threads));
 #pragma omp parallel
   {
-    const int64_t t = omp_get_thread_num();
-    const int64_t lo = begin + t * chunk;
-    const int64_t hi = begin + std::min(n, (t + 1) * chunk);
-    // An inverted range past the end is clamped to stay representable; bodies see lo >= hi.
-    try {
-      body(static_cast<int32_t>(std::min<int64_t>(lo, INT32_MAX)),
-           static_cast<int32_t>(hi),
-           static_cast<int32_t>(t));
-    } catch (...) {
-      failures[static_cast<size_t>(t)] = std::current_exception();
+    // The runtime may hand over a smaller team than asked for (a region nested in the host's own,
+    // OMP_DYNAMIC, OMP_THREAD_LIMIT, max-active-levels): the threads it gives then take the chunks
+    // of the missing ones in turn, so every item is still processed, each chunk with its own
+    // threadIndex. With a full team, thread t takes exactly chunk t.
+    const int64_t team = omp_get_num_threads();
+    for (int64_t t = omp_get_thread_num(); t < threads; t += team) {
+      const int64_t lo = begin + t * chunk;
+      const int64_t hi = begin + std::min(n, (t + 1) * chunk);
+      // An inverted range past the end is clamped to stay representable; bodies see lo >= hi.
+      try {
+        body(static_cast<int32_t>(std::min<int64_t>(lo, INT32_MAX)),
+             static_cast<int32_t>(hi),
+             static_cast<int32_t>(t));
+      } catch (...) {
+        failures[static_cast<size_t>(t)] = std::current_exception();
+      }
     }
   }
   for (const std::exception_ptr& failure : failures) {

@@ -1,0 +1,259 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+//
+// Pair registration on a view pair of dragon_res2 (two 70% half-space crops, the second turned by
+// 60 degrees and shifted), single-threaded ("threads:1") and on every OpenMP thread ("threads:2"
+// on our two-core machines):
+//   Pipeline: the one-call pipeline, s = the scan's mean spacing, RANSAC path, 20000 samples;
+//   Chain:    the same preparation with surface-friendly detector settings (those the quality
+//             study in bench/quality chose), RANSAC, then the iterative refinement;
+//   Prepare:  the preparation chain alone (outlier removal, smoothing, voxel, normals) per view.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "features/detect_and_compute.hpp"
+#include "registration/correspondences.hpp"
+#include "registration/distance_check.hpp"
+#include "registration/iterative_matching.hpp"
+#include "registration/pair_pipeline.hpp"
+#include "registration/ransac_matching.hpp"
+#include "search/kd_tree.hpp"
+#include "surface/gaussian_filter.hpp"
+#include "surface/normal_estimation.hpp"
+#include "surface/outlier_filter.hpp"
+#include "surface/voxel_filter.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+using qorv::Execution;
+
+// The matchers log to standard output; keep that out of the report while timing.
+class QuietStdout {
+ public:
+  QuietStdout() {
+    std::fflush(stdout);
+    saved_ = dup(1);
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    close(null);
+  }
+  ~QuietStdout() {
+    std::fflush(stdout);
+    dup2(saved_, 1);
+    close(saved_);
+  }
+  QuietStdout(const QuietStdout&) = delete;
+  QuietStdout& operator=(const QuietStdout&) = delete;
+
+ private:
+  int saved_;
+};
+
+int32_t CountOf(const std::vector<float>& points) {
+  return static_cast<int32_t>(points.size() / 3);
+}
+
+std::vector<float> Gather(const std::vector<float>& points, const std::vector<int32_t>& kept) {
+  std::vector<float> out;
+  out.reserve(kept.size() * 3);
+  for (int32_t i : kept) {
+    const float* p = &points[3 * static_cast<size_t>(i)];
+    out.insert(out.end(), p, p + 3);
+  }
+  return out;
+}
+
+struct ViewPair {
+  std::vector<float> first, second;
+  float spacing = 0.0f;
+};
+
+const ViewPair& Views() {
+  static const ViewPair pair = [] {
+    ViewPair v;
+    std::ifstream in(std::string(QORV_BENCH_DATA_DIR) + "/dragon_res2.asc");
+    std::vector<float> scan;
+    std::string line;
+    while (std::getline(in, line)) {
+      std::istringstream fields(line);
+      float x, y, z;
+      if (fields >> x >> y >> z) scan.insert(scan.end(), {x, y, z});
+    }
+    if (scan.empty()) return v;
+    const int32_t n = CountOf(scan);
+    {
+      QuietStdout quiet;
+      v.spacing = qorv::CheckDistance(scan.data(), n, 2, Execution{true});
+    }
+    // Crop along (0.6, 0, 0.8): each view keeps 70% of the points, in scan order.
+    std::vector<std::pair<float, int32_t>> order(static_cast<size_t>(n));
+    for (int32_t i = 0; i < n; ++i) {
+      const float* p = &scan[3 * static_cast<size_t>(i)];
+      order[static_cast<size_t>(i)] = {0.6f * p[0] + 0.8f * p[2], i};
+    }
+    std::sort(order.begin(), order.end());
+    const auto keep = static_cast<size_t>(0.7 * n);
+    std::vector<int32_t> low, high;
+    for (size_t k = 0; k < keep; ++k) {
+      low.push_back(order[k].second);
+      high.push_back(order[static_cast<size_t>(n) - 1 - k].second);
+    }
+    std::sort(low.begin(), low.end());
+    std::sort(high.begin(), high.end());
+    v.first = Gather(scan, low);
+    v.second = Gather(scan, high);
+    // 60 degrees about (0.48, 0.6, 0.64), then a shift.
+    const double angle = M_PI / 3.0;
+    const double x = 0.48, y = 0.6, z = 0.64, c = std::cos(angle), s = std::sin(angle);
+    const double r[9] = {c + x * x * (1 - c),
+                         x * y * (1 - c) - z * s,
+                         x * z * (1 - c) + y * s,
+                         y * x * (1 - c) + z * s,
+                         c + y * y * (1 - c),
+                         y * z * (1 - c) - x * s,
+                         z * x * (1 - c) - y * s,
+                         z * y * (1 - c) + x * s,
+                         c + z * z * (1 - c)};
+    const double t[3] = {0.05, -0.12, 0.2};
+    for (size_t i = 0; i < v.second.size(); i += 3) {
+      const double p[3] = {v.second[i], v.second[i + 1], v.second[i + 2]};
+      for (int k = 0; k < 3; ++k) {
+        v.second[i + k] =
+            static_cast<float>(r[3 * k] * p[0] + r[3 * k + 1] * p[1] + r[3 * k + 2] * p[2] + t[k]);
+      }
+    }
+    return v;
+  }();
+  return pair;
+}
+
+Execution ExecutionFor(const benchmark::State& state) { return Execution{state.range(0) > 1}; }
+
+void BM_Pipeline(benchmark::State& state) {
+  const ViewPair& v = Views();
+  if (v.first.empty()) {
+    state.SkipWithError("dragon_res2.asc not found");
+    return;
+  }
+  const qorv::PairPipelineParams params{0.0f, v.spacing, 20000};
+  QuietStdout quiet;
+  for (auto _ : state) {
+    double transform[12];
+    std::vector<int32_t> matches;
+    benchmark::DoNotOptimize(qorv::MatchPairPointCloud(v.first.data(),
+                                                       CountOf(v.first),
+                                                       v.second.data(),
+                                                       CountOf(v.second),
+                                                       params,
+                                                       true,
+                                                       ExecutionFor(state),
+                                                       1u,
+                                                       transform,
+                                                       matches));
+  }
+  state.counters["points"] = static_cast<double>(CountOf(v.first) + CountOf(v.second));
+}
+BENCHMARK(BM_Pipeline)
+    ->ArgNames({"threads"})
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// The preparation of the pipeline, then the chosen surface-friendly detector settings.
+struct ChainSettings {
+  float resolutionPerSpacing = 2.0f;
+  float keyPointRadius = 2.0f;  // in s, like every length below
+  float nonMaxRadius = 1.0f;
+  float ratio = 0.8f;
+  float featureRadius = 5.0f;
+  float histogramRadius = 2.5f;
+};
+
+qorv::KeyPointFeatures Describe(const std::vector<float>& raw,
+                                float s,
+                                const ChainSettings& c,
+                                const Execution& exec) {
+  std::vector<float> points =
+      Gather(raw, qorv::OutlierFilter(raw.data(), CountOf(raw), 50, 3.4f, exec));
+  std::vector<float> smoothed(points.size());
+  qorv::GaussianFilter(points.data(), CountOf(points), s, exec, smoothed.data());
+  points = Gather(smoothed, qorv::VoxelFilter(smoothed.data(), CountOf(smoothed), s));
+  const qorv::PointKdTree tree(points.data(), CountOf(points));
+  std::vector<float> normals(points.size());
+  qorv::EstimateNormals(tree, 2.0f * s, exec, normals.data());
+  const qorv::KeyPointParams detector{
+      c.keyPointRadius * s, c.nonMaxRadius * s, c.ratio, c.ratio, 0};
+  return qorv::DetectAndCompute(
+      tree, normals.data(), detector, c.featureRadius * s, c.histogramRadius * s, exec);
+}
+
+void BM_Chain(benchmark::State& state) {
+  const ViewPair& v = Views();
+  if (v.first.empty()) {
+    state.SkipWithError("dragon_res2.asc not found");
+    return;
+  }
+  const ChainSettings c;
+  const float s = c.resolutionPerSpacing * v.spacing;
+  const Execution exec = ExecutionFor(state);
+  QuietStdout quiet;
+  int32_t inliers = 0;
+  for (auto _ : state) {
+    const qorv::KeyPointFeatures k2 = Describe(v.second, s, c, exec);
+    const qorv::KeyPointFeatures k1 = Describe(v.first, s, c, exec);
+    const qorv::KeyPointSet first{
+        k1.positions.data(), k1.normals.data(), k1.descriptors.data(), k1.count()};
+    const qorv::KeyPointSet second{
+        k2.positions.data(), k2.normals.data(), k2.descriptors.data(), k2.count()};
+    double transform[12];
+    std::vector<int32_t> matches;
+    const qorv::RansacParams ransac{20000, 0.9, static_cast<double>(2.0f * s)};
+    inliers = qorv::RansacMatch(first, second, ransac, true, exec, 1u, transform, matches);
+    const qorv::IterativeParams refine{64, (4.0f * s) * (4.0f * s), s};
+    benchmark::DoNotOptimize(
+        qorv::IterativeMatch(first, second, refine, true, exec, transform, matches));
+  }
+  state.counters["ransac_inliers"] = inliers;
+}
+BENCHMARK(BM_Chain)
+    ->ArgNames({"threads"})
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_Prepare(benchmark::State& state) {
+  const ViewPair& v = Views();
+  if (v.first.empty()) {
+    state.SkipWithError("dragon_res2.asc not found");
+    return;
+  }
+  for (auto _ : state) {
+    const qorv::PreparedCloud prepared =
+        qorv::PrepareCloud(v.first.data(), CountOf(v.first), v.spacing, ExecutionFor(state));
+    benchmark::DoNotOptimize(prepared.points.data());
+  }
+  state.counters["points"] = static_cast<double>(CountOf(v.first));
+}
+BENCHMARK(BM_Prepare)
+    ->ArgNames({"threads"})
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
