@@ -171,14 +171,15 @@ BENCHMARK(BM_Pipeline)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-// The preparation of the pipeline, then the chosen surface-friendly detector settings.
+// The preparation of the pipeline with normals facing away from the view's centroid, then the
+// surface-friendly detector settings of docs/registration_quality.md.
 struct ChainSettings {
   float resolutionPerSpacing = 2.0f;
-  float keyPointRadius = 2.0f;  // in s, like every length below
-  float nonMaxRadius = 1.0f;
+  float keyPointRadius = 3.0f;  // in s, like every length below
+  float nonMaxRadius = 0.5f;
   float ratio = 0.8f;
-  float featureRadius = 5.0f;
-  float histogramRadius = 2.5f;
+  float featureRadius = 7.0f;
+  float histogramRadius = 3.5f;
 };
 
 qorv::KeyPointFeatures Describe(const std::vector<float>& raw,
@@ -190,9 +191,15 @@ qorv::KeyPointFeatures Describe(const std::vector<float>& raw,
   std::vector<float> smoothed(points.size());
   qorv::GaussianFilter(points.data(), CountOf(points), s, exec, smoothed.data());
   points = Gather(smoothed, qorv::VoxelFilter(smoothed.data(), CountOf(smoothed), s));
-  const qorv::PointKdTree tree(points.data(), CountOf(points));
+  const int32_t n = CountOf(points);
+  double centroid[3] = {0.0, 0.0, 0.0};
+  for (size_t i = 0; i < points.size(); ++i) centroid[i % 3] += points[i];
   std::vector<float> normals(points.size());
-  qorv::EstimateNormals(tree, 2.0f * s, exec, normals.data());
+  for (size_t i = 0; i < points.size(); ++i) {
+    normals[i] = points[i] - static_cast<float>(centroid[i % 3] / n);
+  }
+  qorv::ReComputeNormals(points.data(), n, 2.0f * s, exec, normals.data());
+  const qorv::PointKdTree tree(points.data(), n);
   const qorv::KeyPointParams detector{
       c.keyPointRadius * s, c.nonMaxRadius * s, c.ratio, c.ratio, 0};
   return qorv::DetectAndCompute(

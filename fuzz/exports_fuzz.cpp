@@ -3,11 +3,11 @@
 //
 // Every export on arguments decoded from arbitrary bytes: clouds of any floats (NaN, infinities,
 // extremes, duplicates, degenerate shapes), any counts consistent with the arrays, any radii,
-// windows, k, iteration counts and settings. The fuzzer owns every array and allocates it at exactly
-// the documented size, so AddressSanitizer sees any access outside it. Each call must return one of
-// its documented codes, leave its outputs untouched when a check fails, hand callbacks arrays that
-// are readable at the size announced and whose indices lie in range, and, where the instance's
-// thread setting is consulted, give the same bits with it on and off.
+// windows, k, iteration counts and settings. The fuzzer owns every array and allocates it at
+// exactly the documented size, so AddressSanitizer sees any access outside it. Each call must
+// return one of its documented codes, leave its outputs untouched when a check fails, hand
+// callbacks arrays that are readable at the size announced and whose indices lie in range, and,
+// where the instance's thread setting is consulted, give the same bits with it on and off.
 #include <algorithm>
 #include <cfloat>
 #include <cinttypes>
@@ -23,13 +23,10 @@
 #include <string>
 #include <vector>
 
-#include <fuzzer/FuzzedDataProvider.h>
-#include <unistd.h>
-
 #include <qorv/qorv.h>
 
-// The pair pipeline may be missing from an older library: the fuzzer skips it then.
-#pragma weak QorvMatchPairPointCloud
+#include <fuzzer/FuzzedDataProvider.h>
+#include <unistd.h>
 
 namespace {
 
@@ -51,7 +48,8 @@ void ExpectCode(QorvResult got, QorvResult expected, const char* what) {
   }
 }
 
-// ---- Arrays at exactly the documented size --------------------------------------------------------
+// ---- Arrays at exactly the documented size
+// --------------------------------------------------------
 
 constexpr unsigned char kFill = 0xA5;
 
@@ -85,7 +83,8 @@ class Array {
   std::unique_ptr<T[]> data_;
 };
 
-// ---- Values ---------------------------------------------------------------------------------------
+// ---- Values
+// ---------------------------------------------------------------------------------------
 
 // Deterministic generator for shapes built from a few fuzzer bytes.
 struct Lcg {
@@ -98,25 +97,38 @@ struct Lcg {
 
 float SpecialFloat(FuzzedDataProvider& in) {
   switch (in.ConsumeIntegralInRange<int>(0, 13)) {
-    case 0: return NAN;
-    case 1: return INFINITY;
-    case 2: return -INFINITY;
-    case 3: return 0.0f;
-    case 4: return -0.0f;
-    case 5: return FLT_MAX;
-    case 6: return -FLT_MAX;
-    case 7: return FLT_MIN;
-    case 8: return std::numeric_limits<float>::denorm_min();
-    case 9: return 1e-30f;
-    case 10: return 1e30f;
-    case 11: return 1e19f;
+    case 0:
+      return NAN;
+    case 1:
+      return INFINITY;
+    case 2:
+      return -INFINITY;
+    case 3:
+      return 0.0f;
+    case 4:
+      return -0.0f;
+    case 5:
+      return FLT_MAX;
+    case 6:
+      return -FLT_MAX;
+    case 7:
+      return FLT_MIN;
+    case 8:
+      return std::numeric_limits<float>::denorm_min();
+    case 9:
+      return 1e-30f;
+    case 10:
+      return 1e30f;
+    case 11:
+      return 1e19f;
     case 12: {
       const uint32_t bits = in.ConsumeIntegral<uint32_t>();
       float f;
       std::memcpy(&f, &bits, sizeof f);
       return f;
     }
-    default: return static_cast<float>(in.ConsumeIntegralInRange<int>(-4, 4));
+    default:
+      return static_cast<float>(in.ConsumeIntegralInRange<int>(-4, 4));
   }
 }
 
@@ -128,23 +140,34 @@ float SomeFloat(FuzzedDataProvider& in, float lo, float hi) {
 
 double SomeDouble(FuzzedDataProvider& in) {
   switch (in.ConsumeIntegralInRange<int>(0, 9)) {
-    case 0: return static_cast<double>(SpecialFloat(in));
-    case 1: return 1e300;
-    case 2: return -1e300;
-    case 3: return std::numeric_limits<double>::denorm_min();
-    default: return in.ConsumeFloatingPointInRange<double>(-2.0, 2.0);
+    case 0:
+      return static_cast<double>(SpecialFloat(in));
+    case 1:
+      return 1e300;
+    case 2:
+      return -1e300;
+    case 3:
+      return std::numeric_limits<double>::denorm_min();
+    default:
+      return in.ConsumeFloatingPointInRange<double>(-2.0, 2.0);
   }
 }
 
 // Mostly in [lo, hi], sometimes an extreme.
 int32_t SomeInt(FuzzedDataProvider& in, int32_t lo, int32_t hi) {
   switch (in.ConsumeIntegralInRange<int>(0, 15)) {
-    case 0: return INT32_MAX;
-    case 1: return INT32_MIN;
-    case 2: return in.ConsumeIntegral<int32_t>();
-    case 3: return -1;
-    case 4: return 0;
-    default: return in.ConsumeIntegralInRange<int32_t>(lo, hi);
+    case 0:
+      return INT32_MAX;
+    case 1:
+      return INT32_MIN;
+    case 2:
+      return in.ConsumeIntegral<int32_t>();
+    case 3:
+      return -1;
+    case 4:
+      return 0;
+    default:
+      return in.ConsumeIntegralInRange<int32_t>(lo, hi);
   }
 }
 
@@ -234,11 +257,13 @@ std::vector<float> SomeDescriptors(FuzzedDataProvider& in, int32_t count) {
   const int levels = in.ConsumeIntegralInRange<int>(1, 4);  // few levels: ties and duplicates
   for (float& v : d) v = std::floor(rng.unit() * static_cast<float>(levels)) * 10.0f;
   const int specials = in.ConsumeIntegralInRange<int>(0, 2);
-  for (int s = 0; s < specials; ++s) d[in.ConsumeIntegralInRange<size_t>(0, d.size() - 1)] = SpecialFloat(in);
+  for (int s = 0; s < specials; ++s)
+    d[in.ConsumeIntegralInRange<size_t>(0, d.size() - 1)] = SpecialFloat(in);
   return d;
 }
 
-// ---- Callbacks that record what they receive and read all of it -----------------------------------
+// ---- Callbacks that record what they receive and read all of it
+// -----------------------------------
 
 struct IndexRecord {
   int32_t calls = 0;
@@ -272,7 +297,8 @@ void OnKeyPoints(const QorvKeyPointResult* result, void* user) {
   Check(result->reserved == 0, "key-point callback", "reserved is not 0");
   const auto n = static_cast<size_t>(result->count);
   if (n > 0) {
-    Check(result->descriptors && result->positions && result->normals, "key-point callback", "null");
+    Check(
+        result->descriptors && result->positions && result->normals, "key-point callback", "null");
     rec->descriptors.assign(result->descriptors, result->descriptors + n * 33);
     rec->positions.assign(result->positions, result->positions + n * 3);
     rec->normals.assign(result->normals, result->normals + n * 3);
@@ -281,9 +307,9 @@ void OnKeyPoints(const QorvKeyPointResult* result, void* user) {
 
 struct MatchRecord {
   int32_t calls = 0;
-  uint32_t firstCount = 0;   // indexInFirst lies below this (0: not checked)
-  uint32_t secondCount = 0;  // indexInSecond lies below this (0: not checked)
-  bool allowMissing = false; // RANSAC may fill missing entries with all bits set
+  uint32_t firstCount = 0;    // indexInFirst lies below this (0: not checked)
+  uint32_t secondCount = 0;   // indexInSecond lies below this (0: not checked)
+  bool allowMissing = false;  // RANSAC may fill missing entries with all bits set
   std::vector<QorvMatchPair> pairs;
 };
 
@@ -296,14 +322,18 @@ void OnMatches(const QorvMatchPair* pairs, uint32_t count, void* user) {
   rec->pairs.assign(pairs, pairs + count);
   for (uint32_t i = 0; i < count; ++i) {
     const QorvMatchPair& p = pairs[i];
-    if (rec->allowMissing && p.indexInSecond == UINT32_MAX && p.indexInFirst == UINT32_MAX) continue;
+    if (rec->allowMissing && p.indexInSecond == UINT32_MAX && p.indexInFirst == UINT32_MAX)
+      continue;
     if (rec->secondCount > 0) Check(p.indexInSecond < rec->secondCount, "match callback", "second");
     if (rec->firstCount > 0) Check(p.indexInFirst < rec->firstCount, "match callback", "first");
     Check(i == 0 || p.indexInSecond > pairs[i - 1].indexInSecond, "match callback", "order");
   }
 }
 
-int32_t OnAsc(const float* points, const float* normals, const unsigned char* colours, int64_t count,
+int32_t OnAsc(const float* points,
+              const float* normals,
+              const unsigned char* colours,
+              int64_t count,
               void* user) {
   auto* sum = static_cast<double*>(user);
   Check(count >= 1 && points != nullptr, "ASC callback", "no points");
@@ -319,7 +349,8 @@ int32_t OnAsc(const float* points, const float* normals, const unsigned char* co
   return 0;
 }
 
-// ---- The fuzzing context --------------------------------------------------------------------------
+// ---- The fuzzing context
+// --------------------------------------------------------------------------
 
 struct Instances {
   QorvInstance* serial = nullptr;
@@ -335,7 +366,8 @@ struct Instances {
   }
   void crossCheck(bool on) {
     for (QorvInstance* inst : {serial, parallel}) {
-      ExpectCode(on ? QorvEnableCrossCheck(inst) : QorvDisableCrossCheck(inst), QORV_OK, "cross check");
+      ExpectCode(
+          on ? QorvEnableCrossCheck(inst) : QorvDisableCrossCheck(inst), QORV_OK, "cross check");
     }
   }
 };
@@ -354,30 +386,43 @@ int Breaker(FuzzedDataProvider& in, int checkedArguments) {
 // A count or size that every check refuses.
 int32_t BadCount(FuzzedDataProvider& in) {
   switch (in.ConsumeIntegralInRange<int>(0, 2)) {
-    case 0: return 0;
-    case 1: return -1;
-    default: return INT32_MIN;
+    case 0:
+      return 0;
+    case 1:
+      return -1;
+    default:
+      return INT32_MIN;
   }
 }
 
 bool SameFloats(const std::vector<float>& x, const std::vector<float>& y) {
-  return x.size() == y.size() && (x.empty() || std::memcmp(x.data(), y.data(), x.size() * sizeof(float)) == 0);
+  return x.size() == y.size() &&
+         (x.empty() || std::memcmp(x.data(), y.data(), x.size() * sizeof(float)) == 0);
 }
 
-// ---- One function per export or export family -----------------------------------------------------
+// ---- One function per export or export family
+// -----------------------------------------------------
 
 void FuzzSettings(FuzzedDataProvider& in, Instances& inst) {
   const int32_t n = in.ConsumeIntegral<int32_t>();
-  ExpectCode(QorvSetMatchNeighborNum(inst.serial, n), n < 0 ? QORV_ERROR_INVALID_ARGUMENT : QORV_OK,
+  ExpectCode(QorvSetMatchNeighborNum(inst.serial, n),
+             n < 0 ? QORV_ERROR_INVALID_ARGUMENT : QORV_OK,
              "QorvSetMatchNeighborNum");
   int32_t got = -7;
   ExpectCode(QorvGetMatchNeighborNum(inst.serial, &got), QORV_OK, "QorvGetMatchNeighborNum");
   if (n >= 0) Check(got == n, "QorvGetMatchNeighborNum", "value not kept");
-  ExpectCode(QorvSetMatchNeighborNum(nullptr, n), n < 0 ? QORV_ERROR_INVALID_ARGUMENT : QORV_ERROR_NULL_INSTANCE,
+  ExpectCode(QorvSetMatchNeighborNum(nullptr, n),
+             n < 0 ? QORV_ERROR_INVALID_ARGUMENT : QORV_ERROR_NULL_INSTANCE,
              "QorvSetMatchNeighborNum(null)");
-  ExpectCode(QorvGetMatchNeighborNum(nullptr, nullptr), QORV_ERROR_INVALID_ARGUMENT, "QorvGetMatchNeighborNum");
-  ExpectCode(QorvGetMatchNeighborNum(nullptr, &got), QORV_ERROR_NULL_INSTANCE, "QorvGetMatchNeighborNum");
-  for (auto* fn : {QorvEnableCrossCheck, QorvDisableCrossCheck, QorvEnableMultiThread, QorvDisableMultiThread}) {
+  ExpectCode(QorvGetMatchNeighborNum(nullptr, nullptr),
+             QORV_ERROR_INVALID_ARGUMENT,
+             "QorvGetMatchNeighborNum");
+  ExpectCode(
+      QorvGetMatchNeighborNum(nullptr, &got), QORV_ERROR_NULL_INSTANCE, "QorvGetMatchNeighborNum");
+  for (auto* fn : {QorvEnableCrossCheck,
+                   QorvDisableCrossCheck,
+                   QorvEnableMultiThread,
+                   QorvDisableMultiThread}) {
     ExpectCode(fn(nullptr), QORV_ERROR_NULL_INSTANCE, "settings(null)");
   }
   ExpectCode(QorvCreateInstance(nullptr), QORV_ERROR_INVALID_ARGUMENT, "QorvCreateInstance(null)");
@@ -394,11 +439,17 @@ void FuzzAsc(FuzzedDataProvider& in, Instances& inst) {
       const Array<float> points(SomeCloud(in, n).data(), static_cast<size_t>(n) * 3);
       const Array<float> normals(SomeNormals(in, n).data(), static_cast<size_t>(n) * 3);
       Array<unsigned char> colours(static_cast<size_t>(n) * 3);
-      for (size_t i = 0; i < colours.size(); ++i) colours.get()[i] = in.ConsumeIntegral<unsigned char>();
+      for (size_t i = 0; i < colours.size(); ++i)
+        colours.get()[i] = in.ConsumeIntegral<unsigned char>();
       const bool withNormals = in.ConsumeBool(), withColours = in.ConsumeBool();
-      ExpectCode(QorvWritePointsToASC(inst.serial, path.c_str(), points.get(), withNormals ? normals.get() : nullptr,
-                                      withColours ? colours.get() : nullptr, n),
-                 QORV_OK, "QorvWritePointsToASC");
+      ExpectCode(QorvWritePointsToASC(inst.serial,
+                                      path.c_str(),
+                                      points.get(),
+                                      withNormals ? normals.get() : nullptr,
+                                      withColours ? colours.get() : nullptr,
+                                      n),
+                 QORV_OK,
+                 "QorvWritePointsToASC");
       const QorvResult r = QorvReadPointsFromASC(inst.serial, path.c_str(), OnAsc, &sink);
       Check(r == QORV_OK || r == QORV_ERROR_FILE, "QorvReadPointsFromASC", "code");
       break;
@@ -409,30 +460,44 @@ void FuzzAsc(FuzzedDataProvider& in, Instances& inst) {
       if (f == nullptr) return;
       std::fwrite(text.data(), 1, text.size(), f);
       std::fclose(f);
-      const QorvResult r = QorvReadPointsFromASC(inst.serial, path.c_str(), in.ConsumeBool() ? OnAsc : nullptr, &sink);
+      const QorvResult r = QorvReadPointsFromASC(
+          inst.serial, path.c_str(), in.ConsumeBool() ? OnAsc : nullptr, &sink);
       Check(r == QORV_OK || r == QORV_ERROR_FILE, "QorvReadPointsFromASC", "code");
       break;
     }
     case 2: {  // paths that cannot be read or written
-      ExpectCode(QorvReadPointsFromASC(inst.serial, nullptr, OnAsc, &sink), QORV_ERROR_FILE, "read(null path)");
-      ExpectCode(QorvReadPointsFromASC(inst.serial, "/nonexistent/qorv.asc", OnAsc, &sink), QORV_ERROR_FILE,
+      ExpectCode(QorvReadPointsFromASC(inst.serial, nullptr, OnAsc, &sink),
+                 QORV_ERROR_FILE,
+                 "read(null path)");
+      ExpectCode(QorvReadPointsFromASC(inst.serial, "/nonexistent/qorv.asc", OnAsc, &sink),
+                 QORV_ERROR_FILE,
                  "read(missing)");
-      ExpectCode(QorvReadPointsFromASC(inst.serial, "/tmp", OnAsc, &sink), QORV_ERROR_FILE, "read(directory)");
+      ExpectCode(QorvReadPointsFromASC(inst.serial, "/tmp", OnAsc, &sink),
+                 QORV_ERROR_FILE,
+                 "read(directory)");
       const float p[3] = {1, 2, 3};
-      ExpectCode(QorvWritePointsToASC(inst.serial, nullptr, p, nullptr, nullptr, 1), QORV_ERROR_FILE, "write(null)");
-      ExpectCode(QorvWritePointsToASC(inst.serial, "/nonexistent/qorv.asc", p, nullptr, nullptr, 1), QORV_ERROR_FILE,
+      ExpectCode(QorvWritePointsToASC(inst.serial, nullptr, p, nullptr, nullptr, 1),
+                 QORV_ERROR_FILE,
+                 "write(null)");
+      ExpectCode(QorvWritePointsToASC(inst.serial, "/nonexistent/qorv.asc", p, nullptr, nullptr, 1),
+                 QORV_ERROR_FILE,
                  "write(missing dir)");
       break;
     }
     default: {  // checks
       const float p[3] = {1, 2, 3};
-      ExpectCode(QorvReadPointsFromASC(nullptr, path.c_str(), OnAsc, &sink), QORV_ERROR_NULL_INSTANCE, "read");
-      ExpectCode(QorvWritePointsToASC(nullptr, nullptr, nullptr, nullptr, nullptr, 0), QORV_ERROR_NULL_INSTANCE,
+      ExpectCode(QorvReadPointsFromASC(nullptr, path.c_str(), OnAsc, &sink),
+                 QORV_ERROR_NULL_INSTANCE,
+                 "read");
+      ExpectCode(QorvWritePointsToASC(nullptr, nullptr, nullptr, nullptr, nullptr, 0),
+                 QORV_ERROR_NULL_INSTANCE,
                  "write");
-      ExpectCode(QorvWritePointsToASC(inst.serial, path.c_str(), nullptr, p, nullptr, 1), QORV_ERROR_INVALID_ARGUMENT,
+      ExpectCode(QorvWritePointsToASC(inst.serial, path.c_str(), nullptr, p, nullptr, 1),
+                 QORV_ERROR_INVALID_ARGUMENT,
                  "write(null points)");
       ExpectCode(QorvWritePointsToASC(inst.serial, path.c_str(), p, nullptr, nullptr, BadCount(in)),
-                 QORV_ERROR_INVALID_ARGUMENT, "write(bad n)");
+                 QORV_ERROR_INVALID_ARGUMENT,
+                 "write(bad n)");
       break;
     }
   }
@@ -445,7 +510,8 @@ void FuzzRigid(FuzzedDataProvider& in, Instances& inst) {
   const Array<float> b(SomeCloud(in, n).data(), len);
   Array<double> matrix(12);
   const bool identity = in.ConsumeBool();
-  for (int i = 0; i < 12; ++i) matrix.get()[i] = identity ? (i % 4 == 0 ? 1.0 : 0.0) : SomeDouble(in);
+  for (int i = 0; i < 12; ++i)
+    matrix.get()[i] = identity ? (i % 4 == 0 ? 1.0 : 0.0) : SomeDouble(in);
   const int breaker = Breaker(in, 4);
   const QorvResult expected = breaker < 0 ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT;
 
@@ -453,13 +519,19 @@ void FuzzRigid(FuzzedDataProvider& in, Instances& inst) {
     case 0:
     case 1: {
       const bool rotate = in.ConsumeBool();
-      auto call = [&](QorvInstance* h, const double* m, const float* src, float* dst, int32_t count) {
-        return rotate ? QorvRotatePoints(h, m, src, dst, count) : QorvTransformPoints(h, m, src, dst, count);
-      };
+      auto call =
+          [&](QorvInstance* h, const double* m, const float* src, float* dst, int32_t count) {
+            return rotate ? QorvRotatePoints(h, m, src, dst, count)
+                          : QorvTransformPoints(h, m, src, dst, count);
+          };
       Array<float> out(len);
-      ExpectCode(call(nullptr, nullptr, nullptr, nullptr, 0), QORV_ERROR_NULL_INSTANCE, "rigid(null)");
-      const QorvResult r = call(inst.serial, breaker == 0 ? nullptr : matrix.get(), breaker == 1 ? nullptr : a.get(),
-                                breaker == 2 ? nullptr : out.get(), breaker == 3 ? BadCount(in) : n);
+      ExpectCode(
+          call(nullptr, nullptr, nullptr, nullptr, 0), QORV_ERROR_NULL_INSTANCE, "rigid(null)");
+      const QorvResult r = call(inst.serial,
+                                breaker == 0 ? nullptr : matrix.get(),
+                                breaker == 1 ? nullptr : a.get(),
+                                breaker == 2 ? nullptr : out.get(),
+                                breaker == 3 ? BadCount(in) : n);
       ExpectCode(r, expected, rotate ? "QorvRotatePoints" : "QorvTransformPoints");
       if (r != QORV_OK) {
         Check(out.untouched(), "rigid", "output written on a failed check");
@@ -468,23 +540,30 @@ void FuzzRigid(FuzzedDataProvider& in, Instances& inst) {
       // In place gives the same bits as out of place, except that an identity rotation applied in
       // place leaves the array as it is (-0 and infinities included).
       Array<float> inPlace(a.get(), len);
-      ExpectCode(call(inst.parallel, matrix.get(), inPlace.get(), inPlace.get(), n), QORV_OK, "rigid in place");
+      ExpectCode(call(inst.parallel, matrix.get(), inPlace.get(), inPlace.get(), n),
+                 QORV_OK,
+                 "rigid in place");
       Check(identity || inPlace.sameBits(out), "rigid", "in place differs from out of place");
       break;
     }
     default: {
       Array<double> out(12);
-      ExpectCode(QorvAbsoluteOrientation(nullptr, nullptr, nullptr, 0, nullptr), QORV_ERROR_NULL_INSTANCE, "AO");
-      const QorvResult r = QorvAbsoluteOrientation(
-          inst.serial, breaker == 2 ? nullptr : a.get(), breaker == 1 ? nullptr : b.get(), breaker == 3 ? BadCount(in) : n,
-          breaker == 0 ? nullptr : out.get());
+      ExpectCode(QorvAbsoluteOrientation(nullptr, nullptr, nullptr, 0, nullptr),
+                 QORV_ERROR_NULL_INSTANCE,
+                 "AO");
+      const QorvResult r = QorvAbsoluteOrientation(inst.serial,
+                                                   breaker == 2 ? nullptr : a.get(),
+                                                   breaker == 1 ? nullptr : b.get(),
+                                                   breaker == 3 ? BadCount(in) : n,
+                                                   breaker == 0 ? nullptr : out.get());
       ExpectCode(r, expected, "QorvAbsoluteOrientation");
       if (r != QORV_OK) {
         Check(out.untouched(), "QorvAbsoluteOrientation", "output written on a failed check");
         return;
       }
       Array<double> other(12);
-      ExpectCode(QorvAbsoluteOrientation(inst.parallel, a.get(), b.get(), n, other.get()), QORV_OK, "AO");
+      ExpectCode(
+          QorvAbsoluteOrientation(inst.parallel, a.get(), b.get(), n, other.get()), QORV_OK, "AO");
       Check(out.sameBits(other), "QorvAbsoluteOrientation", "threading changed the result");
       break;
     }
@@ -503,11 +582,18 @@ void FuzzNormals(FuzzedDataProvider& in, Instances& inst) {
 
   auto run = [&](QorvInstance* h, Array<float>& normals) {
     if (re) {
-      return QorvReComputeNormals(h, breaker == 0 ? nullptr : points.get(), breaker == 1 ? nullptr : normals.get(),
-                                  breaker == 2 ? 0 : n, breaker == 3 ? -std::fabs(radius) : radius);
+      return QorvReComputeNormals(h,
+                                  breaker == 0 ? nullptr : points.get(),
+                                  breaker == 1 ? nullptr : normals.get(),
+                                  breaker == 2 ? 0 : n,
+                                  breaker == 3 ? -std::fabs(radius) : radius);
     }
-    return QorvComputeNormals(h, breaker == 0 ? nullptr : points.get(), breaker == 1 ? nullptr : normals.get(),
-                              breaker == 2 ? -1 : n, orient, radius);
+    return QorvComputeNormals(h,
+                              breaker == 0 ? nullptr : points.get(),
+                              breaker == 1 ? nullptr : normals.get(),
+                              breaker == 2 ? -1 : n,
+                              orient,
+                              radius);
   };
   Array<float> serial(given.data(), len), parallel(given.data(), len);
   const Array<float> before(given.data(), len);
@@ -540,9 +626,13 @@ void FuzzIndexFilters(FuzzedDataProvider& in, Instances& inst) {
     const int32_t count = breaker == 1 ? BadCount(in) : n;
     QorvIndexCallback cb = withCallback ? OnIndices : nullptr;
     switch (which) {
-      case 0: return QorvVoxelFilter(h, p, count, length, cb, &rec);
-      case 1: return QorvSORFilter(h, p, count, breaker == 2 ? (meanK < 1 ? meanK : 0) : meanK, stdMul, cb, &rec);
-      default: return QorvEdgeFilter(h, p, count, breaker == 2 ? -std::fabs(length) : length, cb, &rec);
+      case 0:
+        return QorvVoxelFilter(h, p, count, length, cb, &rec);
+      case 1:
+        return QorvSORFilter(
+            h, p, count, breaker == 2 ? (meanK < 1 ? meanK : 0) : meanK, stdMul, cb, &rec);
+      default:
+        return QorvEdgeFilter(h, p, count, breaker == 2 ? -std::fabs(length) : length, cb, &rec);
     }
   };
   static const char* const kNames[] = {"QorvVoxelFilter", "QorvSORFilter", "QorvEdgeFilter"};
@@ -575,21 +665,28 @@ void FuzzGaussian(FuzzedDataProvider& in, Instances& inst) {
     float* src = shared.get() + (outputFirst ? shift : 0);
     float* dst = shared.get() + (outputFirst ? 0 : shift);
     const Array<float> before(shared.get(), shared.size());
-    ExpectCode(QorvGaussianFilter(inst.serial, src, dst, n, radius), QORV_ERROR_INVALID_ARGUMENT, name);
+    ExpectCode(
+        QorvGaussianFilter(inst.serial, src, dst, n, radius), QORV_ERROR_INVALID_ARGUMENT, name);
     Check(shared.sameBits(before), name, "written on a failed check");
     return;
   }
   const Array<float> points(cloud.data(), len);
   Array<float> serial(len), parallel(len);
-  ExpectCode(QorvGaussianFilter(nullptr, points.get(), serial.get(), n, radius), QORV_ERROR_NULL_INSTANCE, name);
-  const QorvResult r = QorvGaussianFilter(inst.serial, breaker == 0 ? nullptr : points.get(),
-                                          breaker == 1 ? nullptr : serial.get(), breaker == 2 ? BadCount(in) : n, radius);
+  ExpectCode(QorvGaussianFilter(nullptr, points.get(), serial.get(), n, radius),
+             QORV_ERROR_NULL_INSTANCE,
+             name);
+  const QorvResult r = QorvGaussianFilter(inst.serial,
+                                          breaker == 0 ? nullptr : points.get(),
+                                          breaker == 1 ? nullptr : serial.get(),
+                                          breaker == 2 ? BadCount(in) : n,
+                                          radius);
   ExpectCode(r, breaker < 0 ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT, name);
   if (r != QORV_OK) {
     Check(serial.untouched(), name, "output written on a failed check");
     return;
   }
-  ExpectCode(QorvGaussianFilter(inst.parallel, points.get(), parallel.get(), n, radius), QORV_OK, name);
+  ExpectCode(
+      QorvGaussianFilter(inst.parallel, points.get(), parallel.get(), n, radius), QORV_OK, name);
   Check(serial.sameBits(parallel), name, "threading changed the result");
 }
 
@@ -600,8 +697,12 @@ void FuzzCheckDistance(FuzzedDataProvider& in, Instances& inst) {
   const int breaker = Breaker(in, 3);
   const char* name = "QorvCheckDistance";
   Array<float> serial(1), parallel(1);
-  ExpectCode(QorvCheckDistance(nullptr, points.get(), n, k, serial.get()), QORV_ERROR_NULL_INSTANCE, name);
-  const QorvResult r = QorvCheckDistance(inst.serial, breaker == 0 ? nullptr : points.get(), breaker == 1 ? 0 : n, k,
+  ExpectCode(
+      QorvCheckDistance(nullptr, points.get(), n, k, serial.get()), QORV_ERROR_NULL_INSTANCE, name);
+  const QorvResult r = QorvCheckDistance(inst.serial,
+                                         breaker == 0 ? nullptr : points.get(),
+                                         breaker == 1 ? 0 : n,
+                                         k,
                                          breaker == 2 ? nullptr : serial.get());
   ExpectCode(r, breaker < 0 && k >= 1 ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT, name);
   if (r != QORV_OK) {
@@ -626,9 +727,19 @@ void FuzzDetectAndCompute(FuzzedDataProvider& in, Instances& inst) {
   const char* name = "QorvDetectAndCompute";
   auto run = [&](QorvInstance* h, KeyPointRecord& rec) {
     rec.maxCount = n;
-    return QorvDetectAndCompute(h, breaker == 0 ? nullptr : points.get(), breaker == 1 ? nullptr : normals.get(),
-                                breaker == 2 ? BadCount(in) : n, radii[0], radii[1], radii[2], radii[3], ratio21,
-                                ratio32, maxKeyPoints, withCallback ? OnKeyPoints : nullptr, &rec);
+    return QorvDetectAndCompute(h,
+                                breaker == 0 ? nullptr : points.get(),
+                                breaker == 1 ? nullptr : normals.get(),
+                                breaker == 2 ? BadCount(in) : n,
+                                radii[0],
+                                radii[1],
+                                radii[2],
+                                radii[3],
+                                ratio21,
+                                ratio32,
+                                maxKeyPoints,
+                                withCallback ? OnKeyPoints : nullptr,
+                                &rec);
   };
   KeyPointRecord serial, parallel;
   ExpectCode(run(nullptr, serial), QORV_ERROR_NULL_INSTANCE, name);
@@ -637,9 +748,11 @@ void FuzzDetectAndCompute(FuzzedDataProvider& in, Instances& inst) {
   Check(serial.calls == (r == QORV_OK && withCallback ? 1 : 0), name, "callback calls");
   if (r != QORV_OK) return;
   ExpectCode(run(inst.parallel, parallel), QORV_OK, name);
-  Check(SameFloats(serial.positions, parallel.positions) && SameFloats(serial.normals, parallel.normals) &&
+  Check(SameFloats(serial.positions, parallel.positions) &&
+            SameFloats(serial.normals, parallel.normals) &&
             SameFloats(serial.descriptors, parallel.descriptors),
-        name, "threading changed the result");
+        name,
+        "threading changed the result");
 }
 
 // Vertex and normal maps: from a depth image through the library, or any floats.
@@ -660,23 +773,37 @@ void FuzzDepth(FuzzedDataProvider& in, Instances& inst) {
   const float base = SomeFloat(in, 0.5f, 3.0f);
   for (size_t i = 0; i < pixels; ++i) depth.get()[i] = base + 0.05f * rng.unit();
   const int specials = in.ConsumeIntegralInRange<int>(0, 4);
-  for (int s = 0; s < specials; ++s) depth.get()[in.ConsumeIntegralInRange<size_t>(0, pixels - 1)] = SpecialFloat(in);
+  for (int s = 0; s < specials; ++s)
+    depth.get()[in.ConsumeIntegralInRange<size_t>(0, pixels - 1)] = SpecialFloat(in);
 
   Array<float> vertex(pixels * 3), normal(pixels * 3);
   Array<unsigned char> mask(pixels);
   const bool withNormals = in.ConsumeBool(), withMask = in.ConsumeBool();
   const int breaker = Breaker(in, 5);
   const char* name = "QorvDepthToVmapNmap";
-  ExpectCode(QorvDepthToVmapNmap(nullptr, camera.get(), depth.get(), vertex.get(), normal.get(), mask.get(), width,
+  ExpectCode(QorvDepthToVmapNmap(nullptr,
+                                 camera.get(),
+                                 depth.get(),
+                                 vertex.get(),
+                                 normal.get(),
+                                 mask.get(),
+                                 width,
                                  height),
-             QORV_ERROR_NULL_INSTANCE, name);
-  const QorvResult r = QorvDepthToVmapNmap(
-      inst.serial, breaker == 0 ? nullptr : camera.get(), breaker == 1 ? nullptr : depth.get(),
-      breaker == 2 ? nullptr : vertex.get(), withNormals ? normal.get() : nullptr, withMask ? mask.get() : nullptr,
-      breaker == 3 ? BadCount(in) : width, breaker == 4 ? BadCount(in) : height);
+             QORV_ERROR_NULL_INSTANCE,
+             name);
+  const QorvResult r = QorvDepthToVmapNmap(inst.serial,
+                                           breaker == 0 ? nullptr : camera.get(),
+                                           breaker == 1 ? nullptr : depth.get(),
+                                           breaker == 2 ? nullptr : vertex.get(),
+                                           withNormals ? normal.get() : nullptr,
+                                           withMask ? mask.get() : nullptr,
+                                           breaker == 3 ? BadCount(in) : width,
+                                           breaker == 4 ? BadCount(in) : height);
   ExpectCode(r, breaker < 0 ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT, name);
   if (r != QORV_OK) {
-    Check(vertex.untouched() && normal.untouched() && mask.untouched(), name, "output written on a failed check");
+    Check(vertex.untouched() && normal.untouched() && mask.untouched(),
+          name,
+          "output written on a failed check");
     return;
   }
   if (!withNormals || in.ConsumeIntegralInRange<int>(0, 3) == 0) {  // any floats as maps
@@ -686,7 +813,8 @@ void FuzzDepth(FuzzedDataProvider& in, Instances& inst) {
     for (size_t i = 0; i < pixels; ++i) mask.get()[i] = in.ConsumeIntegral<unsigned char>();
   }
 
-  const int32_t windows[4] = {SomeInt(in, 1, 9), SomeInt(in, 0, 9), SomeInt(in, 0, 5), SomeInt(in, 1, 9)};
+  const int32_t windows[4] = {
+      SomeInt(in, 1, 9), SomeInt(in, 0, 9), SomeInt(in, 0, 5), SomeInt(in, 1, 9)};
   const float ratio21 = SomeFloat(in, 0.0f, 1.2f), ratio32 = SomeFloat(in, 0.0f, 1.2f);
   const int32_t maxKeyPoints = SomeInt(in, -2, 20);
   const bool passMask = in.ConsumeBool(), withCallback = in.ConsumeIntegralInRange<int>(0, 9) != 0;
@@ -694,11 +822,21 @@ void FuzzDepth(FuzzedDataProvider& in, Instances& inst) {
   const char* name2 = "QorvDetectAndComputeVmapNmap";
   auto run = [&](QorvInstance* h, KeyPointRecord& rec) {
     rec.maxCount = static_cast<int64_t>(pixels);
-    return QorvDetectAndComputeVmapNmap(h, breaker2 == 0 ? nullptr : vertex.get(), breaker2 == 1 ? nullptr : normal.get(),
-                                        passMask ? mask.get() : nullptr, breaker2 == 2 ? BadCount(in) : width,
-                                        breaker2 == 3 ? BadCount(in) : height, windows[0], windows[1], windows[2],
-                                        windows[3], ratio21, ratio32, maxKeyPoints,
-                                        withCallback ? OnKeyPoints : nullptr, &rec);
+    return QorvDetectAndComputeVmapNmap(h,
+                                        breaker2 == 0 ? nullptr : vertex.get(),
+                                        breaker2 == 1 ? nullptr : normal.get(),
+                                        passMask ? mask.get() : nullptr,
+                                        breaker2 == 2 ? BadCount(in) : width,
+                                        breaker2 == 3 ? BadCount(in) : height,
+                                        windows[0],
+                                        windows[1],
+                                        windows[2],
+                                        windows[3],
+                                        ratio21,
+                                        ratio32,
+                                        maxKeyPoints,
+                                        withCallback ? OnKeyPoints : nullptr,
+                                        &rec);
   };
   KeyPointRecord serial, parallel;
   ExpectCode(run(nullptr, serial), QORV_ERROR_NULL_INSTANCE, name2);
@@ -707,9 +845,11 @@ void FuzzDepth(FuzzedDataProvider& in, Instances& inst) {
   Check(serial.calls == (r2 == QORV_OK && withCallback ? 1 : 0), name2, "callback calls");
   if (r2 != QORV_OK) return;
   ExpectCode(run(inst.parallel, parallel), QORV_OK, name2);
-  Check(SameFloats(serial.positions, parallel.positions) && SameFloats(serial.normals, parallel.normals) &&
+  Check(SameFloats(serial.positions, parallel.positions) &&
+            SameFloats(serial.normals, parallel.normals) &&
             SameFloats(serial.descriptors, parallel.descriptors),
-        name2, "threading changed the result");
+        name2,
+        "threading changed the result");
 }
 
 void FuzzMatchDescriptor(FuzzedDataProvider& in, Instances& inst) {
@@ -717,16 +857,22 @@ void FuzzMatchDescriptor(FuzzedDataProvider& in, Instances& inst) {
   const int32_t queries = in.ConsumeIntegralInRange<int32_t>(1, 40);
   const Array<float> target(SomeDescriptors(in, targets).data(), static_cast<size_t>(targets) * 33);
   const Array<float> query(SomeDescriptors(in, queries).data(), static_cast<size_t>(queries) * 33);
-  const int32_t k = in.ConsumeIntegralInRange<int>(0, 3) == 0 ? in.ConsumeIntegralInRange<int32_t>(1, targets + 3) : 1;
+  const int32_t k = in.ConsumeIntegralInRange<int>(0, 3) == 0
+                        ? in.ConsumeIntegralInRange<int32_t>(1, targets + 3)
+                        : 1;
   const bool withDistances = in.ConsumeIntegralInRange<int>(0, 4) != 0;
   inst.crossCheck(in.ConsumeBool());
   const int breaker = Breaker(in, 6);
   const size_t slots = static_cast<size_t>(queries) * static_cast<size_t>(k);
   const char* name = "QorvMatchDescriptor";
   auto run = [&](QorvInstance* h, Array<int32_t>& idx, Array<float>& dist) {
-    return QorvMatchDescriptor(h, breaker == 0 ? nullptr : target.get(), breaker == 1 ? 0 : targets,
-                               breaker == 2 ? nullptr : query.get(), breaker == 3 ? nullptr : idx.get(),
-                               withDistances ? dist.get() : nullptr, breaker == 4 ? BadCount(in) : k,
+    return QorvMatchDescriptor(h,
+                               breaker == 0 ? nullptr : target.get(),
+                               breaker == 1 ? 0 : targets,
+                               breaker == 2 ? nullptr : query.get(),
+                               breaker == 3 ? nullptr : idx.get(),
+                               withDistances ? dist.get() : nullptr,
+                               breaker == 4 ? BadCount(in) : k,
                                breaker == 5 ? BadCount(in) : queries);
   };
   Array<int32_t> idxS(slots), idxP(slots);
@@ -779,7 +925,8 @@ KeyPointPair SomeKeyPoints(FuzzedDataProvider& in) {
 void FuzzRansac(FuzzedDataProvider& in, Instances& inst) {
   const KeyPointPair k = SomeKeyPoints(in);
   const Array<float> p1(k.points1.data(), k.points1.size()), p2(k.points2.data(), k.points2.size());
-  const Array<float> n1(k.normals1.data(), k.normals1.size()), n2(k.normals2.data(), k.normals2.size());
+  const Array<float> n1(k.normals1.data(), k.normals1.size()),
+      n2(k.normals2.data(), k.normals2.size());
   const Array<float> d1(k.descriptors1.data(), k.descriptors1.size());
   const Array<float> d2(k.descriptors2.data(), k.descriptors2.size());
   const int32_t iterations = SomeInt(in, -1, 200) % 301;
@@ -796,12 +943,21 @@ void FuzzRansac(FuzzedDataProvider& in, Instances& inst) {
   rec.secondCount = static_cast<uint32_t>(k.count2);
   rec.allowMissing = true;
   auto run = [&](QorvInstance* handle) {
-    return QorvRansacMatchKeyPoints(handle, breaker == 0 ? nullptr : p1.get(), withNormals1 ? n1.get() : nullptr,
-                                    breaker == 1 ? nullptr : d1.get(), breaker == 2 ? BadCount(in) : k.count1,
-                                    breaker == 3 ? nullptr : p2.get(), withNormals2 ? n2.get() : nullptr,
-                                    breaker == 4 ? nullptr : d2.get(), breaker == 5 ? BadCount(in) : k.count2,
-                                    breaker == 6 ? nullptr : transform.get(), iterations, edgeRatio, inlierDistance,
-                                    withCallback ? OnMatches : nullptr, &rec);
+    return QorvRansacMatchKeyPoints(handle,
+                                    breaker == 0 ? nullptr : p1.get(),
+                                    withNormals1 ? n1.get() : nullptr,
+                                    breaker == 1 ? nullptr : d1.get(),
+                                    breaker == 2 ? BadCount(in) : k.count1,
+                                    breaker == 3 ? nullptr : p2.get(),
+                                    withNormals2 ? n2.get() : nullptr,
+                                    breaker == 4 ? nullptr : d2.get(),
+                                    breaker == 5 ? BadCount(in) : k.count2,
+                                    breaker == 6 ? nullptr : transform.get(),
+                                    iterations,
+                                    edgeRatio,
+                                    inlierDistance,
+                                    withCallback ? OnMatches : nullptr,
+                                    &rec);
   };
   ExpectCode(run(nullptr), QORV_ERROR_NULL_INSTANCE, name);
   const QorvResult r = run(h);
@@ -827,11 +983,19 @@ void FuzzIterative(FuzzedDataProvider& in, Instances& inst) {
   auto run = [&](QorvInstance* h, Array<double>& transform, MatchRecord& rec) {
     rec.firstCount = static_cast<uint32_t>(k.count1);
     rec.secondCount = static_cast<uint32_t>(k.count2);
-    return QorvIterativeMatchKeyPoints(h, breaker == 0 ? nullptr : p1.get(), breaker == 1 ? nullptr : d1.get(),
-                                       breaker == 2 ? BadCount(in) : k.count1, breaker == 3 ? nullptr : p2.get(),
-                                       breaker == 4 ? nullptr : d2.get(), breaker == 5 ? BadCount(in) : k.count2,
-                                       breaker == 6 ? nullptr : transform.get(), iterations, kernelScale, maxDistance,
-                                       withCallback ? OnMatches : nullptr, &rec);
+    return QorvIterativeMatchKeyPoints(h,
+                                       breaker == 0 ? nullptr : p1.get(),
+                                       breaker == 1 ? nullptr : d1.get(),
+                                       breaker == 2 ? BadCount(in) : k.count1,
+                                       breaker == 3 ? nullptr : p2.get(),
+                                       breaker == 4 ? nullptr : d2.get(),
+                                       breaker == 5 ? BadCount(in) : k.count2,
+                                       breaker == 6 ? nullptr : transform.get(),
+                                       iterations,
+                                       kernelScale,
+                                       maxDistance,
+                                       withCallback ? OnMatches : nullptr,
+                                       &rec);
   };
   Array<double> serial(start.data(), 12), parallel(start.data(), 12);
   const Array<double> before(start.data(), 12);
@@ -847,13 +1011,14 @@ void FuzzIterative(FuzzedDataProvider& in, Instances& inst) {
   ExpectCode(run(inst.parallel, parallel, recP), QORV_OK, name);
   Check(serial.sameBits(parallel), name, "threading changed the transform");
   Check(recS.pairs.size() == recP.pairs.size() &&
-            (recS.pairs.empty() ||
-             std::memcmp(recS.pairs.data(), recP.pairs.data(), recS.pairs.size() * sizeof(QorvMatchPair)) == 0),
-        name, "threading changed the pairs");
+            (recS.pairs.empty() || std::memcmp(recS.pairs.data(),
+                                               recP.pairs.data(),
+                                               recS.pairs.size() * sizeof(QorvMatchPair)) == 0),
+        name,
+        "threading changed the pairs");
 }
 
 void FuzzPipeline(FuzzedDataProvider& in, Instances& inst) {
-  if (&QorvMatchPairPointCloud == nullptr) return;
   const int32_t count1 = SomeCount(in), count2 = SomeCount(in);
   const Array<float> p1(SomeCloud(in, count1).data(), static_cast<size_t>(count1) * 3);
   const Array<float> p2(SomeCloud(in, count2).data(), static_cast<size_t>(count2) * 3);
@@ -870,11 +1035,19 @@ void FuzzPipeline(FuzzedDataProvider& in, Instances& inst) {
   for (int i = 0; i < 12; ++i) start[i] = i % 5 == 0 ? 1.0 : 0.0;
   auto run = [&](QorvInstance* h, Array<double>& transform, MatchRecord& rec) {
     rec.allowMissing = true;  // indices refer to key points the caller never sees: not checked
-    return QorvMatchPairPointCloud(h, breaker == 2 ? nullptr : p1.get(), withNormals1 ? n1.get() : nullptr,
-                                   breaker == 3 ? BadCount(in) : count1, breaker == 0 ? nullptr : p2.get(),
-                                   withNormals2 ? n2.get() : nullptr, breaker == 1 ? BadCount(in) : count2,
-                                   breaker == 4 ? nullptr : transform.get(), kernelScale, resolution, iterations,
-                                   withCallback ? OnMatches : nullptr, &rec);
+    return QorvMatchPairPointCloud(h,
+                                   breaker == 2 ? nullptr : p1.get(),
+                                   withNormals1 ? n1.get() : nullptr,
+                                   breaker == 3 ? BadCount(in) : count1,
+                                   breaker == 0 ? nullptr : p2.get(),
+                                   withNormals2 ? n2.get() : nullptr,
+                                   breaker == 1 ? BadCount(in) : count2,
+                                   breaker == 4 ? nullptr : transform.get(),
+                                   kernelScale,
+                                   resolution,
+                                   iterations,
+                                   withCallback ? OnMatches : nullptr,
+                                   &rec);
   };
   Array<double> serial(start.data(), 12), parallel(start.data(), 12);
   const Array<double> before(start.data(), 12);
@@ -907,20 +1080,48 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider in(data, size);
   Instances inst;
   switch (in.ConsumeIntegralInRange<int>(0, 13)) {
-    case 0: FuzzSettings(in, inst); break;
-    case 1: FuzzAsc(in, inst); break;
-    case 2: FuzzRigid(in, inst); break;
-    case 3: FuzzNormals(in, inst); break;
-    case 4: FuzzIndexFilters(in, inst); break;
-    case 5: FuzzGaussian(in, inst); break;
-    case 6: FuzzCheckDistance(in, inst); break;
-    case 7: FuzzDetectAndCompute(in, inst); break;
-    case 8: FuzzDepth(in, inst); break;
-    case 9: FuzzMatchDescriptor(in, inst); break;
-    case 10: FuzzRansac(in, inst); break;
-    case 11: FuzzIterative(in, inst); break;
-    case 12: FuzzPipeline(in, inst); break;
-    default: FuzzIndexFilters(in, inst); break;
+    case 0:
+      FuzzSettings(in, inst);
+      break;
+    case 1:
+      FuzzAsc(in, inst);
+      break;
+    case 2:
+      FuzzRigid(in, inst);
+      break;
+    case 3:
+      FuzzNormals(in, inst);
+      break;
+    case 4:
+      FuzzIndexFilters(in, inst);
+      break;
+    case 5:
+      FuzzGaussian(in, inst);
+      break;
+    case 6:
+      FuzzCheckDistance(in, inst);
+      break;
+    case 7:
+      FuzzDetectAndCompute(in, inst);
+      break;
+    case 8:
+      FuzzDepth(in, inst);
+      break;
+    case 9:
+      FuzzMatchDescriptor(in, inst);
+      break;
+    case 10:
+      FuzzRansac(in, inst);
+      break;
+    case 11:
+      FuzzIterative(in, inst);
+      break;
+    case 12:
+      FuzzPipeline(in, inst);
+      break;
+    default:
+      FuzzIndexFilters(in, inst);
+      break;
   }
   return 0;
 }

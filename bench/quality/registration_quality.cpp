@@ -41,7 +41,8 @@
 
 namespace {
 
-// ---- Small rigid-motion algebra in double ---------------------------------------------------------
+// ---- Small rigid-motion algebra in double
+// ---------------------------------------------------------
 
 struct Motion {
   std::array<double, 9> r{1, 0, 0, 0, 1, 0, 0, 0, 1};  // row after row
@@ -55,9 +56,15 @@ struct Motion {
     const double k = 1.0 - c;
     const double x = axis[0], y = axis[1], z = axis[2];
     Motion m;
-    m.r = {c + x * x * k,     x * y * k - z * s, x * z * k + y * s,
-           y * x * k + z * s, c + y * y * k,     y * z * k - x * s,
-           z * x * k - y * s, z * y * k + x * s, c + z * z * k};
+    m.r = {c + x * x * k,
+           x * y * k - z * s,
+           x * z * k + y * s,
+           y * x * k + z * s,
+           c + y * y * k,
+           y * z * k - x * s,
+           z * x * k - y * s,
+           z * y * k + x * s,
+           c + z * z * k};
     m.t = t;
     return m;
   }
@@ -85,7 +92,8 @@ struct Motion {
 
   void apply(const float* p, float* out) const {
     for (int i = 0; i < 3; ++i) {
-      out[i] = static_cast<float>(r[3 * i] * p[0] + r[3 * i + 1] * p[1] + r[3 * i + 2] * p[2] + t[i]);
+      out[i] =
+          static_cast<float>(r[3 * i] * p[0] + r[3 * i + 1] * p[1] + r[3 * i + 2] * p[2] + t[i]);
     }
   }
 };
@@ -110,7 +118,8 @@ double TranslationError(const Motion& a, const Motion& b) {
   return std::sqrt(dx * dx + dy * dy + dz * dz);
 }
 
-// ---- Data ----------------------------------------------------------------------------------------
+// ---- Data
+// ----------------------------------------------------------------------------------------
 
 std::vector<float> ReadAsc(const std::string& path) {
   std::ifstream in(path);
@@ -124,7 +133,9 @@ std::vector<float> ReadAsc(const std::string& path) {
   return points;
 }
 
-int32_t CountOf(const std::vector<float>& points) { return static_cast<int32_t>(points.size() / 3); }
+int32_t CountOf(const std::vector<float>& points) {
+  return static_cast<int32_t>(points.size() / 3);
+}
 
 double Diagonal(const std::vector<float>& points) {
   float lo[3] = {points[0], points[1], points[2]};
@@ -169,7 +180,8 @@ void Check(QorvResult r, const char* what) {
   }
 }
 
-// ---- View pairs ----------------------------------------------------------------------------------
+// ---- View pairs
+// ----------------------------------------------------------------------------------
 
 struct ViewPair {
   std::string model;
@@ -257,7 +269,8 @@ std::vector<ViewPair> MakePairs(const std::string& model,
   return pairs;
 }
 
-// ---- The composed chain --------------------------------------------------------------------------
+// ---- The composed chain
+// --------------------------------------------------------------------------
 
 enum class Orientation { kPlusZ, kOutward };
 
@@ -335,7 +348,10 @@ struct Prepared {
 // Outlier removal, smoothing and thinning as the one-call pipeline does them, then normals within
 // 2s: estimated (all facing +z), or re-estimated to face away from the view's centroid, which
 // turns with the view and so keeps the descriptors' normal signs consistent between views.
-Prepared Prepare(QorvInstance* inst, const std::vector<float>& cloud, float s, Orientation orientation) {
+Prepared Prepare(QorvInstance* inst,
+                 const std::vector<float>& cloud,
+                 float s,
+                 Orientation orientation) {
   Prepared out;
   std::vector<int32_t> kept;
   Check(QorvSORFilter(inst, cloud.data(), CountOf(cloud), 50, 3.4f, CollectIndices, &kept),
@@ -360,7 +376,8 @@ Prepared Prepare(QorvInstance* inst, const std::vector<float>& cloud, float s, O
       for (int k = 0; k < 3; ++k) c[k] += out.points[i + k];
     }
     for (size_t i = 0; i < out.points.size(); i += 3) {
-      for (int k = 0; k < 3; ++k) out.normals[i + k] = static_cast<float>(out.points[i + k] - c[k] / n);
+      for (int k = 0; k < 3; ++k)
+        out.normals[i + k] = static_cast<float>(out.points[i + k] - c[k] / n);
     }
     Check(QorvReComputeNormals(inst, out.points.data(), out.normals.data(), n, 2.0f * s),
           "QorvReComputeNormals");
@@ -438,7 +455,8 @@ uint32_t Match(QorvInstance* inst,
   return inliers;
 }
 
-// ---- Measurement ---------------------------------------------------------------------------------
+// ---- Measurement
+// ---------------------------------------------------------------------------------
 
 using Clock = std::chrono::steady_clock;
 
@@ -447,8 +465,8 @@ double Seconds(Clock::time_point since) {
 }
 
 struct Outcome {
-  double rotation = 180.0;     // degrees
-  double translation = 1e30;   // share of the diagonal
+  double rotation = 180.0;    // degrees
+  double translation = 1e30;  // share of the diagonal
   double seconds = 0.0;
   int32_t keyPoints1 = 0, keyPoints2 = 0;
   uint32_t inliers = 0;  // RANSAC's
@@ -504,7 +522,8 @@ std::string Percent(double share) {
   return text;
 }
 
-// ---- Command line --------------------------------------------------------------------------------
+// ---- Command line
+// --------------------------------------------------------------------------------
 
 struct Options {
   std::string data = "data/sample";
@@ -515,7 +534,7 @@ struct Options {
   bool multiThread = false;
   bool verbose = false;
   ChainConfig chain;
-  std::vector<ChainConfig> tries;  // sweep mode
+  std::vector<ChainConfig> tries;              // sweep mode
   std::map<std::string, float> resolutionFor;  // per-model s / spacing of the chain, final mode
   float pipelineResolutionPerSpacing = 1.0f;
   int32_t pipelineIterations = 20000;
@@ -541,17 +560,28 @@ void ApplyConfig(const std::string& text, ChainConfig& c) {
     const std::string key = item.substr(0, eq);
     const std::string value = item.substr(eq + 1);
     const float v = std::strtof(value.c_str(), nullptr);
-    if (key == "s") c.resolutionPerSpacing = v;
-    else if (key == "r21") c.ratio21 = v;
-    else if (key == "r32") c.ratio32 = v;
-    else if (key == "kp") c.keyPointRadius = v;
-    else if (key == "nm") c.nonMaxRadius = v;
-    else if (key == "fr") c.featureRadius = v;
-    else if (key == "hr") c.histogramRadius = v;
-    else if (key == "edge") c.edgeRatio = v;
-    else if (key == "inlier") c.inlierDistance = v;
-    else if (key == "iters") c.ransacIterations = static_cast<int32_t>(v);
-    else if (key == "orient") c.orientation = value == "z" ? Orientation::kPlusZ : Orientation::kOutward;
+    if (key == "s")
+      c.resolutionPerSpacing = v;
+    else if (key == "r21")
+      c.ratio21 = v;
+    else if (key == "r32")
+      c.ratio32 = v;
+    else if (key == "kp")
+      c.keyPointRadius = v;
+    else if (key == "nm")
+      c.nonMaxRadius = v;
+    else if (key == "fr")
+      c.featureRadius = v;
+    else if (key == "hr")
+      c.histogramRadius = v;
+    else if (key == "edge")
+      c.edgeRatio = v;
+    else if (key == "inlier")
+      c.inlierDistance = v;
+    else if (key == "iters")
+      c.ransacIterations = static_cast<int32_t>(v);
+    else if (key == "orient")
+      c.orientation = value == "z" ? Orientation::kPlusZ : Orientation::kOutward;
     else {
       std::fprintf(stderr, "unknown --config key '%s'\n", key.c_str());
       std::exit(2);
@@ -570,19 +600,26 @@ Options Parse(int argc, char** argv) {
       }
       return argv[++i];
     };
-    if (arg == "--data") o.data = next();
-    else if (arg == "--models") o.models = Split(next(), ',');
-    else if (arg == "--geometries") o.geometries = std::atoi(next().c_str());
-    else if (arg == "--seed") o.seed = static_cast<uint32_t>(std::atoi(next().c_str()));
-    else if (arg == "--mode") o.mode = next();
-    else if (arg == "--threads") o.multiThread = std::atoi(next().c_str()) > 1;
-    else if (arg == "--config") ApplyConfig(next(), o.chain);
+    if (arg == "--data")
+      o.data = next();
+    else if (arg == "--models")
+      o.models = Split(next(), ',');
+    else if (arg == "--geometries")
+      o.geometries = std::atoi(next().c_str());
+    else if (arg == "--seed")
+      o.seed = static_cast<uint32_t>(std::atoi(next().c_str()));
+    else if (arg == "--mode")
+      o.mode = next();
+    else if (arg == "--threads")
+      o.multiThread = std::atoi(next().c_str()) > 1;
+    else if (arg == "--config")
+      ApplyConfig(next(), o.chain);
     else if (arg == "--try") {
       ChainConfig c = o.chain;
       ApplyConfig(next(), c);
       o.tries.push_back(c);
-    }
-    else if (arg == "--verbose") o.verbose = true;
+    } else if (arg == "--verbose")
+      o.verbose = true;
     else if (arg == "--resolution-for") {
       // model=factor: that model's chain runs with s = factor x spacing.
       const std::string item = next();
@@ -592,8 +629,7 @@ Options Parse(int argc, char** argv) {
         std::exit(2);
       }
       o.resolutionFor[item.substr(0, eq)] = std::strtof(item.c_str() + eq + 1, nullptr);
-    }
-    else {
+    } else {
       std::fprintf(stderr, "unknown option %s\n", arg.c_str());
       std::exit(2);
     }
@@ -621,7 +657,8 @@ std::vector<Model> LoadModels(QorvInstance* inst, const Options& o) {
     float spacing = 0.0f;
     {
       QuietStdout quiet;
-      Check(QorvCheckDistance(inst, cloud.data(), CountOf(cloud), 2, &spacing), "QorvCheckDistance");
+      Check(QorvCheckDistance(inst, cloud.data(), CountOf(cloud), 2, &spacing),
+            "QorvCheckDistance");
     }
     m.spacing = spacing;
     m.diagonal = Diagonal(cloud);
@@ -736,7 +773,7 @@ std::vector<Outcome> RunPipeline(QorvInstance* inst, const Model& m, const Optio
 }
 
 void Final(QorvInstance* inst, const std::vector<Model>& models, const Options& o) {
-  std::printf("\nchain: %s\n\n", o.chain.describe().c_str());
+  std::printf("\nchain: %s (s per model in the rows when given)\n\n", o.chain.describe().c_str());
   PrintHeader();
   std::vector<Outcome> allPipeline, allChain;
   for (const Model& m : models) {
@@ -764,7 +801,8 @@ void Final(QorvInstance* inst, const std::vector<Model>& models, const Options& 
   PrintRow("(a) QorvMatchPairPointCloud, all", Summarise(allPipeline));
   PrintRow("(b) composed chain, all", Summarise(allChain));
   if (!o.verbose) return;
-  std::printf("\nmodel pair noisy overlap angle | chain: rotation translation keys1 keys2 inliers\n");
+  std::printf(
+      "\nmodel pair noisy overlap angle | chain: rotation translation keys1 keys2 inliers\n");
   size_t next = 0;
   for (const Model& m : models) {
     for (const ViewPair& pair : m.pairs) {

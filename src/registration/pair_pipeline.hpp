@@ -12,8 +12,8 @@ namespace qorv {
 
 // Every length of the pair pipeline derives from one resolution s.
 struct PairPipelineParams {
-  float kernelScale =
-      0.0f;  // > 0: iterative matcher from the caller's pose with this kernel; else RANSAC
+  // > 0: the iterative matcher from the caller's pose with this initial kernel scale; else RANSAC.
+  float kernelScale = 0.0f;
   float resolution = 0.0f;  // s
   int32_t iterations = 0;   // step limit (iterative) or samples drawn (RANSAC)
 };

@@ -7,6 +7,7 @@
 #include <cfloat>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -49,7 +50,9 @@ struct RadiusResult {
 };
 
 // KD-tree over `count` elements of Dim floats each, stored contiguously by the caller (the tree
-// keeps a pointer and never copies them). Elements with a NaN coordinate are left out. Splits
+// keeps a pointer; element() and data() read the caller's array). Searches read a copy of the
+// indexed elements laid out in leaf order, taken at build, so that a leaf is one contiguous run
+// of memory. Elements with a NaN coordinate are left out. Splits
 // are at the middle of the widest side of the box; leaves hold at most leafMaxSize elements.
 //
 // Searches use squared Euclidean distances in float and are exact. A radius search accepts
@@ -66,6 +69,10 @@ class KdTree {
   };
   using Box = std::array<Interval, Dim>;
   static constexpr int kDim = Dim;
+  // Searches in trees of at most kLoopMaxDepth levels of low-dimensional elements run without
+  // recursion, carrying the per-dimension distances of every stacked far side.
+  static constexpr int kLoopMaxDim = 4;
+  static constexpr int kLoopMaxDepth = 64;
 
   KdTree() = default;
   KdTree(const float* data, int64_t count, Index leafMaxSize = 10) {
@@ -108,12 +115,19 @@ class KdTree {
   void findNeighbors(const float* query, ResultSet& result) const;
 
  private:
-  Node* divideTree(Index left, Index right, Box& box);
+  Node* divideTree(Index left, Index right, Box& box, int depth);
   void computeBox(Index left, Index right, Box& box) const;
   Index middleSplit(Index left, Index right, Box& box, Index& divfeat, float& cutval);
   void planeSplit(Index left, Index count, Index divfeat, float cutval, Index& lim1, Index& lim2);
   void release(Node* node) noexcept;
 
+  template <typename ResultSet>
+  void searchLoop(const float* query,
+                  const float* perDimDist,
+                  float minDistSq,
+                  ResultSet& result) const;
+  template <typename ResultSet>
+  void searchLeaf(const Node* node, const float* query, ResultSet& result) const;
   template <typename ResultSet>
   void searchLevel(const Node* node,
                    const float* query,
@@ -130,7 +144,10 @@ class KdTree {
   Node* root_ = nullptr;
   Box rootBox_{};
   Index leafMaxSize_ = 10;
+  int depth_ = 0;  // inner nodes on the longest root-to-leaf path
   std::vector<Index> indices_;
+  // Coordinates of the element at each position of indices_, Dim floats per position.
+  std::vector<float> leafPoints_;
 };
 
 using PointKdTree = KdTree<3, int32_t>;
@@ -163,18 +180,19 @@ struct KnnResultSet {
 
   float worstDist() const { return distSq[capacity - 1]; }
   void addPoint(Index index, float dist) {
+    // The last slot's entry drops out of a full set, unless dist is beyond it; then entries
+    // move up one until one below dist is reached.
     size_t i = count;
-    for (; i > 0; --i) {
-      if (dist > distSq[i - 1]) break;
-      if (i < capacity) {
-        distSq[i] = distSq[i - 1];
-        indices[i] = indices[i - 1];
-      }
+    if (i == capacity) {
+      if (dist > distSq[i - 1]) return;
+      --i;
     }
-    if (i < capacity) {
-      distSq[i] = dist;
-      indices[i] = index;
-    }
+    const size_t last = i;
+    while (i > 0 && !(dist > distSq[i - 1])) --i;
+    std::memmove(distSq + i + 1, distSq + i, (last - i) * sizeof(float));
+    std::memmove(indices + i + 1, indices + i, (last - i) * sizeof(Index));
+    distSq[i] = dist;
+    indices[i] = index;
     if (count != capacity) ++count;
   }
 };
@@ -200,7 +218,12 @@ void KdTree<Dim, Index>::build(const float* data, int64_t count, Index leafMaxSi
   const Index n = static_cast<Index>(indices_.size());
   computeBox(0, n, rootBox_);
   try {
-    root_ = divideTree(0, n, rootBox_);
+    root_ = divideTree(0, n, rootBox_, 0);
+    leafPoints_.resize(indices_.size() * Dim);
+    for (size_t pos = 0; pos < indices_.size(); ++pos) {
+      const float* e = element(indices_[pos]);
+      std::copy(e, e + Dim, leafPoints_.data() + pos * Dim);
+    }
   } catch (...) {
     destroy();
     throw;
@@ -224,8 +247,12 @@ void KdTree<Dim, Index>::computeBox(Index left, Index right, Box& box) const {
 }
 
 template <int Dim, typename Index>
-typename KdTree<Dim, Index>::Node* KdTree<Dim, Index>::divideTree(Index left, Index right, Box& box) {
+typename KdTree<Dim, Index>::Node* KdTree<Dim, Index>::divideTree(Index left,
+                                                                  Index right,
+                                                                  Box& box,
+                                                                  int depth) {
   Node* node = Pool::Local().take();
+  depth_ = std::max(depth_, depth);
   // Link the node in before recursing would complicate clean-up on failure; instead a failed
   // child is released here together with this node.
   if (right - left <= leafMaxSize_) {
@@ -242,11 +269,11 @@ typename KdTree<Dim, Index>::Node* KdTree<Dim, Index>::divideTree(Index left, In
 
     Box leftBox = box;
     leftBox[divfeat].high = cutval;
-    node->child1 = divideTree(left, index, leftBox);
+    node->child1 = divideTree(left, index, leftBox, depth + 1);
 
     Box rightBox = box;
     rightBox[divfeat].low = cutval;
-    node->child2 = divideTree(index, right, rightBox);
+    node->child2 = divideTree(index, right, rightBox, depth + 1);
 
     node->inner.divlow = leftBox[divfeat].high;
     node->inner.divhigh = rightBox[divfeat].low;
@@ -357,8 +384,11 @@ void KdTree<Dim, Index>::destroy() noexcept {
     root_ = nullptr;
     Pool::Local().releaseIfIdle();
   }
+  depth_ = 0;
   indices_.clear();
   indices_.shrink_to_fit();
+  leafPoints_.clear();
+  leafPoints_.shrink_to_fit();
 }
 
 // ---- Searches ------------------------------------------------------------------------------------
@@ -395,7 +425,89 @@ void KdTree<Dim, Index>::findNeighbors(const float* query, ResultSet& result) co
     }
     minDistSq += perDimDist[d];
   }
+  if constexpr (Dim <= kLoopMaxDim) {
+    if (depth_ <= kLoopMaxDepth) {
+      searchLoop(query, perDimDist, minDistSq, result);
+      return;
+    }
+  }
   searchLevel(root_, query, perDimDist, minDistSq, result);
+}
+
+// The traversal of searchLevel without recursion: the far side of every inner node on the way
+// down is stacked with the bound it would be entered with, and is taken up (or skipped, by the
+// same test against the result's bound at that moment) once the near side is done, so nodes are
+// visited and elements offered in the same order.
+template <int Dim, typename Index>
+template <typename ResultSet>
+void KdTree<Dim, Index>::searchLoop(const float* query,
+                                    const float* rootPerDimDist,
+                                    float rootMinDistSq,
+                                    ResultSet& result) const {
+  struct Pending {
+    const Node* node;
+    float minDistSq;
+    float perDimDist[Dim];
+  };
+  Pending stack[kLoopMaxDepth];
+  int top = 0;
+  float perDimDist[Dim];
+  std::copy(rootPerDimDist, rootPerDimDist + Dim, perDimDist);
+  float minDistSq = rootMinDistSq;
+  const Node* node = root_;
+  for (;;) {
+    while (node->child1 != nullptr || node->child2 != nullptr) {
+      const Index divfeat = node->inner.divfeat;
+      const float val = query[divfeat];
+      const float cut = (node->inner.divlow + node->inner.divhigh) * 0.5f;
+      const Node* nearChild;
+      const Node* farChild;
+      float cutDist;
+      if (cut > val) {
+        nearChild = node->child1;
+        farChild = node->child2;
+        const float diff = val - node->inner.divhigh;
+        cutDist = diff * diff;
+      } else {
+        nearChild = node->child2;
+        farChild = node->child1;
+        const float diff = val - node->inner.divlow;
+        cutDist = diff * diff;
+      }
+      Pending& far = stack[top++];
+      far.node = farChild;
+      far.minDistSq = minDistSq + cutDist - perDimDist[divfeat];
+      std::copy(perDimDist, perDimDist + Dim, far.perDimDist);
+      far.perDimDist[divfeat] = cutDist;
+      node = nearChild;
+    }
+    searchLeaf(node, query, result);
+    for (;;) {
+      if (top == 0) return;
+      const Pending& far = stack[--top];
+      if (result.worstDist() >= far.minDistSq) {
+        node = far.node;
+        minDistSq = far.minDistSq;
+        std::copy(far.perDimDist, far.perDimDist + Dim, perDimDist);
+        break;
+      }
+    }
+  }
+}
+
+template <int Dim, typename Index>
+template <typename ResultSet>
+void KdTree<Dim, Index>::searchLeaf(const Node* node, const float* query, ResultSet& result) const {
+  const float worst = result.worstDist();
+  for (Index i = node->leaf.left; i < node->leaf.right; ++i) {
+    const float* e = leafPoints_.data() + static_cast<size_t>(i) * Dim;
+    float distSq = 0.0f;
+    for (int d = 0; d < Dim; ++d) {
+      const float diff = query[d] - e[d];
+      distSq += diff * diff;
+    }
+    if (worst > distSq) result.addPoint(indices_[static_cast<size_t>(i)], distSq);
+  }
 }
 
 template <int Dim, typename Index>
@@ -406,17 +518,7 @@ void KdTree<Dim, Index>::searchLevel(const Node* node,
                                      float minDistSq,
                                      ResultSet& result) const {
   if (node->child1 == nullptr && node->child2 == nullptr) {
-    const float worst = result.worstDist();
-    for (Index i = node->leaf.left; i < node->leaf.right; ++i) {
-      const Index idx = indices_[static_cast<size_t>(i)];
-      const float* e = element(idx);
-      float distSq = 0.0f;
-      for (int d = 0; d < Dim; ++d) {
-        const float diff = query[d] - e[d];
-        distSq += diff * diff;
-      }
-      if (worst > distSq) result.addPoint(idx, distSq);
-    }
+    searchLeaf(node, query, result);
     return;
   }
   const Index divfeat = node->inner.divfeat;

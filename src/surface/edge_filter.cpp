@@ -75,7 +75,8 @@ bool IsEdge(const PointKdTree& tree, int32_t i, float radiusSq, EdgeScratch& s) 
     const float along2 = dx * e2[0] + dy * e2[1] + dz * e2[2];
     s.angles.push_back(static_cast<double>(std::atan2(along1, along2)));
   }
-  std::sort(s.angles.begin(), s.angles.end(), AngleBefore);
+  // A lambda rather than the function's address lets the comparison be inlined into the sort.
+  std::sort(s.angles.begin(), s.angles.end(), [](double l, double r) { return AngleBefore(l, r); });
 
   double gap = 0.0;
   for (size_t k = 1; k < s.angles.size(); ++k) {

@@ -119,27 +119,28 @@ TEST(PipelineExportsTest, SmoothScanGivesNoModelOnEitherPath) {
   Instance i;
   float spacing = 0.0f;
   testing::internal::CaptureStdout();
-  ASSERT_EQ(QorvCheckDistance(i.inst, scan.data(), CountOf(scan), 2, &spacing), QORV_OK);
+  const QorvResult measured = QorvCheckDistance(i.inst, scan.data(), CountOf(scan), 2, &spacing);
   testing::internal::GetCapturedStdout();
+  ASSERT_EQ(measured, QORV_OK);
 
-  for (bool multiThread : {false, true}) {
+  // RANSAC on one thread with kernelScale 0, on several with a negative one.
+  for (const auto& [multiThread, kernelScale] :
+       {std::make_pair(false, 0.0f), std::make_pair(true, -1.0f)}) {
     multiThread ? QorvEnableMultiThread(i.inst) : QorvDisableMultiThread(i.inst);
-    for (float kernelScale : {0.0f, -1.0f}) {
-      const Call call = MatchPair(i.inst, scan, part, kernelScale, spacing);
-      EXPECT_EQ(call.result, QORV_OK);
-      for (double v : call.transform) EXPECT_EQ(v, 0.0);
-      EXPECT_EQ(call.log, "[QORV INFO] RansacMatch: 0\n");
-      EXPECT_EQ(call.received.calls, 1);
-      EXPECT_TRUE(call.received.nullPairs);
-      EXPECT_EQ(call.received.count, 0u);
-    }
-    const Call call = MatchPair(i.inst, scan, part, 1e-6f, spacing);
+    const Call call = MatchPair(i.inst, scan, part, kernelScale, spacing);
     EXPECT_EQ(call.result, QORV_OK);
-    for (int k = 0; k < 12; ++k) EXPECT_EQ(call.transform[k], kStart[k]);
-    EXPECT_EQ(call.log, "[QORV INFO] IterativeMatch: 0\n");
+    for (double v : call.transform) EXPECT_EQ(v, 0.0);
+    EXPECT_EQ(call.log, "[QORV INFO] RansacMatch: 0\n");
     EXPECT_EQ(call.received.calls, 1);
     EXPECT_TRUE(call.received.nullPairs);
+    EXPECT_EQ(call.received.count, 0u);
   }
+  const Call call = MatchPair(i.inst, scan, part, 1e-6f, spacing);
+  EXPECT_EQ(call.result, QORV_OK);
+  for (int k = 0; k < 12; ++k) EXPECT_EQ(call.transform[k], kStart[k]);
+  EXPECT_EQ(call.log, "[QORV INFO] IterativeMatch: 0\n");
+  EXPECT_EQ(call.received.calls, 1);
+  EXPECT_TRUE(call.received.nullPairs);
 }
 
 // Caller normals are never read (every cloud gets fresh normals after thinning): a three-float
