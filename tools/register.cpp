@@ -113,12 +113,19 @@ KeyPointSet PrepareCloud(const Session& session,
   summary.afterVoxel = cloud.size();
   {
     Stage stage(stages, what + ": normals");
-    cloud.normals.assign(cloud.points.size(), 0.0f);
-    Check(
-        QorvComputeNormals(
-            inst, cloud.points.data(), cloud.normals.data(), cloud.size(), 10, p.normalRadius * s),
-        "QorvComputeNormals",
-        "estimating normals of the " + what);
+    // Normals turned away from the view's centroid: a scan sees a surface from outside, and
+    // consistently oriented normals make the descriptors of both views comparable.
+    double centre[3] = {0.0, 0.0, 0.0};
+    for (size_t i = 0; i < cloud.points.size(); ++i) centre[i % 3] += cloud.points[i];
+    const double n = static_cast<double>(cloud.size());
+    cloud.normals.resize(cloud.points.size());
+    for (size_t i = 0; i < cloud.points.size(); ++i) {
+      cloud.normals[i] = static_cast<float>(cloud.points[i] - centre[i % 3] / n);
+    }
+    Check(QorvReComputeNormals(
+              inst, cloud.points.data(), cloud.normals.data(), cloud.size(), p.normalRadius * s),
+          "QorvReComputeNormals",
+          "estimating normals of the " + what);
   }
   KeyPointSet keys;
   {

@@ -15,6 +15,7 @@ namespace qorv::tools {
 
 // Defaults of the composed registration chain, lengths in units of the resolution s. This is
 // the one place to tune them; the command-line options start from these values.
+// Defaults chosen by the registration quality study (docs/registration_quality.md).
 struct ChainParams {
   // Automatic s = this x the coarser cloud's mean spacing (QorvCheckDistance k=2): the detector
   // needs 9 neighbours within keyPointRadius s in both clouds.
@@ -24,16 +25,16 @@ struct ChainParams {
   float gaussianRadius = 1.0f;   // smoothing radius
   float voxelLeaf = 1.0f;        // voxel edge
   float normalRadius = 2.0f;     // normal estimation radius
-  float keyPointRadius = 2.0f;   // detector neighbourhood
-  float nonMaxRadius = 1.0f;     // non-maximum suppression (0: off)
-  float featureRadius = 5.0f;    // descriptor: neighbours whose histograms are summed
-  float histogramRadius = 2.5f;  // descriptor: each neighbour's own histogram
-  float ratio21 = 0.9f;          // detector bound on lambda2 / lambda1
-  float ratio32 = 0.9f;          // detector bound on lambda3 / lambda2
+  float keyPointRadius = 3.0f;   // detector neighbourhood
+  float nonMaxRadius = 0.5f;     // non-maximum suppression (0: off)
+  float featureRadius = 7.0f;    // descriptor: neighbours whose histograms are summed
+  float histogramRadius = 3.5f;  // descriptor: each neighbour's own histogram
+  float ratio21 = 0.8f;          // detector bound on lambda2 / lambda1
+  float ratio32 = 0.8f;          // detector bound on lambda3 / lambda2
   int32_t maxKeyPoints = 0;      // 0: no cap
   int32_t ransacIterations = 20000;
   float edgeRatio = 0.9f;          // RANSAC triangle edge similarity
-  float inlierDistance = 1.5f;     // RANSAC inlier bound
+  float inlierDistance = 2.0f;     // RANSAC inlier bound
   int32_t refineIterations = 64;   // iterative refinement after RANSAC
   float refineKernel = 4.0f;       // initial kernel scale = (refineKernel s)^2
   float refineMaxDistance = 1.0f;  // refinement keeps correspondences closer than this

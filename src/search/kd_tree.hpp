@@ -7,7 +7,6 @@
 #include <cfloat>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -187,10 +186,10 @@ struct KnnResultSet {
       if (dist > distSq[i - 1]) return;
       --i;
     }
-    const size_t last = i;
-    while (i > 0 && !(dist > distSq[i - 1])) --i;
-    std::memmove(distSq + i + 1, distSq + i, (last - i) * sizeof(float));
-    std::memmove(indices + i + 1, indices + i, (last - i) * sizeof(Index));
+    for (; i > 0 && !(dist > distSq[i - 1]); --i) {
+      distSq[i] = distSq[i - 1];
+      indices[i] = indices[i - 1];
+    }
     distSq[i] = dist;
     indices[i] = index;
     if (count != capacity) ++count;

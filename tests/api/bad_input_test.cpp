@@ -442,8 +442,26 @@ TEST_F(OrganizedBadInputTest, WindowsBeyondTheImageOrBelowOneAreSafe) {
   for (const int32_t window : {0, 1, -1, -9, INT32_MIN, INT32_MAX, 2 * cam_.width + 1}) {
     EXPECT_EQ(Detect(inst_.get(), window, 7, 3, 5, 0).count, 0) << window;
   }
-  // The other windows at any value: no crash, and a bound larger than the image means the image.
-  for (const int32_t window : {0, -1, INT32_MIN, INT32_MAX, 2 * cam_.width + 1}) {
+  // The other windows at any value: a suppression window below 2 suppresses nothing, a negative
+  // descriptor half-window or a histogram window below 2 leaves every descriptor zero, and a
+  // window larger than the image acts as the image.
+  const auto allZero = [](const std::vector<float>& v) {
+    return std::all_of(v.begin(), v.end(), [](float x) { return x == 0.0f; });
+  };
+  const KeyPoints unsuppressed = Detect(inst_.get(), 5, 1, 3, 5, 0);
+  EXPECT_GT(unsuppressed.count, reference.count);
+  for (const int32_t window : {0, -1, INT32_MIN}) {
+    EXPECT_TRUE(SameKeyPoints(Detect(inst_.get(), 5, window, 3, 5, 0), unsuppressed)) << window;
+    const int32_t negativeHalf = window == 0 ? -3 : window;
+    const KeyPoints noSum = Detect(inst_.get(), 5, 7, negativeHalf, 5, 0);
+    EXPECT_EQ(noSum.count, reference.count);
+    EXPECT_TRUE(allZero(noSum.descriptors)) << window;
+    const KeyPoints noPairs = Detect(inst_.get(), 5, 7, 3, window, 0);
+    EXPECT_EQ(noPairs.count, reference.count);
+    EXPECT_TRUE(allZero(noPairs.descriptors)) << window;
+  }
+  EXPECT_TRUE(allZero(Detect(inst_.get(), 5, 7, 3, 1, 0).descriptors));
+  for (const int32_t window : {INT32_MAX, 2 * cam_.width + 1}) {
     Detect(inst_.get(), 5, window, 3, 5, 0);
     Detect(inst_.get(), 5, 7, window, 5, 0);
     Detect(inst_.get(), 5, 7, 3, window, 0);
