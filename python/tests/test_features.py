@@ -42,15 +42,6 @@ def test_key_points_are_input_points_with_their_normals(bunny):
 
 
 @needs("QorvComputeNormals", "QorvDetectAndCompute")
-def test_key_points_threads_agree(bunny):
-    with qorv.Instance() as serial, qorv.Instance(multi_thread=True) as threaded:
-        _, a = bunny_key_points(bunny, serial, non_max_radius=0.05, max_key_points=40)
-        _, b = bunny_key_points(bunny, threaded, non_max_radius=0.05, max_key_points=40)
-    for x, y in zip(a, b):
-        np.testing.assert_array_equal(x, y)
-
-
-@needs("QorvComputeNormals", "QorvDetectAndCompute")
 def test_cap_keeps_the_best_of_the_ranking(bunny):
     _, ranked = bunny_key_points(bunny, max_key_points=100000)
     _, capped = bunny_key_points(bunny, max_key_points=5)
@@ -139,14 +130,6 @@ def test_key_pixels_come_in_pixel_order_from_the_maps():
     assert len(capped.positions) == min(3, len(found.positions))
     assert {tuple(p) for p in capped.positions.tolist()} <= {
         tuple(p) for p in found.positions.tolist()}
-
-
-@needs("QorvDepthToVmapNmap", "QorvDetectAndComputeVmapNmap")
-def test_window_larger_than_the_image_finds_nothing():
-    vmap, nmap, mask = bumpy_maps()
-    params = dict(WINDOWS, score_window=101)
-    found = qorv.detect_and_compute_vmap_nmap(vmap, nmap, mask, **params)
-    assert found.positions.shape == (0, 3)
 
 
 @pytest.mark.parametrize("bad", [np.zeros((4, 4)), np.zeros((4, 4, 2))])

@@ -85,13 +85,6 @@ def test_ransac_recovers_the_motion(rng, instance, with_normals):
     assert true_pairs == {tuple(p) for p in result.pairs.tolist()}
 
 
-@needs("QorvRansacMatchKeyPoints")
-def test_ransac_without_samples_gives_the_zero_model(rng):
-    (p1, _, d1), (p2, _, d2), _, _ = key_point_pair(rng)
-    result = qorv.ransac_match_key_points(p1, d1, p2, d2, iterations=0, inlier_distance=0.01)
-    assert not result.transform.any()
-
-
 @needs("QorvIterativeMatchKeyPoints")
 def test_iterative_refines_from_a_nearby_pose(rng, instance):
     (p1, _, d1), (p2, _, d2), truth, order = key_point_pair(rng)
@@ -125,16 +118,6 @@ def test_pair_pipeline_without_steps_keeps_the_pose(bunny):
                                          iterations=10, transform=start)
     np.testing.assert_allclose(result.transform, start.astype(np.float32), atol=0)
     assert result.pairs.shape[1] == 2
-
-
-@needs("QorvMatchPairPointCloud")
-def test_pair_pipeline_on_a_copy(bunny, instance):
-    result = qorv.match_pair_point_cloud(bunny, bunny, resolution=0.3, iterations=2000,
-                                         instance=instance)
-    assert result.transform.shape == (3, 4) and np.isfinite(result.transform).all()
-    if len(result.pairs) >= 3:
-        np.testing.assert_allclose(result.transform, np.eye(3, 4), atol=1e-3)
-        assert np.all(np.diff(result.pairs[:, 0].astype(np.int64)) > 0)
 
 
 @needs("QorvCheckDistance")

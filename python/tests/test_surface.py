@@ -23,22 +23,6 @@ def test_normals_of_a_tilted_plane(rng, instance):
     np.testing.assert_allclose(normals, np.tile(expected, (400, 1)), atol=1e-3)
 
 
-@needs("QorvComputeNormals")
-def test_normals_of_lonely_points_are_zero():
-    normals = qorv.compute_normals([[0, 0, 0], [0.1, 0, 0], [5, 5, 5]], 1.0)
-    np.testing.assert_array_equal(normals, np.zeros((3, 3)))
-
-
-@needs("QorvComputeNormals")
-def test_normals_threads_agree(bunny):
-    with qorv.Instance() as serial, qorv.Instance(multi_thread=True) as threaded:
-        a = qorv.compute_normals(bunny, 0.02 * 5, instance=serial)
-        b = qorv.compute_normals(bunny, 0.02 * 5, instance=threaded)
-    np.testing.assert_array_equal(a, b)
-    lengths = np.linalg.norm(a, axis=1)
-    assert np.all((np.abs(lengths - 1) < 1e-5) | (lengths == 0)) and np.all(a[:, 2] >= 0)
-
-
 @needs("QorvReComputeNormals")
 def test_recompute_turns_normals_to_the_callers(rng):
     xy = rng.uniform(0, 1, size=(200, 2))
@@ -79,11 +63,6 @@ def test_voxel_filter_matches_the_reference(rng, leaf):
     np.testing.assert_array_equal(kept, voxel_reference(points, leaf))
 
 
-@needs("QorvVoxelFilter")
-def test_voxel_filter_of_one_voxel_keeps_nothing():
-    assert qorv.voxel_filter([[0.1, 0.1, 0.1], [0.2, 0.2, 0.2]], 1.0).size == 0
-
-
 @needs("QorvSORFilter")
 def test_sor_filter_keeps_the_prefix_below_the_threshold(rng, instance):
     points = rng.normal(size=(300, 3)).astype(np.float32)
@@ -100,11 +79,6 @@ def test_sor_filter_keeps_the_prefix_below_the_threshold(rng, instance):
     assert abs(len(kept) - expected) <= 1  # float rounding at the threshold
     np.testing.assert_array_equal(kept, np.arange(len(kept)))
     assert len(kept) < len(points)
-
-
-@needs("QorvSORFilter")
-def test_sor_filter_of_one_point_is_empty():
-    assert qorv.sor_filter([[1, 2, 3]], mean_k=3).size == 0
 
 
 @needs("QorvEdgeFilter")
@@ -134,7 +108,3 @@ def test_gaussian_filter_matches_the_reference(rng, instance):
     np.testing.assert_allclose(smoothed, gaussian_reference(points, 0.3), atol=2e-5)
     np.testing.assert_array_equal(smoothed[0], points[0])
 
-
-@needs("QorvGaussianFilter")
-def test_gaussian_filter_with_zero_radius_gives_nan():
-    assert np.isnan(qorv.gaussian_filter([[1, 2, 3], [1, 2, 3.5]], 0.0)).all()

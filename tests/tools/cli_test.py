@@ -145,27 +145,23 @@ def test_info_reports_the_cloud(bunny):
     assert "[QORV INFO]" not in run("--quiet", "info", BUNNY).stdout
 
 
-@pytest.mark.parametrize("kind", ["ply-ascii", "ply-le", "ply-be", "ply-faces", "pcd-ascii",
-                                  "pcd-binary"])
+WRITERS = {
+    "ply-ascii": lambda path, p, n: write_ply(path, p, n, fmt="ascii"),
+    "ply-le": lambda path, p, n: write_ply(path, p, n),
+    "ply-be": lambda path, p, n: write_ply(path, p, n, fmt="binary_big_endian"),
+    "ply-faces": lambda path, p, n: write_ply(path, p, n, faces=True),
+    "pcd-ascii": lambda path, p, n: write_pcd(path, p, n, data="ascii", extra_nan=3),
+    "pcd-binary": lambda path, p, n: write_pcd(path, p, n, extra_nan=3),
+}
+
+
+@pytest.mark.parametrize("kind", WRITERS)
 @pytest.mark.parametrize("with_normals", [False, True], ids=["xyz", "normals"])
 def test_formats_read_like_asc(tmp_path, bunny, kind, with_normals):
     points = bunny[:300]
-    normals = None
-    if with_normals:
-        normals = np.tile(np.float32([0, 0.6, 0.8]), (300, 1))
+    normals = np.tile(np.float32([0, 0.6, 0.8]), (300, 1)) if with_normals else None
     path = tmp_path / ("cloud.pcd" if kind.startswith("pcd") else "cloud.ply")
-    if kind == "ply-ascii":
-        write_ply(path, points, normals, fmt="ascii")
-    elif kind == "ply-le":
-        write_ply(path, points, normals)
-    elif kind == "ply-be":
-        write_ply(path, points, normals, fmt="binary_big_endian")
-    elif kind == "ply-faces":
-        write_ply(path, points, normals, faces=True)
-    elif kind == "pcd-ascii":
-        write_pcd(path, points, normals, data="ascii", extra_nan=3)
-    else:
-        write_pcd(path, points, normals, extra_nan=3)
+    WRITERS[kind](path, points, normals)
     doc, _ = run_json("info", path)
     assert doc["points"] == 300 and doc["normals"] == with_normals
     assert doc["dropped_non_finite"] == (3 if kind.startswith("pcd") else 0)
@@ -326,32 +322,30 @@ def test_demo_recovers_the_known_motion(tmp_path):
 
 # ---- Error paths -------------------------------------------------------------------------------
 
+HEADER_ONLY = {
+    "bad.ply": ("ply\nformat foo 1.0\nelement vertex 1\nproperty float x\nend_header\n",
+                "unsupported PLY format"),
+    "noy.ply": ("ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\n"
+                "property float z\nend_header\n1 2\n", "lacks x, y or z"),
+    "c.pcd": ("VERSION 0.7\nFIELDS x y z\nSIZE 4 4 4\nTYPE F F F\nCOUNT 1 1 1\n"
+              "WIDTH 1\nHEIGHT 1\nPOINTS 1\nDATA binary_compressed\n", "compressed PCD"),
+    "open.ply": ("ply\nformat ascii 1.0\n", "no 'end_header'"),
+}
+
+
 def test_missing_and_unreadable_inputs(tmp_path):
     fail("info", tmp_path / "nope.asc", message="cannot open")
     fail("info", tmp_path, message="is a folder")
     garbage = tmp_path / "garbage.ply"
     garbage.write_bytes(bytes(range(256)) * 4)
     fail("info", garbage, message="is not a ply file")
-    bad_format = tmp_path / "bad.ply"
-    bad_format.write_text("ply\nformat foo 1.0\nelement vertex 1\nproperty float x\nend_header\n")
-    fail("info", bad_format, message="unsupported PLY format")
-    no_y = tmp_path / "noy.ply"
-    no_y.write_text("ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\n"
-                    "property float z\nend_header\n1 2\n")
-    fail("info", no_y, message="lacks x, y or z")
-    truncated = tmp_path / "short.ply"
-    write_ply(truncated, np.ones((10, 3), np.float32), count=11)
-    fail("info", truncated, message="ends early")
-    huge = tmp_path / "huge.ply"
-    write_ply(huge, np.ones((2, 3), np.float32), count=2**40)
-    fail("info", huge, message="more points than supported")
-    compressed = tmp_path / "c.pcd"
-    compressed.write_text("VERSION 0.7\nFIELDS x y z\nSIZE 4 4 4\nTYPE F F F\nCOUNT 1 1 1\n"
-                          "WIDTH 1\nHEIGHT 1\nPOINTS 1\nDATA binary_compressed\n")
-    fail("info", compressed, message="compressed PCD")
-    no_header_end = tmp_path / "open.ply"
-    no_header_end.write_text("ply\nformat ascii 1.0\n")
-    fail("info", no_header_end, message="no 'end_header'")
+    for name, (text, message) in HEADER_ONLY.items():
+        (tmp_path / name).write_text(text)
+        fail("info", tmp_path / name, message=message)
+    for count, message in ((11, "ends early"), (2**40, "more points than supported")):
+        path = tmp_path / f"short{count}.ply"
+        write_ply(path, np.ones((10, 3), np.float32), count=count)
+        fail("info", path, message=message)
 
 
 def test_empty_clouds(tmp_path):
@@ -391,13 +385,12 @@ def test_bad_options_exit_2(args, message):
 
 
 def test_bad_values_found_after_parsing(tmp_path):
-    fail("transform", BUNNY, tmp_path / "o.asc", "--matrix", "1 2 3", status=2,
-         message="12 numbers")
-    fail("transform", BUNNY, tmp_path / "o.asc", "--matrix", "1 0 0 0 0 1 0 0 0 0 1 x", status=2,
-         message="bad matrix value")
-    fail("transform", BUNNY, tmp_path / "o.asc", "--matrix", "@" + str(tmp_path / "none"),
-         message="cannot open matrix file")
+    out = tmp_path / "o.asc"
+    for matrix, status, message in (("1 2 3", 2, "12 numbers"),
+                                    ("1 0 0 0 0 1 0 0 0 0 1 x", 2, "bad matrix value"),
+                                    ("@" + str(tmp_path / "none"), 1, "cannot open matrix file")):
+        fail("transform", BUNNY, out, "--matrix", matrix, status=status, message=message)
     fail("register", BUNNY, BUNNY, "--snapshot", tmp_path / "x.jpg", status=2, message=".png")
-    fail("filter", "voxel", BUNNY, tmp_path / "no" / "dir" / "o.asc", "--leaf", 0.5,
-         message="cannot write")
-    fail("filter", "voxel", BUNNY, tmp_path / "o.ply", "--leaf", 0.5, message="ASC text")
+    for path, message in ((tmp_path / "no" / "dir" / "o.asc", "cannot write"),
+                          (tmp_path / "o.ply", "ASC text")):
+        fail("filter", "voxel", BUNNY, path, "--leaf", 0.5, message=message)
