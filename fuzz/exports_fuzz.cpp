@@ -172,7 +172,7 @@ int32_t SomeInt(FuzzedDataProvider& in, int32_t lo, int32_t hi) {
 }
 
 int32_t SomeCount(FuzzedDataProvider& in) {
-  return in.ConsumeIntegralInRange<int>(0, 7) == 0 ? in.ConsumeIntegralInRange<int32_t>(1, 300)
+  return in.ConsumeIntegralInRange<int>(0, 7) == 0 ? in.ConsumeIntegralInRange<int32_t>(1, 200)
                                                    : in.ConsumeIntegralInRange<int32_t>(1, 40);
 }
 
@@ -757,8 +757,8 @@ void FuzzDetectAndCompute(FuzzedDataProvider& in, Instances& inst) {
 
 // Vertex and normal maps: from a depth image through the library, or any floats.
 void FuzzDepth(FuzzedDataProvider& in, Instances& inst) {
-  const int32_t width = in.ConsumeIntegralInRange<int32_t>(1, 24);
-  const int32_t height = in.ConsumeIntegralInRange<int32_t>(1, 24);
+  const int32_t width = in.ConsumeIntegralInRange<int32_t>(1, 20);
+  const int32_t height = in.ConsumeIntegralInRange<int32_t>(1, 20);
   const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
   Array<double> camera(9);
   const bool plausible = in.ConsumeBool();

@@ -15,7 +15,10 @@
  *   callback belong to the library and are valid only until the callback returns.
  * - Exports never throw. Should memory run out inside a processing export, it returns
  *   QORV_ERROR_ALLOCATION; outputs may then be partly written.
- * - Points with a NaN coordinate are never indexed and never returned as neighbours.
+ * - Points with a NaN coordinate are never indexed and never returned as neighbours. Infinite
+ *   coordinates are indexed like finite ones; a cloud holding +inf and -inf along one axis can hide
+ *   the neighbours of finite points from every search (zero normals, NaN smoothed points, missing
+ *   key points): remove non-finite points first.
  * - Informational lines go to standard output, prefixed with "[QORV INFO] ".
  * - Rigid transforms passed out are 12 doubles, a 3 x 4 matrix [R | t] row after row (translation at
  *   elements 3, 7 and 11); R * p + t carries a point of the second cloud onto the first.
@@ -26,7 +29,9 @@
  *
  * Threads: an instance must not be reconfigured while another call uses it. Calls on distinct
  * instances may run concurrently from several host threads, tree-building exports included: the
- * search-tree node pools are kept per calling thread.
+ * search-tree node pools are kept per calling thread. A multi-threaded call that the OpenMP runtime
+ * gives fewer threads than omp_get_max_threads() (inside the host's own parallel region,
+ * OMP_THREAD_LIMIT, OMP_DYNAMIC) still processes every point and gives the same bits.
  */
 #ifndef QORV_QORV_H_
 #define QORV_QORV_H_
@@ -159,8 +164,8 @@ QORV_API QorvResult QorvTransformPoints(QorvInstance* inst,
 
 /* Least-squares rigid motion (no scale) carrying pointsB onto pointsA, pair i being (A_i, B_i),
  * by the unit-quaternion method. out receives the 3 x 4 matrix [R | t]. The multi-thread setting
- * has no effect. Degenerate sets (n = 1, all points equal, collinear) still give a proper rotation;
- * NaN coordinates propagate. */
+ * has no effect. Degenerate sets (n = 1, all points equal, collinear) still give a proper rotation.
+ * A NaN or infinite coordinate, or sums that overflow, make all 12 values NaN. */
 QORV_API QorvResult QorvAbsoluteOrientation(QorvInstance* inst,
                                             const float* pointsA,
                                             const float* pointsB,
@@ -269,8 +274,9 @@ QORV_API QorvResult QorvDetectAndCompute(QorvInstance* inst,
  * (height x width bytes: 255 where the depth is not 0 and, with a normal map, the normal is not
  * zero; else 0). cameraMatrix: 9 doubles row after row; fx = [0], cx = [2], fy = [4], cy = [5] are
  * read, as floats. A depth of 0 gives (0, 0, 0); negative and NaN depths are back-projected as they
- * are (and count as valid in a mask made without normals) but take part in no triangle. Runs on
- * the calling thread; the instance is only checked for null. */
+ * are (and count as valid in a mask made without normals) but take part in no triangle. Any camera
+ * matrix and depth values are accepted: the mask holds only 0 and 255 and every normal is unit
+ * length or zero. Runs on the calling thread; the instance is only checked for null. */
 QORV_API QorvResult QorvDepthToVmapNmap(QorvInstance* inst,
                                         const double* cameraMatrix,
                                         const float* depth,
@@ -298,8 +304,10 @@ QORV_API QorvResult QorvDepthToVmapNmap(QorvInstance* inst,
  *   edge; products below 1.4e-14, negative or NaN are left out. Each 11-bin block is then scaled
  *   to sum 100, or zeroed. Key pixels nearer the edge get 33 zeros: descriptor k always belongs to
  *   key point k.
- * Window sizes are not checked: scoreWindow < 2 or windows wider than the image give no key
- * point, histogramWindow < 2 or a negative descriptorHalfWindow zero descriptors. The callback (may
+ * Window sizes are not checked: a score window below 2, or one too large to fit around any pixel,
+ * finds nothing; a suppression window below 2 suppresses nothing; a negative descriptor half-window
+ * or a histogram window below 2 leaves every descriptor zero; histogram windows larger than the
+ * image act as the whole image; maxKeyPoints below 1 keeps all key pixels. The callback (may
  * be null) is called once, also with count 0; key points come in pixel order with the vertex as
  * position and the normal-map value as normal. Needs about 22 bytes a pixel of working memory;
  * QORV_ERROR_ALLOCATION (callback not called) when it cannot be had. */
