@@ -3,15 +3,14 @@
 // Key points and descriptors on dragon_res2 (100k points): detection alone, descriptors alone and
 // both, serial (1 thread) and parallel (2 threads), with the pair pipeline's parameters and with
 // ratios suited to smooth scanned surfaces.
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <omp.h>
 
+#include "bench_support.hpp"
 #include "features/detect_and_compute.hpp"
 #include "features/fpfh_descriptor.hpp"
 #include "geometry/asc_file.hpp"
@@ -22,6 +21,7 @@ namespace {
 using qorv::Execution;
 using qorv::KeyPointParams;
 using qorv::PointKdTree;
+namespace bench = qorv::bench;
 
 struct Scene {
   qorv::AscCloud cloud;
@@ -33,21 +33,13 @@ struct Scene {
 const Scene& Dragon() {
   static const Scene scene = [] {
     Scene s;
-    if (!qorv::ReadPointsFromAsc(QORV_BENCH_DATA_DIR "/dragon_res2.asc", s.cloud) ||
-        s.cloud.count < 10) {
-      std::fprintf(stderr, "cannot read %s\n", QORV_BENCH_DATA_DIR "/dragon_res2.asc");
+    if (!qorv::ReadPointsFromAsc(bench::kDragonRes2Path, s.cloud) || s.cloud.count < 10) {
+      std::fprintf(stderr, "cannot read %s\n", bench::kDragonRes2Path);
       std::exit(1);
     }
     const int32_t n = static_cast<int32_t>(s.cloud.count);
     const PointKdTree tree(s.cloud.points.data(), n);
-    double sum = 0.0;
-    int32_t idx[2];
-    float distSq[2];
-    for (int32_t i = 0; i < n; ++i) {
-      tree.knnSearch(tree.element(i), 2, idx, distSq);
-      sum += std::sqrt(static_cast<double>(distSq[1]));
-    }
-    s.spacing = static_cast<float>(sum / n);
+    s.spacing = bench::MeanSpacing(tree, n);
     s.normals.resize(static_cast<size_t>(n) * 3);
     qorv::EstimateNormals(tree, 2.0f * s.spacing, Execution{true}, s.normals.data());
     return s;
@@ -68,16 +60,10 @@ Setting SettingFor(int64_t which, float s) {
   return {{3.0f * s, 2.0f * s, 0.5f, 0.5f, 0}, s, s * 5.0f};
 }
 
-Execution Threads(benchmark::State& state) {
-  const int threads = static_cast<int>(state.range(1));
-  omp_set_num_threads(threads);
-  return Execution{threads > 1};
-}
-
 void BM_DetectAndCompute(benchmark::State& state) {
   const Scene& scene = Dragon();
   const Setting setting = SettingFor(state.range(0), scene.spacing);
-  const Execution exec = Threads(state);
+  const Execution exec = bench::UseThreads(state, 1);
   const PointKdTree tree(scene.cloud.points.data(), scene.cloud.count);
   int32_t keyPoints = 0;
   for (auto _ : state) {
@@ -96,7 +82,7 @@ void BM_DetectAndCompute(benchmark::State& state) {
 void BM_DetectKeyPoints(benchmark::State& state) {
   const Scene& scene = Dragon();
   const Setting setting = SettingFor(state.range(0), scene.spacing);
-  const Execution exec = Threads(state);
+  const Execution exec = bench::UseThreads(state, 1);
   const PointKdTree tree(scene.cloud.points.data(), scene.cloud.count);
   std::vector<int32_t> indices;
   std::vector<float> positions;
@@ -111,7 +97,7 @@ void BM_DetectKeyPoints(benchmark::State& state) {
 void BM_ComputeDescriptors(benchmark::State& state) {
   const Scene& scene = Dragon();
   const Setting setting = SettingFor(state.range(0), scene.spacing);
-  const Execution exec = Threads(state);
+  const Execution exec = bench::UseThreads(state, 1);
   const PointKdTree tree(scene.cloud.points.data(), scene.cloud.count);
   std::vector<int32_t> keyPoints;
   for (int32_t i = 0; i < static_cast<int32_t>(scene.cloud.count); i += 20) keyPoints.push_back(i);

@@ -10,15 +10,12 @@
 //   Prepare:  the preparation chain alone (outlier removal, smoothing, voxel, normals) per view.
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "features/detect_and_compute.hpp"
 #include "registration/correspondences.hpp"
 #include "registration/distance_check.hpp"
@@ -31,38 +28,12 @@
 #include "surface/outlier_filter.hpp"
 #include "surface/voxel_filter.hpp"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace {
 
 using qorv::Execution;
-
-// The matchers log to standard output; keep that out of the report while timing.
-class QuietStdout {
- public:
-  QuietStdout() {
-    std::fflush(stdout);
-    saved_ = dup(1);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    close(null);
-  }
-  ~QuietStdout() {
-    std::fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-  }
-  QuietStdout(const QuietStdout&) = delete;
-  QuietStdout& operator=(const QuietStdout&) = delete;
-
- private:
-  int saved_;
-};
-
-int32_t CountOf(const std::vector<float>& points) {
-  return static_cast<int32_t>(points.size() / 3);
-}
+using qorv::bench::CountOf;
+using qorv::bench::ExecutionFor;
+using qorv::bench::QuietStdout;
 
 std::vector<float> Gather(const std::vector<float>& points, const std::vector<int32_t>& kept) {
   std::vector<float> out;
@@ -82,14 +53,7 @@ struct ViewPair {
 const ViewPair& Views() {
   static const ViewPair pair = [] {
     ViewPair v;
-    std::ifstream in(std::string(QORV_BENCH_DATA_DIR) + "/dragon_res2.asc");
-    std::vector<float> scan;
-    std::string line;
-    while (std::getline(in, line)) {
-      std::istringstream fields(line);
-      float x, y, z;
-      if (fields >> x >> y >> z) scan.insert(scan.end(), {x, y, z});
-    }
+    const std::vector<float> scan = qorv::bench::LoadXyz(qorv::bench::kDragonRes2Path);
     if (scan.empty()) return v;
     const int32_t n = CountOf(scan);
     {
@@ -138,8 +102,6 @@ const ViewPair& Views() {
   return pair;
 }
 
-Execution ExecutionFor(const benchmark::State& state) { return Execution{state.range(0) > 1}; }
-
 void BM_Pipeline(benchmark::State& state) {
   const ViewPair& v = Views();
   if (v.first.empty()) {
@@ -157,7 +119,7 @@ void BM_Pipeline(benchmark::State& state) {
                                                        CountOf(v.second),
                                                        params,
                                                        true,
-                                                       ExecutionFor(state),
+                                                       ExecutionFor(state, 0),
                                                        1u,
                                                        transform,
                                                        matches));
@@ -214,7 +176,7 @@ void BM_Chain(benchmark::State& state) {
   }
   const ChainSettings c;
   const float s = c.resolutionPerSpacing * v.spacing;
-  const Execution exec = ExecutionFor(state);
+  const Execution exec = ExecutionFor(state, 0);
   QuietStdout quiet;
   int32_t inliers = 0;
   for (auto _ : state) {
@@ -249,7 +211,7 @@ void BM_Prepare(benchmark::State& state) {
   }
   for (auto _ : state) {
     const qorv::PreparedCloud prepared =
-        qorv::PrepareCloud(v.first.data(), CountOf(v.first), v.spacing, ExecutionFor(state));
+        qorv::PrepareCloud(v.first.data(), CountOf(v.first), v.spacing, ExecutionFor(state, 0));
     benchmark::DoNotOptimize(prepared.points.data());
   }
   state.counters["points"] = static_cast<double>(CountOf(v.first));

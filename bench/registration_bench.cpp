@@ -6,48 +6,24 @@
 // multi-threaded one on every OpenMP thread ("threads:2" on our two-core machines). The
 // "literal" cases run the exhaustive matcher the plain way (one distance at a time, the cross
 // check rescanning all queries) as the baseline of the vector code.
-#include <cmath>
-#include <cstdio>
-#include <fstream>
 #include <random>
-#include <sstream>
-#include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "registration/correspondences.hpp"
 #include "registration/descriptor_matching.hpp"
 #include "registration/distance_check.hpp"
 #include "registration/iterative_matching.hpp"
 #include "registration/ransac_matching.hpp"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace {
 
 using qorv::Execution;
-
-// The matchers log to standard output; keep that out of the report while timing.
-class QuietStdout {
- public:
-  QuietStdout() {
-    std::fflush(stdout);
-    saved_ = dup(1);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    close(null);
-  }
-  ~QuietStdout() {
-    std::fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-  }
-
- private:
-  int saved_;
-};
+using qorv::bench::CountOf;
+using qorv::bench::ExecutionFor;
+using qorv::bench::QuietStdout;
 
 std::vector<float> Descriptors(int32_t count, uint32_t seed) {
   std::mt19937 rng(seed);
@@ -85,10 +61,6 @@ std::vector<float> Moved(const std::vector<float>& points, bool rotateOnly = fal
     }
   }
   return out;
-}
-
-Execution ExecutionFor(const benchmark::State& state, int arg) {
-  return Execution{state.range(arg) > 1};
 }
 
 // ---- Descriptor matching
@@ -277,17 +249,7 @@ BENCHMARK(BM_IterativeMatch)
 // ------------------------------------------------------------------------------
 
 const std::vector<float>& Dragon() {
-  static const std::vector<float> points = [] {
-    std::ifstream in(std::string(QORV_BENCH_DATA_DIR) + "/dragon_res2.asc");
-    std::vector<float> p;
-    std::string line;
-    while (std::getline(in, line)) {
-      std::istringstream fields(line);
-      float x, y, z;
-      if (fields >> x >> y >> z) p.insert(p.end(), {x, y, z});
-    }
-    return p;
-  }();
+  static const std::vector<float> points = qorv::bench::LoadXyz(qorv::bench::kDragonRes2Path);
   return points;
 }
 
@@ -300,8 +262,8 @@ void BM_CheckDistance(benchmark::State& state) {
   const int32_t k = static_cast<int32_t>(state.range(0));
   QuietStdout quiet;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(qorv::CheckDistance(
-        points.data(), static_cast<int32_t>(points.size() / 3), k, ExecutionFor(state, 1)));
+    benchmark::DoNotOptimize(
+        qorv::CheckDistance(points.data(), CountOf(points), k, ExecutionFor(state, 1)));
   }
   state.counters["points"] = static_cast<double>(points.size() / 3);
 }

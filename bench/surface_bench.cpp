@@ -5,14 +5,13 @@
 // Lengths scale with the cloud's mean nearest-neighbour spacing s, measured at start-up: radii
 // and leaf 2s, but 4s for the edge filter, below which few neighbours make nearly every point an
 // edge.
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <omp.h>
 
+#include "bench_support.hpp"
 #include "runtime/parallel_for.hpp"
 #include "search/kd_tree.hpp"
 #include "surface/edge_filter.hpp"
@@ -25,20 +24,7 @@ namespace {
 
 using qorv::Execution;
 using qorv::PointKdTree;
-
-// The first three numbers of every line.
-std::vector<float> LoadAsc(const char* path) {
-  std::vector<float> points;
-  FILE* file = std::fopen(path, "r");
-  if (file == nullptr) return points;
-  char line[512];
-  while (std::fgets(line, sizeof line, file) != nullptr) {
-    float x, y, z;
-    if (std::sscanf(line, "%f %f %f", &x, &y, &z) == 3) points.insert(points.end(), {x, y, z});
-  }
-  std::fclose(file);
-  return points;
-}
+namespace bench = qorv::bench;
 
 struct Dragon {
   std::vector<float> points;
@@ -49,31 +35,17 @@ struct Dragon {
 const Dragon& Data() {
   static const Dragon dragon = [] {
     Dragon d;
-    d.points = LoadAsc(QORV_BENCH_DATA_DIR "/dragon_res2.asc");
-    d.count = static_cast<int32_t>(d.points.size() / 3);
+    d.points = bench::LoadXyz(bench::kDragonRes2Path);
+    d.count = bench::CountOf(d.points);
     if (d.count < 2) {
-      std::fprintf(stderr, "cannot read %s\n", QORV_BENCH_DATA_DIR "/dragon_res2.asc");
+      std::fprintf(stderr, "cannot read %s\n", bench::kDragonRes2Path);
       std::exit(1);
     }
-    const PointKdTree tree(d.points.data(), d.count);
-    double sum = 0.0;
-    int32_t indices[2];
-    float distSq[2];
-    for (int32_t i = 0; i < d.count; ++i) {
-      tree.knnSearch(&d.points[3 * static_cast<size_t>(i)], 2, indices, distSq);
-      sum += std::sqrt(static_cast<double>(distSq[1]));
-    }
-    d.spacing = static_cast<float>(sum / d.count);
+    d.spacing = bench::MeanSpacing(PointKdTree(d.points.data(), d.count), d.count);
     std::fprintf(stderr, "dragon_res2: %d points, mean spacing %.6g\n", d.count, d.spacing);
     return d;
   }();
   return dragon;
-}
-
-Execution Threads(benchmark::State& state) {
-  const auto threads = static_cast<int>(state.range(0));
-  omp_set_num_threads(threads);
-  return Execution{threads > 1};
 }
 
 void TreeBuild(benchmark::State& state) {
@@ -86,7 +58,7 @@ void TreeBuild(benchmark::State& state) {
 
 void KnnSearch10(benchmark::State& state) {
   const Dragon& d = Data();
-  const Execution exec = Threads(state);
+  const Execution exec = bench::UseThreads(state, 0);
   const PointKdTree tree(d.points.data(), d.count);
   struct alignas(64) Slot {
     int32_t indices[10];
@@ -106,7 +78,7 @@ void KnnSearch10(benchmark::State& state) {
 
 void RadiusSearch(benchmark::State& state) {
   const Dragon& d = Data();
-  const Execution exec = Threads(state);
+  const Execution exec = bench::UseThreads(state, 0);
   const PointKdTree tree(d.points.data(), d.count);
   const float radius = 2.0f * d.spacing;
   struct alignas(64) Slot {
@@ -128,7 +100,7 @@ void RadiusSearch(benchmark::State& state) {
 
 void Normals(benchmark::State& state) {
   const Dragon& d = Data();
-  const Execution exec = Threads(state);
+  const Execution exec = bench::UseThreads(state, 0);
   std::vector<float> normals(d.points.size());
   for (auto _ : state) {
     qorv::ComputeNormals(d.points.data(), d.count, 2.0f * d.spacing, exec, normals.data());
@@ -137,7 +109,7 @@ void Normals(benchmark::State& state) {
 
 void Gaussian(benchmark::State& state) {
   const Dragon& d = Data();
-  const Execution exec = Threads(state);
+  const Execution exec = bench::UseThreads(state, 0);
   std::vector<float> smoothed(d.points.size());
   for (auto _ : state) {
     qorv::GaussianFilter(d.points.data(), d.count, 2.0f * d.spacing, exec, smoothed.data());
@@ -153,7 +125,7 @@ void Voxel(benchmark::State& state) {
 
 void Outliers(benchmark::State& state) {
   const Dragon& d = Data();
-  const Execution exec = Threads(state);
+  const Execution exec = bench::UseThreads(state, 0);
   size_t kept = 0;
   for (auto _ : state) kept = qorv::OutlierFilter(d.points.data(), d.count, 50, 3.4f, exec).size();
   state.counters["kept"] = static_cast<double>(kept);
@@ -161,7 +133,7 @@ void Outliers(benchmark::State& state) {
 
 void Edges(benchmark::State& state) {
   const Dragon& d = Data();
-  const Execution exec = Threads(state);
+  const Execution exec = bench::UseThreads(state, 0);
   size_t edges = 0;
   for (auto _ : state)
     edges = qorv::EdgeFilter(d.points.data(), d.count, 4.0f * d.spacing, exec).size();
