@@ -125,6 +125,12 @@ class KdTree {
                   const float* perDimDist,
                   float minDistSq,
                   ResultSet& result) const;
+  struct Split {
+    const Node* nearChild;
+    const Node* farChild;
+    float cutDist;
+  };
+  Split splitFor(const Node* node, const float* query) const;
   template <typename ResultSet>
   void searchLeaf(const Node* node, const float* query, ResultSet& result) const;
   template <typename ResultSet>
@@ -456,29 +462,14 @@ void KdTree<Dim, Index>::searchLoop(const float* query,
   const Node* node = root_;
   for (;;) {
     while (node->child1 != nullptr || node->child2 != nullptr) {
+      const Split split = splitFor(node, query);
       const Index divfeat = node->inner.divfeat;
-      const float val = query[divfeat];
-      const float cut = (node->inner.divlow + node->inner.divhigh) * 0.5f;
-      const Node* nearChild;
-      const Node* farChild;
-      float cutDist;
-      if (cut > val) {
-        nearChild = node->child1;
-        farChild = node->child2;
-        const float diff = val - node->inner.divhigh;
-        cutDist = diff * diff;
-      } else {
-        nearChild = node->child2;
-        farChild = node->child1;
-        const float diff = val - node->inner.divlow;
-        cutDist = diff * diff;
-      }
       Pending& far = stack[top++];
-      far.node = farChild;
-      far.minDistSq = minDistSq + cutDist - perDimDist[divfeat];
+      far.node = split.farChild;
+      far.minDistSq = minDistSq + split.cutDist - perDimDist[divfeat];
       std::copy(perDimDist, perDimDist + Dim, far.perDimDist);
-      far.perDimDist[divfeat] = cutDist;
-      node = nearChild;
+      far.perDimDist[divfeat] = split.cutDist;
+      node = split.nearChild;
     }
     searchLeaf(node, query, result);
     for (;;) {
@@ -492,6 +483,21 @@ void KdTree<Dim, Index>::searchLoop(const float* query,
       }
     }
   }
+}
+
+// The side of an inner node's cut the query lies on is searched first (ties go to the right),
+// and the far side lies cutDist away along the split dimension.
+template <int Dim, typename Index>
+typename KdTree<Dim, Index>::Split KdTree<Dim, Index>::splitFor(const Node* node,
+                                                                const float* query) const {
+  const float val = query[node->inner.divfeat];
+  const float cut = (node->inner.divlow + node->inner.divhigh) * 0.5f;
+  if (cut > val) {
+    const float diff = val - node->inner.divhigh;
+    return Split{node->child1, node->child2, diff * diff};
+  }
+  const float diff = val - node->inner.divlow;
+  return Split{node->child2, node->child1, diff * diff};
 }
 
 template <int Dim, typename Index>
@@ -520,28 +526,15 @@ void KdTree<Dim, Index>::searchLevel(const Node* node,
     searchLeaf(node, query, result);
     return;
   }
+  const Split split = splitFor(node, query);
   const Index divfeat = node->inner.divfeat;
-  const float val = query[divfeat];
-  const float cut = (node->inner.divlow + node->inner.divhigh) * 0.5f;
-  const Node* nearChild;
-  const Node* farChild;
-  float cutDist;
-  if (cut > val) {
-    nearChild = node->child1;
-    farChild = node->child2;
-    const float diff = val - node->inner.divhigh;
-    cutDist = diff * diff;
-  } else {
-    nearChild = node->child2;
-    farChild = node->child1;
-    const float diff = val - node->inner.divlow;
-    cutDist = diff * diff;
-  }
-  searchLevel(nearChild, query, perDimDist, minDistSq, result);
+  searchLevel(split.nearChild, query, perDimDist, minDistSq, result);
   const float saved = perDimDist[divfeat];
-  const float newMin = minDistSq + cutDist - saved;
-  perDimDist[divfeat] = cutDist;
-  if (result.worstDist() >= newMin) searchLevel(farChild, query, perDimDist, newMin, result);
+  const float newMin = minDistSq + split.cutDist - saved;
+  perDimDist[divfeat] = split.cutDist;
+  if (result.worstDist() >= newMin) {
+    searchLevel(split.farChild, query, perDimDist, newMin, result);
+  }
   perDimDist[divfeat] = saved;
 }
 
