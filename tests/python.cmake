@@ -27,6 +27,7 @@ endif()
 # pytest cache written into the source tree.
 set(QORV_PYTHON_TEST_ENV
   "QORV_LIBRARY=$<TARGET_FILE:qorv>"
+  "QORV_ENGINE_LIBRARY=$<TARGET_FILE:qorv_engine_lib>"
   "QORV_DATA_DIR=${PROJECT_SOURCE_DIR}/data"
   "PYTHONDONTWRITEBYTECODE=1")
 if(QORV_SANITIZE MATCHES "thread")

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <Eigen/Core>
+
+namespace qorv::engine {
+
+// A caller's cloud, not copied: packed float triples, optional normals, optional organized layout
+// (width x height == count, NaN holes allowed) and sensor origin.
+struct CloudView {
+  const float* points = nullptr;
+  const float* normals = nullptr;
+  int64_t count = 0;
+  int32_t width = 0;
+  int32_t height = 0;
+  bool hasViewpoint = false;
+  Eigen::Vector3d viewpoint = Eigen::Vector3d::Zero();
+};
+
+enum class Mode { kGlobal, kLocal };
+
+// Every length the engine uses derives from the working voxel; the budgets choose it.
+struct Options {
+  Mode mode = Mode::kGlobal;
+  double voxel = 0.0;          // 0: chosen so that a cloud keeps about pointBudget voxels
+  int32_t pointBudget = 5000;  // matching: voxels a cloud keeps
+  int32_t refineBudget = 40000;  // dense refinement: points a cloud keeps
+  uint64_t seed = 1;
+  int32_t threads = 0;  // 0: OpenMP's default
+  bool hasInitial = false;
+  Eigen::Matrix4d initial = Eigen::Matrix4d::Identity();
+  int32_t maxTries = 3;
+  int32_t maxRansacIterations = 100000;
+  double ransacConfidence = 0.999;
+};
+
+struct StageTime {
+  std::string name;
+  double milliseconds = 0.0;
+};
+
+// The verdict's measures, taken on the refinement clouds after the final transform.
+struct Measures {
+  double fitness = 0.0;         // source samples with a target sample within inlierDistance
+  double targetOverlap = 0.0;   // target samples with a moved source sample within it
+  double inlierRmse = 0.0;
+  double inlierDistance = 0.0;
+  int32_t consistentPairs = 0;  // feature matches the transform carries within inlierDistance
+};
+
+struct Outcome {
+  Eigen::Matrix4d transform = Eigen::Matrix4d::Identity();
+  bool registered = false;
+  std::string reason;  // why not registered
+  Measures measures;
+  int32_t matches = 0;
+  double voxel = 0.0;
+  int32_t targetPoints = 0, sourcePoints = 0;    // finite input points
+  int32_t targetSamples = 0, sourceSamples = 0;  // after the working voxel
+  int32_t tries = 0;
+  std::vector<StageTime> stages;
+};
+
+// Registers source onto target. Returns 0 (QORV_ENGINE_OK) or an engine error code with a
+// message in error; a negative verdict is not an error.
+int32_t Register(const CloudView& target,
+                 const CloudView& source,
+                 const Options& options,
+                 Outcome& outcome,
+                 std::string& error);
+
+}  // namespace qorv::engine

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#include "engine_api/conversions.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include <Eigen/LU>
+
+namespace qorv::engine {
+
+std::string FromC(const QorvEngineOptions& in, Options& out) {
+  if (in.mode != QORV_ENGINE_MODE_GLOBAL && in.mode != QORV_ENGINE_MODE_LOCAL) {
+    return "mode must be QORV_ENGINE_MODE_GLOBAL or QORV_ENGINE_MODE_LOCAL";
+  }
+  if (!std::isfinite(in.voxel) || in.voxel < 0.0) return "voxel must be 0 (automatic) or a positive length";
+  if (in.point_budget < 100) return "point_budget must be at least 100";
+  if (in.refine_budget < 100) return "refine_budget must be at least 100";
+  if (in.threads < 0) return "threads must be 0 (default) or positive";
+  if (in.max_tries < 1 || in.max_tries > 8) return "max_tries must lie between 1 and 8";
+  if (in.max_ransac_iterations < 1) return "max_ransac_iterations must be at least 1";
+  if (!(in.ransac_confidence > 0.0 && in.ransac_confidence < 1.0)) {
+    return "ransac_confidence must lie strictly between 0 and 1";
+  }
+  if (in.mode == QORV_ENGINE_MODE_LOCAL && !in.has_initial) {
+    return "the local mode needs an initial transform (has_initial = 1)";
+  }
+  Eigen::Matrix4d initial;
+  for (int r = 0; r < 4; ++r) {
+    for (int c = 0; c < 4; ++c) initial(r, c) = in.initial[4 * r + c];
+  }
+  if (in.has_initial) {
+    if (!initial.allFinite()) return "the initial transform holds a non-finite number";
+    const Eigen::Matrix3d rotation = initial.topLeftCorner<3, 3>();
+    const double orthogonality = (rotation.transpose() * rotation - Eigen::Matrix3d::Identity()).norm();
+    if (orthogonality > 1e-3 || rotation.determinant() < 0.0 ||
+        (initial.row(3) - Eigen::RowVector4d(0, 0, 0, 1)).norm() > 1e-9) {
+      return "the initial transform is not a rigid motion (rotation and translation, last row 0 0 0 1)";
+    }
+  }
+  out.mode = in.mode == QORV_ENGINE_MODE_LOCAL ? Mode::kLocal : Mode::kGlobal;
+  out.voxel = in.voxel;
+  out.pointBudget = in.point_budget;
+  out.refineBudget = in.refine_budget;
+  out.seed = in.seed;
+  out.threads = in.threads;
+  out.hasInitial = in.has_initial != 0;
+  out.initial = initial;
+  out.maxTries = in.max_tries;
+  out.maxRansacIterations = in.max_ransac_iterations;
+  out.ransacConfidence = in.ransac_confidence;
+  return {};
+}
+
+CloudView ViewOf(const QorvEngineCloud& cloud) {
+  CloudView view;
+  view.points = cloud.points;
+  view.normals = cloud.normals;
+  view.count = cloud.count;
+  if (cloud.height > 1) {
+    view.width = cloud.width;
+    view.height = cloud.height;
+  }
+  view.hasViewpoint = cloud.has_viewpoint != 0 && std::isfinite(cloud.viewpoint[0]) &&
+                      std::isfinite(cloud.viewpoint[1]) && std::isfinite(cloud.viewpoint[2]);
+  view.viewpoint = Eigen::Vector3d(cloud.viewpoint[0], cloud.viewpoint[1], cloud.viewpoint[2]);
+  return view;
+}
+
+void ToC(const Outcome& in, QorvEngineResult& out) {
+  std::memset(&out, 0, sizeof(out));
+  out.struct_size = sizeof(out);
+  out.registered = in.registered ? 1 : 0;
+  for (int r = 0; r < 4; ++r) {
+    for (int c = 0; c < 4; ++c) out.transform[4 * r + c] = in.transform(r, c);
+  }
+  out.fitness = in.measures.fitness;
+  out.target_overlap = in.measures.targetOverlap;
+  out.inlier_rmse = in.measures.inlierRmse;
+  out.inlier_distance = in.measures.inlierDistance;
+  out.consistent_pairs = in.measures.consistentPairs;
+  out.matches = in.matches;
+  out.voxel = in.voxel;
+  out.target_points = in.targetPoints;
+  out.source_points = in.sourcePoints;
+  out.target_samples = in.targetSamples;
+  out.source_samples = in.sourceSamples;
+  out.tries = in.tries;
+  std::strncpy(out.reason, in.reason.c_str(), sizeof(out.reason) - 1);
+  const size_t stages = std::min<size_t>(in.stages.size(), QORV_ENGINE_MAX_STAGES);
+  out.stage_count = static_cast<int32_t>(stages);
+  for (size_t i = 0; i < stages; ++i) {
+    std::strncpy(out.stages[i].name, in.stages[i].name.c_str(), sizeof(out.stages[i].name) - 1);
+    out.stages[i].milliseconds = in.stages[i].milliseconds;
+  }
+}
+
+}  // namespace qorv::engine

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#pragma once
+
+#include <string>
+
+#include <qorv/engine.h>
+
+#include "engine/engine.hpp"
+
+namespace qorv::engine {
+
+// The C options as engine options; returns a message naming the first bad field, or "".
+std::string FromC(const QorvEngineOptions& in, Options& out);
+
+// The caller's cloud as a view (no copy).
+CloudView ViewOf(const QorvEngineCloud& cloud);
+
+// The outcome into the C result (names cut to fit, stages past the array's size left out).
+void ToC(const Outcome& in, QorvEngineResult& out);
+
+}  // namespace qorv::engine

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+// The engine's C interface: argument checks, then the C++ engine.
+#include <qorv/engine.h>
+
+#include <cstring>
+#include <exception>
+#include <new>
+#include <string>
+
+#include "engine/engine.hpp"
+#include "engine_api/conversions.hpp"
+#include "engine_api/last_error.hpp"
+
+#ifndef QORV_ENGINE_VERSION
+#define QORV_ENGINE_VERSION "unknown"
+#endif
+
+using qorv::engine::SetLastError;
+
+namespace {
+
+int32_t Fail(int32_t code, const std::string& message) {
+  SetLastError(message);
+  return code;
+}
+
+// Checks one cloud; returns an empty string when it is usable.
+std::string CheckCloud(const QorvEngineCloud* cloud, const char* what) {
+  const std::string name(what);
+  if (cloud == nullptr) return "the " + name + " cloud is null";
+  if (cloud->count < 0) return "the " + name + " cloud has a negative point count";
+  if (cloud->count > 0 && cloud->points == nullptr) return "the " + name + " cloud's points are null";
+  if (cloud->count > (int64_t{1} << 31) - 1) return "the " + name + " cloud has over 2^31 - 1 points";
+  if (cloud->width < 0 || cloud->height < 0) return "the " + name + " cloud has a negative width or height";
+  if (cloud->height > 1 &&
+      static_cast<int64_t>(cloud->width) * cloud->height != cloud->count) {
+    return "the " + name + " cloud's width x height differs from its point count";
+  }
+  return {};
+}
+
+}  // namespace
+
+extern "C" {
+
+QORV_ENGINE_API void QorvEngineDefaultOptions(QorvEngineOptions* options) {
+  if (options == nullptr) return;
+  const qorv::engine::Options defaults;
+  std::memset(options, 0, sizeof(*options));
+  options->struct_size = sizeof(*options);
+  options->mode = QORV_ENGINE_MODE_GLOBAL;
+  options->voxel = defaults.voxel;
+  options->point_budget = defaults.pointBudget;
+  options->refine_budget = defaults.refineBudget;
+  options->seed = defaults.seed;
+  options->threads = defaults.threads;
+  options->has_initial = 0;
+  for (int i = 0; i < 16; ++i) options->initial[i] = (i % 5 == 0) ? 1.0 : 0.0;
+  options->max_tries = defaults.maxTries;
+  options->max_ransac_iterations = defaults.maxRansacIterations;
+  options->ransac_confidence = defaults.ransacConfidence;
+}
+
+QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
+                                           const QorvEngineCloud* source,
+                                           const QorvEngineOptions* options,
+                                           QorvEngineResult* result) {
+  try {
+    if (std::string m = CheckCloud(target, "target"); !m.empty()) {
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
+    }
+    if (std::string m = CheckCloud(source, "source"); !m.empty()) {
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
+    }
+    if (result == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the result is null");
+    if (result->struct_size != 0 && result->struct_size < sizeof(QorvEngineResult)) {
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                  "the result's struct_size is smaller than this library's QorvEngineResult");
+    }
+    qorv::engine::Options opts;
+    if (options != nullptr) {
+      if (options->struct_size < sizeof(QorvEngineOptions)) {
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                    "the options' struct_size is not set: fill them with QorvEngineDefaultOptions");
+      }
+      std::string bad = qorv::engine::FromC(*options, opts);
+      if (!bad.empty()) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, bad);
+    }
+    qorv::engine::CloudView t = qorv::engine::ViewOf(*target);
+    qorv::engine::CloudView s = qorv::engine::ViewOf(*source);
+    qorv::engine::Outcome outcome;
+    std::string error;
+    const int32_t code = qorv::engine::Register(t, s, opts, outcome, error);
+    if (code != QORV_ENGINE_OK) return Fail(code, error);
+    qorv::engine::ToC(outcome, *result);
+    SetLastError("");
+    return QORV_ENGINE_OK;
+  } catch (const std::bad_alloc&) {
+    return Fail(QORV_ENGINE_ERROR_ALLOCATION, "out of memory");
+  } catch (const std::exception& e) {
+    return Fail(QORV_ENGINE_ERROR_INTERNAL, std::string("internal error: ") + e.what());
+  } catch (...) {
+    return Fail(QORV_ENGINE_ERROR_INTERNAL, "internal error");
+  }
+}
+
+QORV_ENGINE_API const char* QorvEngineLastError(void) { return qorv::engine::LastError(); }
+
+QORV_ENGINE_API const char* QorvEngineVersion(void) { return QORV_ENGINE_VERSION; }
+
+QORV_ENGINE_API int32_t QorvEngineApiVersion(void) { return QORV_ENGINE_API_VERSION; }
+
+}  // extern "C"
