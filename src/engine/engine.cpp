@@ -2,12 +2,295 @@
 // Copyright (c) 2026 The Qorv developers
 #include "engine/engine.hpp"
 
-namespace qorv::engine {
+#include <qorv/engine.h>
 
-int32_t Register(const CloudView&, const CloudView&, const Options&, Outcome& outcome, std::string&) {
-  outcome = Outcome();
-  outcome.reason = "not implemented yet";
-  return 0;
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <memory>
+
+#include "engine/compatibility.hpp"
+#include "engine/features.hpp"
+#include "engine/icp.hpp"
+#include "engine/matching.hpp"
+#include "engine/normals.hpp"
+#include "engine/parallel.hpp"
+#include "engine/ransac.hpp"
+#include "engine/sanitize.hpp"
+#include "engine/scale.hpp"
+#include "engine/verdict.hpp"
+#include "engine/voxel_grid.hpp"
+
+namespace qorv::engine {
+namespace {
+
+// Lengths of one try, all in units of its voxel v (refinement lengths in the fine voxel).
+constexpr float kNormalRadius = 2.5f;
+constexpr int32_t kNormalNeighbours = 30;
+constexpr int32_t kFineNormalNeighbours = 12;
+constexpr float kFeatureRadius = 5.0f;
+constexpr float kHistogramRadius = 2.5f;
+constexpr float kInlierDistance = 1.5f;      // RANSAC and consistent pairs
+constexpr float kCompatibility = 1.5f;       // pair lengths agree within this
+constexpr float kMinPairLength = 3.0f;       // shorter pairs say little about rotation
+constexpr int32_t kMaxMatches = 3000;
+constexpr int32_t kMinMutual = 30;
+constexpr float kCoarseIcpDistance = 2.0f;
+constexpr float kFineIcpDistance = 3.0f;
+constexpr float kVerdictDistance = 2.0f;     // in fine voxels
+constexpr double kSpacingFloor = 1.5;        // the matching voxel is never below 1.5 x the spacing
+constexpr int32_t kMinPoints = 5;
+// Scale of each try in turn while the verdict is negative: coarser (noise), then finer (small clouds).
+constexpr double kTryScales[] = {1.0, 1.6, 1.0 / 1.6, 2.5, 1.0 / 2.5, 4.0, 1.0 / 4.0, 6.0};
+
+class StageClock {
+ public:
+  explicit StageClock(std::vector<StageTime>& stages) : stages_(stages) {}
+  void lap(const char* name) {
+    const auto now = std::chrono::steady_clock::now();
+    const double ms = std::chrono::duration<double, std::milli>(now - last_).count();
+    last_ = now;
+    for (StageTime& s : stages_) {
+      if (s.name == name) {
+        s.milliseconds += ms;
+        return;
+      }
+    }
+    stages_.push_back({name, ms});
+  }
+
+ private:
+  std::vector<StageTime>& stages_;
+  std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+};
+
+// A cloud at one scale with its search tree (built on the calling thread, as the trees require).
+struct Level {
+  Cloud cloud;
+  std::vector<float> weights;
+  std::unique_ptr<PointKdTree> tree;
+
+  void index() { tree = std::make_unique<PointKdTree>(cloud.points.data(), cloud.size()); }
+};
+
+Level Thin(const Level& from, double voxel) {
+  Level out;
+  out.cloud = VoxelAverage(from.cloud, from.weights, voxel, out.weights);
+  return out;
+}
+
+struct Candidate {
+  Pose pose = Pose::Identity();
+  Overlap overlap;
+  double score = -1.0;
+};
+
+struct TryResult {
+  Candidate best;
+  double rivalShare = 0.0;
+  int32_t consistentPairs = 0;
+  int32_t matches = 0;
+  int32_t targetSamples = 0, sourceSamples = 0;
+};
+
+// One try at matching voxel v: features, matches, RANSAC, coarse ICP of each hypothesis.
+TryResult TryScale(const Level& fineTarget,
+                   const Level& fineSource,
+                   double v,
+                   const Options& options,
+                   StageClock& clock) {
+  TryResult out;
+  Level target = Thin(fineTarget, v), source = Thin(fineSource, v);
+  target.index();
+  source.index();
+  out.targetSamples = target.cloud.size();
+  out.sourceSamples = source.cloud.size();
+  const float vf = static_cast<float>(v);
+  EstimateNormals(*target.tree, kNormalRadius * vf, kNormalNeighbours, target.cloud);
+  EstimateNormals(*source.tree, kNormalRadius * vf, kNormalNeighbours, source.cloud);
+  clock.lap("normals");
+
+  std::vector<Pose> starts;
+  if (options.mode == Mode::kGlobal) {
+    const Features ft = DescribePoints(*target.tree, target.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
+    const Features fs = DescribePoints(*source.tree, source.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
+    clock.lap("features");
+    std::vector<Match> matches = MatchFeatures(fs, ft, kMinMutual);
+    if (static_cast<int32_t>(matches.size()) > kMaxMatches) {
+      // Keep the closest descriptors, then restore the source order.
+      std::stable_sort(matches.begin(), matches.end(),
+                       [](const Match& a, const Match& b) { return a.distance < b.distance; });
+      matches.resize(kMaxMatches);
+      std::stable_sort(matches.begin(), matches.end(), [](const Match& a, const Match& b) {
+        return a.source < b.source || (a.source == b.source && a.target < b.target);
+      });
+    }
+    out.matches = static_cast<int32_t>(matches.size());
+    clock.lap("matching");
+    const CompatibilityGraph graph =
+        BuildCompatibility(source.cloud, target.cloud, matches, kCompatibility * vf, kMinPairLength * vf);
+    RansacParams rp;
+    rp.inlierDistance = kInlierDistance * vf;
+    rp.maxIterations = options.maxRansacIterations;
+    rp.confidence = options.ransacConfidence;
+    rp.seed = options.seed;
+    rp.distinctShift = 5.0 * v;
+    int32_t iterations = 0;
+    const std::vector<Hypothesis> hypotheses =
+        EstimateByRansac(source.cloud, target.cloud, matches, graph, rp, iterations);
+    for (const Hypothesis& h : hypotheses) starts.push_back(h.pose);
+    clock.lap("ransac");
+    if (options.hasInitial) starts.push_back(options.initial);
+
+    std::vector<Candidate> refined;
+    for (const Pose& start : starts) {
+      IcpParams ip;
+      ip.maxDistance = kCoarseIcpDistance * vf;
+      ip.kernel = v;
+      ip.maxIterations = 15;
+      ip.stopShift = 1e-3 * v;
+      Candidate c;
+      c.pose = RefinePointToPlane(source.cloud, target.cloud, *target.tree, start, ip).pose;
+      c.overlap = MeasureOverlap(source.cloud, *source.tree, target.cloud, *target.tree, c.pose,
+                                 kInlierDistance * vf);
+      c.score = Score(c.overlap);
+      refined.push_back(c);
+    }
+    clock.lap("refine");
+    // Best first; the rival is the best-scoring candidate distinct from it.
+    std::stable_sort(refined.begin(), refined.end(),
+                     [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
+    if (!refined.empty()) {
+      out.best = refined.front();
+      for (size_t i = 1; i < refined.size(); ++i) {
+        const Candidate& c = refined[i];
+        if (RotationBetween(c.pose, out.best.pose) > 0.175 || TranslationBetween(c.pose, out.best.pose) > 5.0 * v) {
+          out.rivalShare = out.best.score > 0.0 ? c.score / out.best.score : 0.0;
+          break;
+        }
+      }
+      out.consistentPairs = static_cast<int32_t>(
+          InlierMatches(source.cloud, target.cloud, matches, out.best.pose, kInlierDistance * vf).size());
+    }
+  } else {
+    out.best.pose = options.initial;
+  }
+  return out;
+}
+
+}  // namespace
+
+int32_t Register(const CloudView& targetView,
+                 const CloudView& sourceView,
+                 const Options& options,
+                 Outcome& outcome,
+                 std::string& error) {
+  ThreadScope threads(options.threads);
+  Outcome result;
+  StageClock clock(result.stages);
+
+  Level fineTarget, fineSource;
+  {
+    Level t, s;
+    t.cloud = Sanitize(targetView);
+    s.cloud = Sanitize(sourceView);
+    result.targetPoints = t.cloud.size();
+    result.sourcePoints = s.cloud.size();
+    if (t.cloud.size() < kMinPoints || s.cloud.size() < kMinPoints) {
+      error = "the " + std::string(t.cloud.size() < kMinPoints ? "target" : "source") + " cloud has " +
+              std::to_string(std::min(t.cloud.size(), s.cloud.size())) + " finite points; at least " +
+              std::to_string(kMinPoints) + " are needed";
+      return QORV_ENGINE_ERROR_TOO_FEW_POINTS;
+    }
+    clock.lap("prepare");
+    // The refinement scale: the clouds thinned to the refinement budget, never below their spacing.
+    const double fine = std::max(VoxelForBudget(t.cloud, options.refineBudget),
+                                 VoxelForBudget(s.cloud, options.refineBudget));
+    clock.lap("x-budget");
+    t.cloud.normals.resize(3, 0);
+    s.cloud.normals.resize(3, 0);
+    if (fine > 0.0) {
+      fineTarget = Thin(t, fine);
+      fineSource = Thin(s, fine);
+    } else {
+      fineTarget = std::move(t);
+      fineSource = std::move(s);
+    }
+  }
+  clock.lap("x-thin");
+  fineTarget.index();
+  fineSource.index();
+  clock.lap("x-index");
+  const double spacing = std::max(MedianSpacing(*fineTarget.tree), MedianSpacing(*fineSource.tree));
+  if (!(spacing > 0.0)) {
+    error = "the clouds' points all coincide: there is no scale to work at";
+    return QORV_ENGINE_ERROR_TOO_FEW_POINTS;
+  }
+  double v = options.voxel;
+  if (!(v > 0.0)) {
+    v = std::max(VoxelForBudget(fineTarget.cloud, options.pointBudget),
+                 VoxelForBudget(fineSource.cloud, options.pointBudget));
+    v = std::max(v, kSpacingFloor * spacing);
+  }
+  const double fineVoxel = std::min(spacing, v);
+  clock.lap("x-spacing");
+  EstimateNormals(*fineTarget.tree, kNormalRadius * static_cast<float>(fineVoxel), kFineNormalNeighbours,
+                  fineTarget.cloud);
+  EstimateNormals(*fineSource.tree, kNormalRadius * static_cast<float>(fineVoxel), kFineNormalNeighbours,
+                  fineSource.cloud);
+  clock.lap("scale");
+
+  const float verdictDistance = static_cast<float>(kVerdictDistance * fineVoxel);
+  VerdictRules rules;
+  if (options.mode == Mode::kLocal) rules.minConsistentPairs = 0;
+  bool haveBest = false;
+  double bestScore = -1.0;
+  const int32_t tries = options.mode == Mode::kLocal ? 1 : options.maxTries;
+  for (int32_t attempt = 0; attempt < tries; ++attempt) {
+    const double tryVoxel = v * kTryScales[attempt];
+    if (attempt > 0 && tryVoxel < kSpacingFloor * spacing * 0.99) continue;
+    TryResult tr = TryScale(fineTarget, fineSource, tryVoxel, options, clock);
+    ++result.tries;
+    // Dense refinement at the fine scale, then the verdict.
+    IcpParams ip;
+    ip.maxDistance = kFineIcpDistance * static_cast<float>(fineVoxel);
+    ip.kernel = fineVoxel;
+    ip.maxIterations = options.mode == Mode::kLocal ? 40 : 20;
+    ip.stopShift = 1e-3 * fineVoxel;
+    if (options.mode == Mode::kLocal) {
+      // Local mode starts from the guess: first a wide, coarse pass to pull in.
+      IcpParams coarse = ip;
+      coarse.maxDistance = kFineIcpDistance * static_cast<float>(tryVoxel);
+      coarse.kernel = tryVoxel;
+      tr.best.pose = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, coarse).pose;
+    }
+    const Pose pose = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, ip).pose;
+    clock.lap("refine");
+    const Overlap overlap =
+        MeasureOverlap(fineSource.cloud, *fineSource.tree, fineTarget.cloud, *fineTarget.tree, pose, verdictDistance);
+    const std::string reason = Decide(overlap, verdictDistance, tr.consistentPairs, tr.rivalShare, rules);
+    clock.lap("verdict");
+    const double score = Score(overlap) + (reason.empty() ? 1.0 : 0.0);
+    if (!haveBest || score > bestScore) {
+      haveBest = true;
+      bestScore = score;
+      result.transform = pose;
+      result.registered = reason.empty();
+      result.reason = reason;
+      result.measures.fitness = overlap.fitness;
+      result.measures.targetOverlap = overlap.targetOverlap;
+      result.measures.inlierRmse = overlap.rmse;
+      result.measures.inlierDistance = verdictDistance;
+      result.measures.consistentPairs = tr.consistentPairs;
+      result.matches = tr.matches;
+      result.voxel = tryVoxel;
+      result.targetSamples = tr.targetSamples;
+      result.sourceSamples = tr.sourceSamples;
+    }
+    if (result.registered) break;
+  }
+  outcome = std::move(result);
+  return QORV_ENGINE_OK;
 }
 
 }  // namespace qorv::engine

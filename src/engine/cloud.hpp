@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#pragma once
+
+#include <cstdint>
+
+#include <Eigen/Core>
+
+namespace qorv::engine {
+
+// A working cloud: points as columns (3 packed floats a point, so data() feeds the search trees),
+// optional unit normals of the same layout, and where the sensor sat when it is known.
+struct Cloud {
+  Eigen::Matrix3Xf points;
+  Eigen::Matrix3Xf normals;  // empty, or one column per point
+  bool hasViewpoint = false;
+  Eigen::Vector3f viewpoint = Eigen::Vector3f::Zero();
+
+  int32_t size() const { return static_cast<int32_t>(points.cols()); }
+  bool hasNormals() const { return normals.cols() == points.cols() && points.cols() > 0; }
+};
+
+}  // namespace qorv::engine

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#pragma once
+
+#include "engine/cloud.hpp"
+#include "search/kd_tree.hpp"
+
+namespace qorv::engine {
+
+// Unit normals by principal components: the eigenvector of the smallest eigenvalue of the
+// covariance of the at most maxNeighbours nearest neighbours within radius, centred on their
+// mean. Oriented toward the viewpoint when the cloud has one, else away from the cloud's centroid.
+// Points with fewer than 3 neighbours get a zero normal. tree indexes cloud.points.
+void EstimateNormals(const PointKdTree& tree, float radius, int32_t maxNeighbours, Cloud& cloud);
+
+// Turns every normal toward the viewpoint, or away from the centroid when there is none.
+void OrientNormals(Cloud& cloud);
+
+}  // namespace qorv::engine

@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#pragma once
+
+#include "engine/cloud.hpp"
+#include "engine/engine.hpp"
+
+namespace qorv::engine {
+
+// The finite points of a caller's cloud (normals kept where they are finite and non-zero for every
+// point, else dropped). An organized cloud is a sensor frame: its viewpoint is the origin unless
+// the caller gives one.
+Cloud Sanitize(const CloudView& view);
+
+}  // namespace qorv::engine

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#include "engine/voxel_grid.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+namespace qorv::engine {
+namespace {
+
+constexpr int kAxisBits = 21;
+constexpr double kAxisCells = static_cast<double>((1 << kAxisBits) - 1);
+
+// Cell keys packed z, y, x from high to low bits, relative to the cloud's lower corner.
+std::vector<uint64_t> CellKeys(const Cloud& cloud, double voxel) {
+  const Eigen::Vector3f low = cloud.points.rowwise().minCoeff();
+  const double inv = 1.0 / voxel;
+  std::vector<uint64_t> keys(static_cast<size_t>(cloud.size()));
+  for (int32_t i = 0; i < cloud.size(); ++i) {
+    uint64_t key = 0;
+    for (int d = 2; d >= 0; --d) {
+      const double cell = std::floor((static_cast<double>(cloud.points(d, i)) - low[d]) * inv);
+      key = (key << kAxisBits) | static_cast<uint64_t>(std::clamp(cell, 0.0, kAxisCells));
+    }
+    keys[static_cast<size_t>(i)] = key;
+  }
+  return keys;
+}
+
+// Numbers the distinct keys in order of first appearance (cellOf[i] is point i's cell) with an
+// open-addressing table: linear time, and the numbering depends only on the points' order.
+int32_t NumberCells(const std::vector<uint64_t>& keys, std::vector<int32_t>& cellOf) {
+  size_t capacity = 16;
+  while (capacity < 2 * keys.size()) capacity <<= 1;
+  constexpr uint64_t kEmpty = ~uint64_t{0};  // no cell key has all 64 bits set (3 x 21 bits)
+  std::vector<uint64_t> table(capacity, kEmpty);
+  std::vector<int32_t> number(capacity);
+  cellOf.resize(keys.size());
+  int32_t cells = 0;
+  const size_t mask = capacity - 1;
+  for (size_t i = 0; i < keys.size(); ++i) {
+    const uint64_t key = keys[i];
+    size_t slot = static_cast<size_t>((key * 0x9e3779b97f4a7c15ull) >> 20) & mask;
+    while (table[slot] != kEmpty && table[slot] != key) slot = (slot + 1) & mask;
+    if (table[slot] == kEmpty) {
+      table[slot] = key;
+      number[slot] = cells++;
+    }
+    cellOf[i] = number[slot];
+  }
+  return cells;
+}
+
+}  // namespace
+
+double MinimumVoxelFor(const Cloud& cloud) {
+  if (cloud.size() == 0) return 0.0;
+  const Eigen::Vector3f extent = cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
+  return static_cast<double>(extent.maxCoeff()) / (kAxisCells - 1.0);
+}
+
+int64_t CountOccupiedVoxels(const Cloud& cloud, double voxel) {
+  std::vector<int32_t> cellOf;
+  return static_cast<int64_t>(NumberCells(CellKeys(cloud, voxel), cellOf));
+}
+
+Cloud VoxelAverage(const Cloud& cloud,
+                   const std::vector<float>& weights,
+                   double voxel,
+                   std::vector<float>& voxelWeights) {
+  Cloud out;
+  out.hasViewpoint = cloud.hasViewpoint;
+  out.viewpoint = cloud.viewpoint;
+  voxelWeights.clear();
+  const int32_t n = cloud.size();
+  if (n == 0) return out;
+  std::vector<int32_t> cellOf;
+  const int32_t cells = NumberCells(CellKeys(cloud, voxel), cellOf);
+  const bool normals = cloud.hasNormals();
+  // Sums in double, point after point in index order.
+  Eigen::Matrix<double, 7, Eigen::Dynamic> sums = Eigen::Matrix<double, 7, Eigen::Dynamic>::Zero(7, cells);
+  for (int32_t i = 0; i < n; ++i) {
+    const double w = weights.empty() ? 1.0 : static_cast<double>(weights[static_cast<size_t>(i)]);
+    auto sum = sums.col(cellOf[static_cast<size_t>(i)]);
+    sum.head<3>() += w * cloud.points.col(i).cast<double>();
+    if (normals) sum.segment<3>(3) += w * cloud.normals.col(i).cast<double>();
+    sum[6] += w;
+  }
+  out.points.resize(3, cells);
+  if (normals) out.normals.resize(3, cells);
+  voxelWeights.resize(static_cast<size_t>(cells));
+  for (int32_t c = 0; c < cells; ++c) {
+    const double weight = sums(6, c);
+    out.points.col(c) = (sums.col(c).head<3>() / weight).cast<float>();
+    if (normals) {
+      const Eigen::Vector3d normal = sums.col(c).segment<3>(3);
+      const double length = normal.norm();
+      out.normals.col(c) =
+          length > 0.0 ? Eigen::Vector3f((normal / length).cast<float>()) : Eigen::Vector3f::Zero();
+    }
+    voxelWeights[static_cast<size_t>(c)] = static_cast<float>(weight);
+  }
+  return out;
+}
+
+}  // namespace qorv::engine
