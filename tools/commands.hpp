@@ -33,15 +33,15 @@ struct KeyPointOptions {
   float featureRadius = 0.0f;    // 0: 2.5 x radius
   float histogramRadius = 0.0f;  // 0: 1.25 x radius
   float normalRadius = 0.0f;     // normals when the input has none; 0: radius
-  float ratio21 = ChainParams{}.ratio21;
-  float ratio32 = ChainParams{}.ratio32;
+  float ratio21 = 0.8f;  // surface-suited detector ratios
+  float ratio32 = 0.8f;
   int32_t maxKeyPoints = 0;
 };
 
 struct RegisterOptions {
   std::string target, source, output, snapshot;
   RegisterSettings settings;
-  std::string initialMatrix;  // iterative method's start, empty: identity
+  std::string initialMatrix;  // initial guess, empty: none
   SnapshotOptions view;
 };
 

@@ -18,7 +18,6 @@
 
 namespace {
 
-using qorv::tools::ChainParams;
 using qorv::tools::GlobalOptions;
 using qorv::tools::Method;
 using qorv::tools::RegisterSettings;
@@ -57,88 +56,71 @@ const CLI::Validator kOpenUnit(
     },
     "(0,1)");
 
-// Options of the composed chain, in units of the resolution s, shared by register and demo.
-struct ChainFlags {
+// Options of the registration, shared by register and demo: the engine's, and the one-call
+// pipeline's for --exact.
+struct RegisterFlags {
   std::string method = "ransac";
   bool noCrossCheck = false;
-  bool noRefine = false;
+  bool local = false;
+  int64_t seed = 1;
 
   void applyTo(RegisterSettings& s) const {
     s.method = method == "iterative" ? Method::kIterative : Method::kRansac;
     s.crossCheck = !noCrossCheck;
-    s.refine = !noRefine;
+    s.engine.mode = local ? QORV_ENGINE_MODE_LOCAL : QORV_ENGINE_MODE_GLOBAL;
+    s.engine.seed = static_cast<uint64_t>(seed);
   }
 };
 
-void AddChainOptions(CLI::App* sub, RegisterSettings& s, ChainFlags& flags) {
-  ChainParams& p = s.chain;
-  const char* group = "Registration chain (lengths in units of the resolution s)";
-  sub->add_option("--resolution",
-                  s.resolution,
-                  "Length s scaling every step (default: chosen from the clouds' mean spacing)")
+void AddRegisterOptions(CLI::App* sub, RegisterSettings& s, RegisterFlags& flags) {
+  QorvEngineOptions& e = s.engine;
+  sub->add_option("--voxel", e.voxel,
+                  "Working voxel edge; every length derives from it (default: chosen so that a "
+                  "cloud keeps about --point-budget voxels)")
       ->check(kPositive);
-  sub->add_option("--resolution-factor",
-                  p.resolutionPerSpacing,
-                  "Automatic s = this x the coarser cloud's mean spacing")
-      ->check(kPositive)
+  sub->add_option("--point-budget", e.point_budget, "Voxels a cloud keeps for feature matching")
+      ->check(CLI::Range(100, 1000000))
       ->capture_default_str();
-  sub->add_option("--method",
-                  flags.method,
-                  "ransac: RANSAC, then iterative refinement; iterative: iterative matching only")
+  sub->add_option("--refine-budget", e.refine_budget, "Points a cloud keeps for dense refinement")
+      ->check(CLI::Range(100, 10000000))
+      ->capture_default_str();
+  sub->add_option("--seed", flags.seed, "Seed of every random draw: same input and seed, same bits")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  sub->add_flag("--local", flags.local,
+                "Only refine from --initial (consecutive frames, a known rough pose)");
+  sub->add_option("--max-tries", e.max_tries, "Scales tried while the verdict is negative")
+      ->check(CLI::Range(1, 8))
+      ->capture_default_str();
+  sub->add_option("--ransac-iterations", e.max_ransac_iterations, "Upper bound of RANSAC draws")
+      ->check(CLI::Range(1, 100000000))
+      ->capture_default_str();
+  sub->add_option("--confidence", e.ransac_confidence, "RANSAC stops at this confidence")
+      ->check(kOpenUnit)
+      ->capture_default_str();
+  const char* group = "One-call pipeline (--exact)";
+  sub->add_flag("--exact", s.exact,
+                "One QorvMatchPairPointCloud call with its own fixed chain instead of the engine "
+                "(its answer is then judged by the engine's verdict)")
+      ->group(group);
+  sub->add_option("--resolution", s.resolution,
+                  "Length s of the pipeline (default: 1.25 x the coarser cloud's mean spacing)")
+      ->check(kPositive)
+      ->group(group);
+  sub->add_option("--method", flags.method, "ransac or iterative")
       ->check(CLI::IsMember({"ransac", "iterative"}))
-      ->capture_default_str();
-  sub->add_option("--iterations",
-                  s.iterations,
+      ->capture_default_str()
+      ->group(group);
+  sub->add_option("--iterations", s.iterations,
                   "RANSAC samples, or the iterative method's step limit (default: 20000 / 64)")
-      ->check(CLI::NonNegativeNumber);
-  sub->add_flag(
-      "--exact", s.exact, "One QorvMatchPairPointCloud call with its own fixed chain instead");
-  sub->add_flag("--no-cross-check", flags.noCrossCheck, "Keep descriptor matches another beats");
-  sub->add_flag("--no-refine", flags.noRefine, "Skip the iterative refinement after RANSAC");
-  sub->add_option("--kernel-scale",
-                  s.kernelScale,
-                  "Initial robust kernel scale of the iterative matcher, squared length "
+      ->check(CLI::NonNegativeNumber)
+      ->group(group);
+  sub->add_flag("--no-cross-check", flags.noCrossCheck, "Keep descriptor matches another beats")
+      ->group(group);
+  sub->add_option("--kernel-scale", s.kernelScale,
+                  "Initial robust kernel scale of the iterative method, squared length "
                   "(default: (4 s)^2)")
-      ->check(kPositive);
-  sub->add_option("--ratio21", p.ratio21, "Key points: bound on lambda2 / lambda1")
       ->check(kPositive)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--ratio32", p.ratio32, "Key points: bound on lambda3 / lambda2")
-      ->check(kPositive)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--key-point-radius", p.keyPointRadius, "Key-point neighbourhood")
-      ->check(kPositive)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--non-max-radius", p.nonMaxRadius, "Non-maximum suppression (0: off)")
-      ->check(kNonNegative)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--feature-radius", p.featureRadius, "Descriptor neighbourhood")
-      ->check(kPositive)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--histogram-radius", p.histogramRadius, "Each neighbour's histogram radius")
-      ->check(kPositive)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--max-key-points", p.maxKeyPoints, "Cap on key points per cloud (0: none)")
-      ->check(CLI::NonNegativeNumber)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--edge-ratio", p.edgeRatio, "RANSAC triangle edge similarity")
-      ->check(kNonNegative)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--inlier-distance", p.inlierDistance, "RANSAC inlier distance")
-      ->check(kPositive)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--refine-iterations", p.refineIterations, "Refinement step limit")
-      ->check(CLI::NonNegativeNumber)
-      ->capture_default_str()
       ->group(group);
 }
 
@@ -170,15 +152,16 @@ int main(int argc, char** argv) {
 
   // register
   RegisterOptions reg;
-  ChainFlags regFlags;
+  RegisterFlags regFlags;
   CLI::App* registerCmd =
       app.add_subcommand("register", "Register SOURCE onto TARGET and print the motion");
   registerCmd->add_option("target", reg.target, "Cloud that stays in place")->required();
   registerCmd->add_option("source", reg.source, "Cloud that is moved onto the target")->required();
-  AddChainOptions(registerCmd, reg.settings, regFlags);
-  registerCmd->add_option(
-      "--initial", reg.initialMatrix, "Starting pose of the iterative method: 12 or 16 numbers");
-  registerCmd->add_option("--output", reg.output, "Write the moved source cloud (ASC)");
+  AddRegisterOptions(registerCmd, reg.settings, regFlags);
+  registerCmd->add_option("--initial", reg.initialMatrix,
+                          "Initial guess, 12 or 16 numbers (tried beside the global estimate; "
+                          "the start of --local and of the pipeline's iterative method)");
+  registerCmd->add_option("--output", reg.output, "Write the moved source cloud");
   registerCmd->add_option(
       "--snapshot", reg.snapshot, "Write a PNG of both clouds before and after the motion");
   registerCmd->add_option("--snapshot-width", reg.view.width, "Snapshot width in pixels")
@@ -284,7 +267,7 @@ int main(int argc, char** argv) {
 
   // demo
   DemoOptions demo;
-  ChainFlags demoFlags;
+  RegisterFlags demoFlags;
   CLI::App* demoCmd = app.add_subcommand(
       "demo", "Cut two overlapping views from one scan, move one, register it back");
   demoCmd->add_option("--data", demo.data, "Scan to cut the views from")->capture_default_str();
@@ -297,7 +280,7 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(0.0, 180.0))
       ->capture_default_str();
   demoCmd->add_flag("--check", demo.check, "Exit with status 3 when the motion is not recovered");
-  AddChainOptions(demoCmd, demo.settings, demoFlags);
+  AddRegisterOptions(demoCmd, demo.settings, demoFlags);
 
   try {
     app.parse(argc, argv);

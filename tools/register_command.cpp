@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // `qorv register` and `qorv demo`: reading, registering, reporting, writing the results.
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -48,10 +50,22 @@ Rigid DemoMotion(float angleDegrees, double length) {
                               {0.12 * length, -0.08 * length, 0.1 * length});
 }
 
+// The initial guess (12 or 16 numbers) into the engine's options.
+void SetInitial(const std::string& text, QorvEngineOptions& options) {
+  const std::array<double, 12> m = ParseMatrix(text).matrix3x4();
+  std::copy(m.begin(), m.end(), options.initial);
+  options.initial[12] = options.initial[13] = options.initial[14] = 0.0;
+  options.initial[15] = 1.0;
+  options.has_initial = 1;
+}
+
 }  // namespace
 
 int RunRegister(const GlobalOptions& global, RegisterOptions o) {
-  if (!o.initialMatrix.empty()) o.settings.initial = ParseMatrix(o.initialMatrix);
+  if (!o.initialMatrix.empty()) SetInitial(o.initialMatrix, o.settings.engine);
+  if (o.settings.engine.mode == QORV_ENGINE_MODE_LOCAL && !o.settings.engine.has_initial) {
+    throw ToolError("--local needs --initial", 2);
+  }
   if (!o.snapshot.empty() && std::filesystem::path(o.snapshot).extension() != ".png") {
     throw ToolError("--snapshot needs a file name ending in .png", 2);
   }
@@ -77,7 +91,7 @@ int RunRegister(const GlobalOptions& global, RegisterOptions o) {
     json.key("command").value("register");
     json.key("version").value(std::string(QorvVersion()));
     json.key("threads").value(static_cast<int32_t>(session.threads()));
-    json.key("cross_check").value(o.settings.crossCheck);
+    json.key("seed").value(static_cast<int64_t>(o.settings.engine.seed));
     WriteReportJson(json, report);
     json.key("output");
     o.output.empty() ? json.null() : json.value(o.output);
@@ -91,8 +105,8 @@ int RunRegister(const GlobalOptions& global, RegisterOptions o) {
     if (!o.snapshot.empty()) std::fprintf(Out(), "snapshot written to %s\n", o.snapshot.c_str());
   }
   std::fflush(Out());
-  if (!report.modelFound) {
-    std::fprintf(stderr, "qorv: registration found no model\n");
+  if (!report.registered()) {
+    std::fprintf(stderr, "qorv: not registered: %s\n", report.verdict.reason);
     return 3;
   }
   return 0;
@@ -159,7 +173,7 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& o) {
   }
   pointError /= secondView.size();
   const bool recovered =
-      report.modelFound && rotationError < 2.0 && pointError < 2.0 * report.resolution;
+      report.registered() && rotationError < 2.0 && pointError < 2.0 * report.verdict.voxel;
 
   FlushAll();
   std::FILE* out = Out();
@@ -204,11 +218,11 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& o) {
     }
     std::fprintf(out,
                  "rotation error %.4f deg, translation error %.6g, mean point error %.6g "
-                 "(resolution %.6g)\n",
+                 "(voxel %.6g)\n",
                  rotationError,
                  translationError,
                  pointError,
-                 report.resolution);
+                 report.verdict.voxel);
     std::fprintf(out, "%s\n", recovered ? "motion recovered" : "motion NOT recovered");
     std::fprintf(out, "snapshot written to %s\n", o.snapshot.c_str());
   }

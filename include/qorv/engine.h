@@ -62,7 +62,8 @@ typedef struct QorvEngineCloud {
 
 enum {
   QORV_ENGINE_MODE_GLOBAL = 0, /* features + RANSAC, then ICP (an initial guess is tried too) */
-  QORV_ENGINE_MODE_LOCAL = 1   /* ICP from the initial guess only (consecutive frames) */
+  QORV_ENGINE_MODE_LOCAL = 1,  /* ICP from the initial guess only (consecutive frames) */
+  QORV_ENGINE_MODE_EVALUATE = 2 /* no motion: the measures and verdict of the initial transform */
 };
 
 typedef struct QorvEngineOptions {

@@ -37,7 +37,7 @@ constexpr int32_t kMaxMatches = 3000;
 constexpr int32_t kMinMutual = 30;
 constexpr float kCoarseIcpDistance = 2.0f;
 constexpr float kFineIcpDistance = 3.0f;
-constexpr float kVerdictDistance = 2.0f;     // in fine voxels
+constexpr float kVerdictDistance = 1.5f;
 constexpr double kSpacingFloor = 1.5;        // the matching voxel is never below 1.5 x the spacing
 constexpr int32_t kMinPoints = 5;
 // Scale of each try in turn while the verdict is negative: coarser (noise), then finer (small clouds).
@@ -86,6 +86,7 @@ struct Candidate {
 };
 
 struct TryResult {
+  Level target, source;  // the clouds at the try's voxel, with normals
   Candidate best;
   double rivalShare = 0.0;
   int32_t consistentPairs = 0;
@@ -100,7 +101,10 @@ TryResult TryScale(const Level& fineTarget,
                    const Options& options,
                    StageClock& clock) {
   TryResult out;
-  Level target = Thin(fineTarget, v), source = Thin(fineSource, v);
+  out.target = Thin(fineTarget, v);
+  out.source = Thin(fineSource, v);
+  Level& target = out.target;
+  Level& source = out.source;
   target.index();
   source.index();
   out.targetSamples = target.cloud.size();
@@ -110,70 +114,78 @@ TryResult TryScale(const Level& fineTarget,
   EstimateNormals(*source.tree, kNormalRadius * vf, kNormalNeighbours, source.cloud);
   clock.lap("normals");
 
-  std::vector<Pose> starts;
-  if (options.mode == Mode::kGlobal) {
-    const Features ft = DescribePoints(*target.tree, target.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
-    const Features fs = DescribePoints(*source.tree, source.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
-    clock.lap("features");
-    std::vector<Match> matches = MatchFeatures(fs, ft, kMinMutual);
-    if (static_cast<int32_t>(matches.size()) > kMaxMatches) {
-      // Keep the closest descriptors, then restore the source order.
-      std::stable_sort(matches.begin(), matches.end(),
-                       [](const Match& a, const Match& b) { return a.distance < b.distance; });
-      matches.resize(kMaxMatches);
-      std::stable_sort(matches.begin(), matches.end(), [](const Match& a, const Match& b) {
-        return a.source < b.source || (a.source == b.source && a.target < b.target);
-      });
-    }
-    out.matches = static_cast<int32_t>(matches.size());
-    clock.lap("matching");
-    const CompatibilityGraph graph =
-        BuildCompatibility(source.cloud, target.cloud, matches, kCompatibility * vf, kMinPairLength * vf);
-    RansacParams rp;
-    rp.inlierDistance = kInlierDistance * vf;
-    rp.maxIterations = options.maxRansacIterations;
-    rp.confidence = options.ransacConfidence;
-    rp.seed = options.seed;
-    rp.distinctShift = 5.0 * v;
-    int32_t iterations = 0;
-    const std::vector<Hypothesis> hypotheses =
-        EstimateByRansac(source.cloud, target.cloud, matches, graph, rp, iterations);
-    for (const Hypothesis& h : hypotheses) starts.push_back(h.pose);
-    clock.lap("ransac");
-    if (options.hasInitial) starts.push_back(options.initial);
-
-    std::vector<Candidate> refined;
-    for (const Pose& start : starts) {
-      IcpParams ip;
-      ip.maxDistance = kCoarseIcpDistance * vf;
-      ip.kernel = v;
-      ip.maxIterations = 15;
-      ip.stopShift = 1e-3 * v;
-      Candidate c;
-      c.pose = RefinePointToPlane(source.cloud, target.cloud, *target.tree, start, ip).pose;
-      c.overlap = MeasureOverlap(source.cloud, *source.tree, target.cloud, *target.tree, c.pose,
-                                 kInlierDistance * vf);
-      c.score = Score(c.overlap);
-      refined.push_back(c);
-    }
-    clock.lap("refine");
-    // Best first; the rival is the best-scoring candidate distinct from it.
-    std::stable_sort(refined.begin(), refined.end(),
-                     [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
-    if (!refined.empty()) {
-      out.best = refined.front();
-      for (size_t i = 1; i < refined.size(); ++i) {
-        const Candidate& c = refined[i];
-        if (RotationBetween(c.pose, out.best.pose) > 0.175 || TranslationBetween(c.pose, out.best.pose) > 5.0 * v) {
-          out.rivalShare = out.best.score > 0.0 ? c.score / out.best.score : 0.0;
-          break;
-        }
-      }
-      out.consistentPairs = static_cast<int32_t>(
-          InlierMatches(source.cloud, target.cloud, matches, out.best.pose, kInlierDistance * vf).size());
-    }
-  } else {
+  if (options.mode == Mode::kLocal) {
     out.best.pose = options.initial;
+    return out;
+  }
+  const Features ft = DescribePoints(*target.tree, target.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
+  const Features fs = DescribePoints(*source.tree, source.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
+  clock.lap("features");
+  std::vector<Match> matches = MatchFeatures(fs, ft, kMinMutual);
+  if (static_cast<int32_t>(matches.size()) > kMaxMatches) {
+    // Keep the closest descriptors, then restore the source order.
+    std::stable_sort(matches.begin(), matches.end(),
+                     [](const Match& a, const Match& b) { return a.distance < b.distance; });
+    matches.resize(kMaxMatches);
+    std::stable_sort(matches.begin(), matches.end(), [](const Match& a, const Match& b) {
+      return a.source < b.source || (a.source == b.source && a.target < b.target);
+    });
+  }
+  out.matches = static_cast<int32_t>(matches.size());
+  clock.lap("matching");
+  auto consistent = [&](const Pose& pose) {
+    return static_cast<int32_t>(InlierMatches(source.cloud, target.cloud, matches, pose, kInlierDistance * vf).size());
+  };
+  if (options.mode == Mode::kEvaluate) {
+    out.best.pose = options.initial;
+    out.consistentPairs = consistent(options.initial);
+    return out;
+  }
+
+  std::vector<Pose> starts;
+  const CompatibilityGraph graph =
+      BuildCompatibility(source.cloud, target.cloud, matches, kCompatibility * vf, kMinPairLength * vf);
+  RansacParams rp;
+  rp.inlierDistance = kInlierDistance * vf;
+  rp.maxIterations = options.maxRansacIterations;
+  rp.confidence = options.ransacConfidence;
+  rp.seed = options.seed;
+  rp.distinctShift = 5.0 * v;
+  int32_t iterations = 0;
+  for (const Hypothesis& h : EstimateByRansac(source.cloud, target.cloud, matches, graph, rp, iterations)) {
+    starts.push_back(h.pose);
+  }
+  clock.lap("ransac");
+  if (options.hasInitial) starts.push_back(options.initial);
+
+  std::vector<Candidate> refined;
+  for (const Pose& start : starts) {
+    IcpParams ip;
+    ip.maxDistance = kCoarseIcpDistance * vf;
+    ip.kernel = v;
+    ip.maxIterations = 15;
+    ip.stopShift = 1e-3 * v;
+    Candidate c;
+    c.pose = RefinePointToPlane(source.cloud, target.cloud, *target.tree, start, ip).pose;
+    c.overlap = MeasureOverlap(source.cloud, *source.tree, target.cloud, *target.tree, c.pose,
+                               kInlierDistance * vf);
+    c.score = Score(c.overlap);
+    refined.push_back(c);
+  }
+  clock.lap("refine");
+  // Best first; the rival is the best-scoring candidate distinct from it.
+  std::stable_sort(refined.begin(), refined.end(),
+                   [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
+  if (!refined.empty()) {
+    out.best = refined.front();
+    for (size_t i = 1; i < refined.size(); ++i) {
+      const Candidate& c = refined[i];
+      if (RotationBetween(c.pose, out.best.pose) > 0.175 || TranslationBetween(c.pose, out.best.pose) > 5.0 * v) {
+        out.rivalShare = out.best.score > 0.0 ? c.score / out.best.score : 0.0;
+        break;
+      }
+    }
+    out.consistentPairs = consistent(out.best.pose);
   }
   return out;
 }
@@ -206,7 +218,6 @@ int32_t Register(const CloudView& targetView,
     // The refinement scale: the clouds thinned to the refinement budget, never below their spacing.
     const double fine = std::max(VoxelForBudget(t.cloud, options.refineBudget),
                                  VoxelForBudget(s.cloud, options.refineBudget));
-    clock.lap("x-budget");
     t.cloud.normals.resize(3, 0);
     s.cloud.normals.resize(3, 0);
     if (fine > 0.0) {
@@ -217,10 +228,8 @@ int32_t Register(const CloudView& targetView,
       fineSource = std::move(s);
     }
   }
-  clock.lap("x-thin");
   fineTarget.index();
   fineSource.index();
-  clock.lap("x-index");
   const double spacing = std::max(MedianSpacing(*fineTarget.tree), MedianSpacing(*fineSource.tree));
   if (!(spacing > 0.0)) {
     error = "the clouds' points all coincide: there is no scale to work at";
@@ -233,19 +242,17 @@ int32_t Register(const CloudView& targetView,
     v = std::max(v, kSpacingFloor * spacing);
   }
   const double fineVoxel = std::min(spacing, v);
-  clock.lap("x-spacing");
   EstimateNormals(*fineTarget.tree, kNormalRadius * static_cast<float>(fineVoxel), kFineNormalNeighbours,
                   fineTarget.cloud);
   EstimateNormals(*fineSource.tree, kNormalRadius * static_cast<float>(fineVoxel), kFineNormalNeighbours,
                   fineSource.cloud);
   clock.lap("scale");
 
-  const float verdictDistance = static_cast<float>(kVerdictDistance * fineVoxel);
   VerdictRules rules;
   if (options.mode == Mode::kLocal) rules.minConsistentPairs = 0;
   bool haveBest = false;
   double bestScore = -1.0;
-  const int32_t tries = options.mode == Mode::kLocal ? 1 : options.maxTries;
+  const int32_t tries = options.mode == Mode::kGlobal ? options.maxTries : 1;
   for (int32_t attempt = 0; attempt < tries; ++attempt) {
     const double tryVoxel = v * kTryScales[attempt];
     if (attempt > 0 && tryVoxel < kSpacingFloor * spacing * 0.99) continue;
@@ -264,10 +271,15 @@ int32_t Register(const CloudView& targetView,
       coarse.kernel = tryVoxel;
       tr.best.pose = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, coarse).pose;
     }
-    const Pose pose = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, ip).pose;
+    const Pose pose = options.mode == Mode::kEvaluate
+                          ? tr.best.pose
+                          : RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, ip).pose;
     clock.lap("refine");
-    const Overlap overlap =
-        MeasureOverlap(fineSource.cloud, *fineSource.tree, fineTarget.cloud, *fineTarget.tree, pose, verdictDistance);
+    // The verdict looks at the try's voxel clouds: averaging has taken the noise out of their
+    // points and normals, which the fine clouds still carry.
+    const float verdictDistance = static_cast<float>(kVerdictDistance * tryVoxel);
+    const Overlap overlap = MeasureOverlap(tr.source.cloud, *tr.source.tree, tr.target.cloud, *tr.target.tree,
+                                           pose, verdictDistance);
     const std::string reason = Decide(overlap, verdictDistance, tr.consistentPairs, tr.rivalShare, rules);
     clock.lap("verdict");
     const double score = Score(overlap) + (reason.empty() ? 1.0 : 0.0);

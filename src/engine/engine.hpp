@@ -22,7 +22,9 @@ struct CloudView {
   Eigen::Vector3d viewpoint = Eigen::Vector3d::Zero();
 };
 
-enum class Mode { kGlobal, kLocal };
+// kGlobal: features, RANSAC, ICP; kLocal: ICP from the initial guess; kEvaluate: the verdict on the
+// initial guess as it is.
+enum class Mode { kGlobal, kLocal, kEvaluate };
 
 // Every length the engine uses derives from the working voxel; the budgets choose it.
 struct Options {

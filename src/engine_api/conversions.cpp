@@ -11,8 +11,9 @@
 namespace qorv::engine {
 
 std::string FromC(const QorvEngineOptions& in, Options& out) {
-  if (in.mode != QORV_ENGINE_MODE_GLOBAL && in.mode != QORV_ENGINE_MODE_LOCAL) {
-    return "mode must be QORV_ENGINE_MODE_GLOBAL or QORV_ENGINE_MODE_LOCAL";
+  if (in.mode != QORV_ENGINE_MODE_GLOBAL && in.mode != QORV_ENGINE_MODE_LOCAL &&
+      in.mode != QORV_ENGINE_MODE_EVALUATE) {
+    return "mode must be QORV_ENGINE_MODE_GLOBAL, _LOCAL or _EVALUATE";
   }
   if (!std::isfinite(in.voxel) || in.voxel < 0.0) return "voxel must be 0 (automatic) or a positive length";
   if (in.point_budget < 100) return "point_budget must be at least 100";
@@ -23,8 +24,8 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   if (!(in.ransac_confidence > 0.0 && in.ransac_confidence < 1.0)) {
     return "ransac_confidence must lie strictly between 0 and 1";
   }
-  if (in.mode == QORV_ENGINE_MODE_LOCAL && !in.has_initial) {
-    return "the local mode needs an initial transform (has_initial = 1)";
+  if (in.mode != QORV_ENGINE_MODE_GLOBAL && !in.has_initial) {
+    return "the local and evaluate modes need an initial transform (has_initial = 1)";
   }
   Eigen::Matrix4d initial;
   for (int r = 0; r < 4; ++r) {
@@ -39,7 +40,9 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
       return "the initial transform is not a rigid motion (rotation and translation, last row 0 0 0 1)";
     }
   }
-  out.mode = in.mode == QORV_ENGINE_MODE_LOCAL ? Mode::kLocal : Mode::kGlobal;
+  out.mode = in.mode == QORV_ENGINE_MODE_LOCAL      ? Mode::kLocal
+             : in.mode == QORV_ENGINE_MODE_EVALUATE ? Mode::kEvaluate
+                                                    : Mode::kGlobal;
   out.voxel = in.voxel;
   out.pointBudget = in.point_budget;
   out.refineBudget = in.refine_budget;
