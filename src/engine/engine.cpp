@@ -214,6 +214,15 @@ int32_t Register(const CloudView& targetView,
               std::to_string(kMinPoints) + " are needed";
       return QORV_ENGINE_ERROR_TOO_FEW_POINTS;
     }
+    for (const Level* level : {&t, &s}) {
+      const Eigen::Vector3f extent =
+          level->cloud.points.rowwise().maxCoeff() - level->cloud.points.rowwise().minCoeff();
+      if (!(extent.maxCoeff() > 0.0f)) {
+        error = "all finite points of the " + std::string(level == &t ? "target" : "source") +
+                " cloud coincide: there is no shape to register";
+        return QORV_ENGINE_ERROR_TOO_FEW_POINTS;
+      }
+    }
     clock.lap("prepare");
     // The refinement scale: the clouds thinned to the refinement budget, never below their spacing.
     const double fine = std::max(VoxelForBudget(t.cloud, options.refineBudget),
