@@ -5,9 +5,8 @@
 // 60 degrees and shifted), single-threaded ("threads:1") and on every OpenMP thread ("threads:2"
 // on our two-core machines):
 //   Pipeline: the one-call pipeline, s = the scan's mean spacing, RANSAC path, 20000 samples;
-//   Chain:    the same preparation with surface-friendly detector settings (those the quality
-//             study in bench/quality chose), RANSAC, then the iterative refinement;
 //   Prepare:  the preparation chain alone (outlier removal, smoothing, voxel, normals) per view.
+// The registration engine has its own benchmark (make bench-registration).
 #include <algorithm>
 #include <cmath>
 #include <utility>
@@ -16,17 +15,10 @@
 #include <benchmark/benchmark.h>
 
 #include "bench_support.hpp"
-#include "features/detect_and_compute.hpp"
 #include "registration/correspondences.hpp"
 #include "registration/distance_check.hpp"
-#include "registration/iterative_matching.hpp"
 #include "registration/pair_pipeline.hpp"
-#include "registration/ransac_matching.hpp"
 #include "search/kd_tree.hpp"
-#include "surface/gaussian_filter.hpp"
-#include "surface/normal_estimation.hpp"
-#include "surface/outlier_filter.hpp"
-#include "surface/voxel_filter.hpp"
 
 namespace {
 
@@ -127,76 +119,6 @@ void BM_Pipeline(benchmark::State& state) {
   state.counters["points"] = static_cast<double>(CountOf(v.first) + CountOf(v.second));
 }
 BENCHMARK(BM_Pipeline)
-    ->ArgNames({"threads"})
-    ->Arg(1)
-    ->Arg(2)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
-
-// The preparation of the pipeline with normals facing away from the view's centroid, then the
-// surface-friendly detector settings of docs/registration_quality.md.
-struct ChainSettings {
-  float resolutionPerSpacing = 2.0f;
-  float keyPointRadius = 3.0f;  // in s, like every length below
-  float nonMaxRadius = 0.5f;
-  float ratio = 0.8f;
-  float featureRadius = 7.0f;
-  float histogramRadius = 3.5f;
-};
-
-qorv::KeyPointFeatures Describe(const std::vector<float>& raw,
-                                float s,
-                                const ChainSettings& c,
-                                const Execution& exec) {
-  std::vector<float> points =
-      Gather(raw, qorv::OutlierFilter(raw.data(), CountOf(raw), 50, 3.4f, exec));
-  std::vector<float> smoothed(points.size());
-  qorv::GaussianFilter(points.data(), CountOf(points), s, exec, smoothed.data());
-  points = Gather(smoothed, qorv::VoxelFilter(smoothed.data(), CountOf(smoothed), s));
-  const int32_t n = CountOf(points);
-  double centroid[3] = {0.0, 0.0, 0.0};
-  for (size_t i = 0; i < points.size(); ++i) centroid[i % 3] += points[i];
-  std::vector<float> normals(points.size());
-  for (size_t i = 0; i < points.size(); ++i) {
-    normals[i] = points[i] - static_cast<float>(centroid[i % 3] / n);
-  }
-  qorv::ReComputeNormals(points.data(), n, 2.0f * s, exec, normals.data());
-  const qorv::PointKdTree tree(points.data(), n);
-  const qorv::KeyPointParams detector{
-      c.keyPointRadius * s, c.nonMaxRadius * s, c.ratio, c.ratio, 0};
-  return qorv::DetectAndCompute(
-      tree, normals.data(), detector, c.featureRadius * s, c.histogramRadius * s, exec);
-}
-
-void BM_Chain(benchmark::State& state) {
-  const ViewPair& v = Views();
-  if (v.first.empty()) {
-    state.SkipWithError("dragon_res2.asc not found");
-    return;
-  }
-  const ChainSettings c;
-  const float s = c.resolutionPerSpacing * v.spacing;
-  const Execution exec = ExecutionFor(state, 0);
-  QuietStdout quiet;
-  int32_t inliers = 0;
-  for (auto _ : state) {
-    const qorv::KeyPointFeatures k2 = Describe(v.second, s, c, exec);
-    const qorv::KeyPointFeatures k1 = Describe(v.first, s, c, exec);
-    const qorv::KeyPointSet first{
-        k1.positions.data(), k1.normals.data(), k1.descriptors.data(), k1.count()};
-    const qorv::KeyPointSet second{
-        k2.positions.data(), k2.normals.data(), k2.descriptors.data(), k2.count()};
-    double transform[12];
-    std::vector<int32_t> matches;
-    const qorv::RansacParams ransac{20000, 0.9, static_cast<double>(2.0f * s)};
-    inliers = qorv::RansacMatch(first, second, ransac, true, exec, 1u, transform, matches);
-    const qorv::IterativeParams refine{64, (4.0f * s) * (4.0f * s), s};
-    benchmark::DoNotOptimize(
-        qorv::IterativeMatch(first, second, refine, true, exec, transform, matches));
-  }
-  state.counters["ransac_inliers"] = inliers;
-}
-BENCHMARK(BM_Chain)
     ->ArgNames({"threads"})
     ->Arg(1)
     ->Arg(2)

@@ -56,24 +56,6 @@ void CountMatches(const QorvMatchPair*, uint32_t count, void* user) {
   *static_cast<int64_t*>(user) = count;
 }
 
-void CollectIndices(const int32_t* indices, int32_t count, void* user) {
-  static_cast<std::vector<int32_t>*>(user)->assign(indices, indices + count);
-}
-
-// Key points with their descriptors, copied out of the callback.
-struct KeyPoints {
-  std::vector<float> positions;
-  std::vector<float> descriptors;
-  int32_t count() const { return static_cast<int32_t>(positions.size() / 3); }
-};
-
-void CollectKeyPoints(const QorvKeyPointResult* result, void* user) {
-  auto* out = static_cast<KeyPoints*>(user);
-  const auto n = static_cast<size_t>(result->count);
-  out->positions.assign(result->positions, result->positions + 3 * n);
-  out->descriptors.assign(result->descriptors, result->descriptors + 33 * n);
-}
-
 Outcome Missing(const char* name) {
   Outcome o;
   o.status = Outcome::kMissing;
@@ -222,14 +204,14 @@ class OursSide final : public Side {
   }
 
   std::vector<std::string> registrationMethods() const override {
-    return {"one call", "chained exports"};
+    return {"one call"};
   }
 
   RegOutcome registerPair(const Cloud& first,
                           const Cloud& second,
                           const RegParams& p,
                           int method) override {
-    if (method == 1) return registerChained(first, second, p);
+    (void)method;
     RegOutcome out;
     if (inst_ == nullptr || api_.QorvMatchPairPointCloud == nullptr) {
       out.status = Outcome::kMissing;
@@ -258,55 +240,6 @@ class OursSide final : public Side {
   static constexpr int32_t kRansacIterations = 100000;
 
  private:
-  // The peers' recipe with Qorv's exports: voxel filter r, normals 2 r, key points (2 r, non-max
-  // r, ratios 0.975) with descriptors (5 r, 5 r), RANSAC (edge ratio 0.9, inlier distance 1.5 r,
-  // no normal test: the estimated normals all point to +z in their own frame).
-  RegOutcome registerChained(const Cloud& first, const Cloud& second, const RegParams& p) {
-    RegOutcome out;
-    if (inst_ == nullptr || api_.QorvVoxelFilter == nullptr || api_.QorvComputeNormals == nullptr ||
-        api_.QorvDetectAndCompute == nullptr || api_.QorvRansacMatchKeyPoints == nullptr) {
-      out.status = Outcome::kMissing;
-      out.note = "an export of the chain is missing";
-      return out;
-    }
-    setThreads(p.threads);
-    const auto r = static_cast<float>(p.resolution);
-    Stopwatch watch;
-    KeyPoints keys1;
-    KeyPoints keys2;
-    prepareChained(first, r, keys1);
-    prepareChained(second, r, keys2);
-    double transform[12] = {};
-    int64_t matches = 0;
-    if (keys1.count() > 0 && keys2.count() > 0) {
-      api_.QorvRansacMatchKeyPoints(inst_, keys1.positions.data(), nullptr, keys1.descriptors.data(),
-                                    keys1.count(), keys2.positions.data(), nullptr,
-                                    keys2.descriptors.data(), keys2.count(), transform,
-                                    kRansacIterations, 0.9f, 1.5f * r, CountMatches, &matches);
-    }
-    out.seconds = watch.seconds();
-    for (int i = 0; i < 12; ++i) out.transform[i] = transform[i];
-    out.note = std::to_string(keys1.count()) + "/" + std::to_string(keys2.count()) +
-               " key points, " + std::to_string(matches) + " inlier pairs";
-    return out;
-  }
-
-  void prepareChained(const Cloud& cloud, float r, KeyPoints& keys) {
-    std::vector<int32_t> kept;
-    api_.QorvVoxelFilter(inst_, cloud.xyz.data(), static_cast<int32_t>(cloud.size()), r,
-                         CollectIndices, &kept);
-    std::vector<float> points(3 * kept.size());
-    for (size_t i = 0; i < kept.size(); ++i) {
-      for (int d = 0; d < 3; ++d) points[3 * i + d] = cloud.xyz[3 * static_cast<size_t>(kept[i]) + d];
-    }
-    const auto n = static_cast<int32_t>(kept.size());
-    if (n == 0) return;
-    std::vector<float> normals(points.size());
-    api_.QorvComputeNormals(inst_, points.data(), normals.data(), n, 0, 2.0f * r);
-    api_.QorvDetectAndCompute(inst_, points.data(), normals.data(), n, 2.0f * r, r, 5.0f * r,
-                              5.0f * r, 0.975f, 0.975f, 0, CollectKeyPoints, &keys);
-  }
-
   static int64_t Sum(const std::vector<int64_t>& v) {
     int64_t s = 0;
     for (int64_t x : v) s += x;

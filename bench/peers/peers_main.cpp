@@ -594,7 +594,6 @@ const char* OpLabel(const std::string& op) {
       {"detect", "key points + descriptors"},
       {"read", "read x y z text file"},
       {"register", "global registration: Qorv one call, PCL, Open3D RANSAC"},
-      {"register-chained-exports", "global registration: Qorv exports chained, PCL, Open3D RANSAC"},
       {"register-FGR", "global registration: Qorv one call, PCL, Open3D FGR"},
   };
   auto it = labels.find(op);
@@ -727,9 +726,6 @@ int PrintTable(const Options& opt) {
        << "                    Qorv: QorvMatchPairPointCloud(resolution r, kernelScale -1 -> RANSAC, 100000 "
           "iterations, cross check on); its chain is outlier removal, smoothing, voxel r, normals 2 r, key points "
           "2 r with ratios 0.01, descriptors r / 5 r.\n"
-       << "                    Qorv exports chained (the peers' recipe): QorvVoxelFilter(r), QorvComputeNormals(2 r), "
-          "QorvDetectAndCompute(2 r, non-max r, descriptors 5 r / 5 r, ratios 0.975), QorvRansacMatchKeyPoints(100000 "
-          "iterations, edge ratio 0.9, inlier distance 1.5 r, no normals).\n"
        << "                    PCL: VoxelGrid(r), NormalEstimationOMP(2 r), FPFHEstimationOMP(5 r), "
           "SampleConsensusPrerejective(20000 iterations, 3 samples, randomness 5, similarity 0.9, max "
           "correspondence distance 1.5 r, inlier fraction 0.25).\n"

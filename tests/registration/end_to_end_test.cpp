@@ -3,8 +3,8 @@
 //
 // Registration of two partial views of a real scan under a known motion, through the same chain
 // as the pair pipeline (outlier removal, smoothing, voxel thinning, normals, key points and
-// descriptors) but with the detector and descriptor settings that docs/registration_quality.md
-// found for smooth surfaces, then RANSAC and the iterative matcher refining its result.
+// descriptors) but with detector and descriptor settings suited to smooth surfaces, then RANSAC
+// and the iterative matcher refining its result.
 #include <algorithm>
 #include <cmath>
 #include <random>
