@@ -1,3 +1,4 @@
+#include <qorv/engine.h>
 #include <qorv/qorv.h>
 #include <stdio.h>
 
@@ -5,9 +6,18 @@ int main(void) {
   QorvInstance* inst = NULL;
   const double quarterTurn[9] = {0, -1, 0, 1, 0, 0, 0, 0, 1};
   float p[3] = {1.0f, 0.0f, 0.0f};
+  QorvEngineOptions options;
+  QorvEngineResult result = {sizeof(QorvEngineResult)};
+  QorvEngineCloud empty = {p, NULL, 0};
   if (QorvCreateInstance(&inst) != QORV_OK) return 1;
   QorvRotatePoints(inst, quarterTurn, p, p, 1);
   QorvDestroyInstance(inst);
   printf("qorv %s: (%g, %g, %g)\n", QorvVersion(), p[0], p[1], p[2]);
-  return (p[0] == 0.0f && p[1] == 1.0f && p[2] == 0.0f) ? 0 : 2;
+  if (!(p[0] == 0.0f && p[1] == 1.0f && p[2] == 0.0f)) return 2;
+  /* The engine refuses an empty cloud with a message. */
+  QorvEngineDefaultOptions(&options);
+  if (QorvEngineRegister(&empty, &empty, &options, &result) != QORV_ENGINE_ERROR_TOO_FEW_POINTS) return 3;
+  printf("qorv engine %s (interface %d): %s\n", QorvEngineVersion(), QorvEngineApiVersion(),
+         QorvEngineLastError());
+  return QorvEngineApiVersion() == QORV_ENGINE_API_VERSION ? 0 : 4;
 }

@@ -25,10 +25,10 @@ file(GLOB_RECURSE pc_files ${prefix}/*/qorv.pc)
 list(GET pc_files 0 pc_file)
 get_filename_component(pc_dir ${pc_file} DIRECTORY)
 set(ENV{PKG_CONFIG_PATH} ${pc_dir})
-execute_process(COMMAND pkg-config --cflags --libs qorv OUTPUT_VARIABLE flags RESULT_VARIABLE rc
+execute_process(COMMAND pkg-config --cflags --libs qorv qorv-engine OUTPUT_VARIABLE flags RESULT_VARIABLE rc
                 OUTPUT_STRIP_TRAILING_WHITESPACE)
 if(NOT rc EQUAL 0)
-  message(FATAL_ERROR "pkg-config does not know qorv")
+  message(FATAL_ERROR "pkg-config does not know qorv and qorv-engine")
 endif()
 separate_arguments(flags UNIX_COMMAND "${flags}")
 execute_process(COMMAND cc ${SOURCE_DIR}/main.c ${flags} -o ${WORK_DIR}/consumer_pc RESULT_VARIABLE rc)
