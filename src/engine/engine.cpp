@@ -37,6 +37,7 @@ constexpr int32_t kMaxMatches = 3000;
 constexpr int32_t kMinMutual = 30;
 constexpr float kCoarseIcpDistance = 2.0f;
 constexpr float kFineIcpDistance = 3.0f;
+constexpr double kFineKernel = 2.0;
 constexpr float kVerdictDistance = 1.5f;
 constexpr double kSpacingFloor = 1.5;        // the matching voxel is never below 1.5 x the spacing
 constexpr int32_t kMinPoints = 5;
@@ -270,7 +271,8 @@ int32_t Register(const CloudView& targetView,
     // Dense refinement at the fine scale, then the verdict.
     IcpParams ip;
     ip.maxDistance = kFineIcpDistance * static_cast<float>(fineVoxel);
-    ip.kernel = fineVoxel;
+    // The kernel is wider than the voxel: sensor noise of a few fine voxels must still pull.
+    ip.kernel = kFineKernel * fineVoxel;
     ip.maxIterations = options.mode == Mode::kLocal ? 40 : 20;
     ip.stopShift = 1e-3 * fineVoxel;
     if (options.mode == Mode::kLocal) {
