@@ -11,8 +11,17 @@
 
 namespace qorv::engine {
 
-double VoxelForBudget(const Cloud& cloud, int32_t budget) {
-  if (cloud.size() <= budget) return 0.0;
+double VoxelForBudget(const Cloud& full, int32_t budget) {
+  if (full.size() <= budget) return 0.0;
+  // Counting on every k-th point is as good as counting on all while a voxel at the budget still
+  // holds about 8 of them: large clouds are counted on such a sample.
+  const int64_t stride = std::max<int64_t>(1, full.size() / (8 * static_cast<int64_t>(budget)));
+  Cloud sample;
+  if (stride > 1) {
+    sample.points.resize(3, (full.size() + stride - 1) / stride);
+    for (Eigen::Index i = 0; i < sample.points.cols(); ++i) sample.points.col(i) = full.points.col(i * stride);
+  }
+  const Cloud& cloud = stride > 1 ? sample : full;
   const Eigen::Vector3f extentF = cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
   std::array<double, 3> extent = {extentF[0], extentF[1], extentF[2]};
   std::sort(extent.begin(), extent.end());

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "engine/parallel.hpp"
+
 namespace qorv::engine {
 namespace {
 
@@ -15,35 +17,57 @@ constexpr double kAxisCells = static_cast<double>((1 << kAxisBits) - 1);
 std::vector<uint64_t> CellKeys(const Cloud& cloud, double voxel) {
   const Eigen::Vector3f low = cloud.points.rowwise().minCoeff();
   const double inv = 1.0 / voxel;
-  std::vector<uint64_t> keys(static_cast<size_t>(cloud.size()));
-  for (int32_t i = 0; i < cloud.size(); ++i) {
-    uint64_t key = 0;
-    for (int d = 2; d >= 0; --d) {
-      const double cell = std::floor((static_cast<double>(cloud.points(d, i)) - low[d]) * inv);
-      key = (key << kAxisBits) | static_cast<uint64_t>(std::clamp(cell, 0.0, kAxisCells));
+  const int32_t n = cloud.size();
+  std::vector<uint64_t> keys(static_cast<size_t>(n));
+  constexpr int32_t kBlock = 16384;
+  ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
+    for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
+      uint64_t key = 0;
+      for (int d = 2; d >= 0; --d) {
+        const double cell = std::floor((static_cast<double>(cloud.points(d, i)) - low[d]) * inv);
+        key = (key << kAxisBits) | static_cast<uint64_t>(std::clamp(cell, 0.0, kAxisCells));
+      }
+      keys[static_cast<size_t>(i)] = key;
     }
-    keys[static_cast<size_t>(i)] = key;
-  }
+  });
   return keys;
 }
 
 // Numbers the distinct keys in order of first appearance (cellOf[i] is point i's cell) with an
-// open-addressing table: linear time, and the numbering depends only on the points' order.
+// open-addressing table that grows with the cells, not the points, so that it stays in cache:
+// linear time, and the numbering depends only on the points' order.
 int32_t NumberCells(const std::vector<uint64_t>& keys, std::vector<int32_t>& cellOf) {
-  size_t capacity = 16;
-  while (capacity < 2 * keys.size()) capacity <<= 1;
   constexpr uint64_t kEmpty = ~uint64_t{0};  // no cell key has all 64 bits set (3 x 21 bits)
+  size_t capacity = 1024;
   std::vector<uint64_t> table(capacity, kEmpty);
   std::vector<int32_t> number(capacity);
-  cellOf.resize(keys.size());
-  int32_t cells = 0;
-  const size_t mask = capacity - 1;
-  for (size_t i = 0; i < keys.size(); ++i) {
-    const uint64_t key = keys[i];
+  auto slotOf = [&](uint64_t key) {
+    const size_t mask = capacity - 1;
     size_t slot = static_cast<size_t>((key * 0x9e3779b97f4a7c15ull) >> 20) & mask;
     while (table[slot] != kEmpty && table[slot] != key) slot = (slot + 1) & mask;
+    return slot;
+  };
+  cellOf.resize(keys.size());
+  int32_t cells = 0;
+  for (size_t i = 0; i < keys.size(); ++i) {
+    size_t slot = slotOf(keys[i]);
     if (table[slot] == kEmpty) {
-      table[slot] = key;
+      if (2 * static_cast<size_t>(cells + 1) > capacity) {
+        // Keep the load below one half: rehash into a table twice the size.
+        std::vector<uint64_t> oldTable(2 * capacity, kEmpty);
+        std::vector<int32_t> oldNumber(2 * capacity);
+        oldTable.swap(table);
+        oldNumber.swap(number);
+        capacity *= 2;
+        for (size_t k = 0; k < oldTable.size(); ++k) {
+          if (oldTable[k] == kEmpty) continue;
+          const size_t to = slotOf(oldTable[k]);
+          table[to] = oldTable[k];
+          number[to] = oldNumber[k];
+        }
+        slot = slotOf(keys[i]);
+      }
+      table[slot] = keys[i];
       number[slot] = cells++;
     }
     cellOf[i] = number[slot];
