@@ -9,7 +9,7 @@
 
 #include "api/guard.hpp"
 #include "api/instance.hpp"
-#include "api/log.hpp"
+#include "runtime/log.hpp"
 #include "features/depth_maps.hpp"
 #include "features/organized_keypoints.hpp"
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "api/log.hpp"
+#include "runtime/log.hpp"
 #include "registration/descriptor_matching.hpp"
 
 namespace qorv {

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <vector>
 
-#include "api/log.hpp"
+#include "runtime/log.hpp"
 #include "search/kd_tree.hpp"
 
 namespace qorv {

@@ -7,7 +7,7 @@
 #include <Eigen/Cholesky>
 #include <Eigen/Core>
 
-#include "api/log.hpp"
+#include "runtime/log.hpp"
 
 namespace qorv {
 namespace {

@@ -8,7 +8,7 @@
 #include <cmath>
 #include <numeric>
 
-#include "api/log.hpp"
+#include "runtime/log.hpp"
 #include "registration/libc_random.hpp"
 
 namespace qorv {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
-#include "api/log.hpp"
+#include "runtime/log.hpp"
 
 #include <cstdarg>
 #include <cstdio>
