@@ -7,6 +7,7 @@
 
 #include "api/guard.hpp"
 #include "api/instance.hpp"
+#include "api/match_delivery.hpp"
 #include "registration/correspondences.hpp"
 #include "registration/descriptor_matching.hpp"
 #include "registration/distance_check.hpp"

@@ -2,8 +2,6 @@
 // Copyright (c) 2026 The Qorv developers
 #include "engine/engine.hpp"
 
-#include <qorv/engine.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -213,7 +211,7 @@ int32_t Register(const CloudView& targetView,
       error = "the " + std::string(t.cloud.size() < kMinPoints ? "target" : "source") + " cloud has " +
               std::to_string(std::min(t.cloud.size(), s.cloud.size())) + " finite points; at least " +
               std::to_string(kMinPoints) + " are needed";
-      return QORV_ENGINE_ERROR_TOO_FEW_POINTS;
+      return kTooFewPoints;
     }
     for (const Level* level : {&t, &s}) {
       const Eigen::Vector3f extent =
@@ -221,7 +219,7 @@ int32_t Register(const CloudView& targetView,
       if (!(extent.maxCoeff() > 0.0f)) {
         error = "all finite points of the " + std::string(level == &t ? "target" : "source") +
                 " cloud coincide: there is no shape to register";
-        return QORV_ENGINE_ERROR_TOO_FEW_POINTS;
+        return kTooFewPoints;
       }
     }
     clock.lap("prepare");
@@ -243,7 +241,7 @@ int32_t Register(const CloudView& targetView,
   const double spacing = std::max(MedianSpacing(*fineTarget.tree), MedianSpacing(*fineSource.tree));
   if (!(spacing > 0.0)) {
     error = "the clouds' points all coincide: there is no scale to work at";
-    return QORV_ENGINE_ERROR_TOO_FEW_POINTS;
+    return kTooFewPoints;
   }
   double v = options.voxel;
   if (!(v > 0.0)) {
@@ -313,7 +311,7 @@ int32_t Register(const CloudView& targetView,
     if (result.registered) break;
   }
   outcome = std::move(result);
-  return QORV_ENGINE_OK;
+  return kOk;
 }
 
 }  // namespace qorv::engine

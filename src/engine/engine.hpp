@@ -68,8 +68,14 @@ struct Outcome {
   std::vector<StageTime> stages;
 };
 
-// Registers source onto target. Returns 0 (QORV_ENGINE_OK) or an engine error code with a
-// message in error; a negative verdict is not an error.
+// Failures of Register (the C interface uses the same numbers).
+enum Status : int32_t {
+  kOk = 0,
+  kTooFewPoints = 4,  // a cloud has no shape to register
+};
+
+// Registers source onto target. Returns kOk, or a failure with a message in error; a negative
+// verdict is not a failure.
 int32_t Register(const CloudView& target,
                  const CloudView& source,
                  const Options& options,

@@ -18,6 +18,9 @@
 
 using qorv::engine::SetLastError;
 
+static_assert(qorv::engine::kOk == QORV_ENGINE_OK, "status codes must agree");
+static_assert(qorv::engine::kTooFewPoints == QORV_ENGINE_ERROR_TOO_FEW_POINTS, "status codes must agree");
+
 namespace {
 
 int32_t Fail(int32_t code, const std::string& message) {

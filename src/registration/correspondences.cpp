@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "runtime/log.hpp"
 #include "registration/descriptor_matching.hpp"
 
 namespace qorv {
@@ -52,23 +51,6 @@ Correspondences BuildCorrespondences(const KeyPointSet& first,
     }
   }
   return pairs;
-}
-
-void DeliverMatches(const std::vector<int32_t>& matches,
-                    uint32_t count,
-                    QorvMatchCallback callback,
-                    void* user) {
-  if (callback == nullptr) return;
-  std::vector<QorvMatchPair> pairs;
-  pairs.reserve(matches.size());
-  for (size_t j = 0; j < matches.size(); ++j) {
-    if (matches[j] != -1) {
-      pairs.push_back({static_cast<uint32_t>(j), static_cast<uint32_t>(matches[j])});
-    }
-  }
-  if (pairs.size() != count) LogInfo("Match condition error.");
-  if (pairs.size() < count) pairs.resize(count, QorvMatchPair{UINT32_MAX, UINT32_MAX});
-  callback(count == 0 ? nullptr : pairs.data(), count, user);
 }
 
 void PoseToMatrix(const float pose[12], double* matrix) {

@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <vector>
 
-#include <qorv/qorv.h>
-
 #include "runtime/parallel_for.hpp"
 
 namespace qorv {
@@ -44,16 +42,6 @@ Correspondences BuildCorrespondences(const KeyPointSet& first,
                                      const KeyPointSet& second,
                                      const std::vector<int32_t>& matches,
                                      bool withNormals);
-
-// Hands the surviving matches (entries != -1, as (j, matches[j]) in order of j) to the callback
-// with `count` as its count, logging "Match condition error." when their number differs from count.
-// pairs is null when count is 0. The array holds at least max(count, survivors) entries; entries
-// past the survivors (possible only when count exceeds them) are all bits set. No-op without a
-// callback.
-void DeliverMatches(const std::vector<int32_t>& matches,
-                    uint32_t count,
-                    QorvMatchCallback callback,
-                    void* user);
 
 // A pose as 12 floats (rotation row after row, then translation) to and from the 12 doubles of a
 // 3 x 4 matrix [R | t] row after row.
