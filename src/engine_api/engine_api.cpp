@@ -18,8 +18,9 @@
 
 using qorv::engine::SetLastError;
 
-static_assert(qorv::engine::kOk == QORV_ENGINE_OK, "status codes must agree");
-static_assert(qorv::engine::kTooFewPoints == QORV_ENGINE_ERROR_TOO_FEW_POINTS, "status codes must agree");
+static_assert(static_cast<int32_t>(qorv::engine::kOk) == QORV_ENGINE_OK, "status codes must agree");
+static_assert(static_cast<int32_t>(qorv::engine::kTooFewPoints) == QORV_ENGINE_ERROR_TOO_FEW_POINTS,
+              "status codes must agree");
 
 namespace {
 
