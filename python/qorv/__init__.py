@@ -25,6 +25,8 @@ from .features import (KeyPoints, Maps, depth_to_vmap_nmap, detect_and_compute,
                        detect_and_compute_vmap_nmap)
 from .geometry import (absolute_orientation, read_points_from_asc, rotate_points,
                        transform_points, version, write_points_to_asc)
+from ._engine_library import QorvEngineError, QorvTooFewPointsError
+from .engine import RegistrationResult, engine_version, register
 from .instance import Instance, default_instance
 from .registration import (Registration, check_distance, iterative_match_key_points,
                            match_descriptor, match_pair_point_cloud, ransac_match_key_points)

@@ -36,6 +36,9 @@ constexpr int32_t kMinMutual = 30;
 constexpr float kCoarseIcpDistance = 2.0f;
 constexpr float kFineIcpDistance = 3.0f;
 constexpr double kFineKernel = 2.0;
+constexpr double kNarrowKernel = 3.0;    // x the residual scale of the wide pass
+constexpr double kNarrowFloor = 0.25;    // x the fine voxel
+constexpr double kNarrowDistance = 2.0;  // x the narrow kernel
 constexpr float kVerdictDistance = 1.5f;
 constexpr double kSpacingFloor = 1.5;        // the matching voxel is never below 1.5 x the spacing
 constexpr int32_t kMinPoints = 5;
@@ -280,9 +283,17 @@ int32_t Register(const CloudView& targetView,
       coarse.kernel = tryVoxel;
       tr.best.pose = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, coarse).pose;
     }
-    const Pose pose = options.mode == Mode::kEvaluate
-                          ? tr.best.pose
-                          : RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, ip).pose;
+    Pose pose = tr.best.pose;
+    if (options.mode != Mode::kEvaluate) {
+      const IcpOutcome wide = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, pose, ip);
+      // Then narrow to the residuals the data shows: clean scans settle on their exact overlap,
+      // noisy sensors keep a kernel as wide as their noise.
+      IcpParams narrow = ip;
+      narrow.kernel = std::max(kNarrowKernel * wide.residualScale, kNarrowFloor * fineVoxel);
+      narrow.maxDistance = static_cast<float>(std::max(kNarrowDistance * narrow.kernel, fineVoxel));
+      narrow.maxIterations = 30;
+      pose = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, wide.pose, narrow).pose;
+    }
     clock.lap("refine");
     // The verdict looks at the try's voxel clouds: averaging has taken the noise out of their
     // points and normals, which the fine clouds still carry.

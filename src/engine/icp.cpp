@@ -17,6 +17,7 @@ namespace {
 struct Normal6 {
   Eigen::Matrix<double, 6, 6> ata = Eigen::Matrix<double, 6, 6>::Zero();
   Eigen::Matrix<double, 6, 1> atb = Eigen::Matrix<double, 6, 1>::Zero();
+  double weight = 0.0, weightedSq = 0.0;
   int32_t pairs = 0;
 };
 
@@ -67,6 +68,8 @@ IcpOutcome RefinePointToPlane(const Cloud& source,
         j.tail<3>() = normal;
         part.ata.noalias() += w * j * j.transpose();
         part.atb.noalias() -= w * residual * j;
+        part.weight += w;
+        part.weightedSq += w * residual * residual;
         ++part.pairs;
       }
       parts[static_cast<size_t>(block)] = part;
@@ -75,9 +78,12 @@ IcpOutcome RefinePointToPlane(const Cloud& source,
     for (const Normal6& part : parts) {
       sum.ata += part.ata;
       sum.atb += part.atb;
+      sum.weight += part.weight;
+      sum.weightedSq += part.weightedSq;
       sum.pairs += part.pairs;
     }
     out.pairs = sum.pairs;
+    out.residualScale = sum.weight > 0.0 ? std::sqrt(sum.weightedSq / sum.weight) : 0.0;
     out.iterations = iteration + 1;
     if (sum.pairs < 6) break;
     // A touch of damping keeps directions the surfaces do not constrain (a plane's slide) still.

@@ -21,7 +21,8 @@ struct IcpParams {
 struct IcpOutcome {
   Pose pose = Pose::Identity();
   int32_t iterations = 0;
-  int32_t pairs = 0;  // pairs used in the last step
+  int32_t pairs = 0;           // pairs used in the last step
+  double residualScale = 0.0;  // weighted RMS point-to-plane residual of the last step
 };
 
 // Robust point-to-plane ICP: each step pairs every moved source point with its nearest target point

@@ -1,0 +1,172 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
+"""qorv.register: the registration engine of libqorv_engine (QorvEngineRegister)."""
+
+import ctypes
+import dataclasses
+
+import numpy as np
+
+from ._engine_library import check, load
+
+MODES = {"global": 0, "local": 1, "evaluate": 2}
+MAX_STAGES = 24
+
+
+class _Cloud(ctypes.Structure):
+    _fields_ = [("points", ctypes.c_void_p), ("normals", ctypes.c_void_p), ("count", ctypes.c_int64),
+                ("width", ctypes.c_int32), ("height", ctypes.c_int32),
+                ("has_viewpoint", ctypes.c_int32), ("viewpoint", ctypes.c_double * 3)]
+
+
+class _Options(ctypes.Structure):
+    _fields_ = [("struct_size", ctypes.c_uint32), ("mode", ctypes.c_int32), ("voxel", ctypes.c_double),
+                ("point_budget", ctypes.c_int32), ("refine_budget", ctypes.c_int32),
+                ("seed", ctypes.c_uint64), ("threads", ctypes.c_int32), ("has_initial", ctypes.c_int32),
+                ("initial", ctypes.c_double * 16), ("max_tries", ctypes.c_int32),
+                ("max_ransac_iterations", ctypes.c_int32), ("ransac_confidence", ctypes.c_double)]
+
+
+class _Stage(ctypes.Structure):
+    _fields_ = [("name", ctypes.c_char * 32), ("milliseconds", ctypes.c_double)]
+
+
+class _Result(ctypes.Structure):
+    _fields_ = [("struct_size", ctypes.c_uint32), ("registered", ctypes.c_int32),
+                ("transform", ctypes.c_double * 16), ("fitness", ctypes.c_double),
+                ("target_overlap", ctypes.c_double), ("inlier_rmse", ctypes.c_double),
+                ("inlier_distance", ctypes.c_double), ("consistent_pairs", ctypes.c_int32),
+                ("matches", ctypes.c_int32), ("voxel", ctypes.c_double),
+                ("target_points", ctypes.c_int32), ("source_points", ctypes.c_int32),
+                ("target_samples", ctypes.c_int32), ("source_samples", ctypes.c_int32),
+                ("tries", ctypes.c_int32), ("reason", ctypes.c_char * 160),
+                ("stage_count", ctypes.c_int32), ("stages", _Stage * MAX_STAGES)]
+
+
+def _prototypes():
+    lib = load()
+    if not getattr(lib, "_qorv_engine_typed", False):
+        lib.QorvEngineDefaultOptions.restype = None
+        lib.QorvEngineDefaultOptions.argtypes = [ctypes.POINTER(_Options)]
+        lib.QorvEngineRegister.restype = ctypes.c_int32
+        lib.QorvEngineRegister.argtypes = [ctypes.POINTER(_Cloud), ctypes.POINTER(_Cloud),
+                                           ctypes.POINTER(_Options), ctypes.POINTER(_Result)]
+        lib._qorv_engine_typed = True
+    return lib
+
+
+@dataclasses.dataclass
+class RegistrationResult:
+    """What qorv.register found: the motion, the verdict and its measures.
+
+    transform carries source points onto the target (4 x 4, float64); registered is the verdict,
+    reason says why when it is False; fitness and target_overlap are the shares of each cloud within
+    inlier_distance of the other, inlier_rmse their RMS distance, consistent_pairs the feature
+    matches the motion carries; stages maps each stage's name to its milliseconds.
+    """
+
+    transform: np.ndarray
+    registered: bool
+    reason: str
+    fitness: float
+    target_overlap: float
+    inlier_rmse: float
+    inlier_distance: float
+    consistent_pairs: int
+    matches: int
+    voxel: float
+    target_points: int
+    source_points: int
+    target_samples: int
+    source_samples: int
+    tries: int
+    stages: dict
+
+    def __bool__(self):
+        return self.registered
+
+
+def _cloud(name, points, normals, viewpoint, keep):
+    """A QorvEngineCloud view of an (n, 3) or organized (h, w, 3) array (kept alive in `keep`)."""
+    array = np.ascontiguousarray(points, dtype=np.float32)
+    if array.ndim not in (2, 3) or array.shape[-1] != 3:
+        raise ValueError(f"{name} must be an (n, 3) or (h, w, 3) array, got shape {array.shape}")
+    cloud = _Cloud()
+    cloud.points = array.ctypes.data
+    if array.ndim == 3:
+        cloud.height, cloud.width = array.shape[0], array.shape[1]
+    cloud.count = array.shape[0] * (array.shape[1] if array.ndim == 3 else 1)
+    keep.append(array)
+    if normals is not None:
+        n = np.ascontiguousarray(normals, dtype=np.float32)
+        if n.shape != array.shape:
+            raise ValueError(f"{name}_normals must have the shape of {name}: {n.shape} != {array.shape}")
+        cloud.normals = n.ctypes.data
+        keep.append(n)
+    if viewpoint is not None:
+        v = np.asarray(viewpoint, dtype=np.float64).reshape(3)
+        cloud.has_viewpoint = 1
+        cloud.viewpoint[:] = list(v)
+    return cloud
+
+
+def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None, seed=1,
+             threads=0, initial=None, mode="global", max_tries=None, max_ransac_iterations=None,
+             ransac_confidence=None, target_normals=None, source_normals=None,
+             target_viewpoint=None, source_viewpoint=None):
+    """Registers source onto target with the engine and judges the answer.
+
+    target, source: (n, 3) points, or organized (h, w, 3) frames with NaN holes.
+    voxel: the working voxel (0: chosen so that a cloud keeps about point_budget voxels).
+    seed: every random draw depends on it only; the same inputs give the same bits.
+    threads: 0 for the OpenMP default, 1 for serial. initial: a 4 x 4 (or 3 x 4) guess.
+    mode: "global" (features and RANSAC, then ICP), "local" (ICP from initial only) or "evaluate"
+    (the measures and verdict of initial as it is).
+    Returns a RegistrationResult; a negative verdict is not an error (result.registered is False).
+    Raises QorvEngineError (a subclass of QorvError) when the clouds cannot be registered at all.
+    """
+    lib = _prototypes()
+    if mode not in MODES:
+        raise ValueError(f"mode must be one of {sorted(MODES)}, got {mode!r}")
+    options = _Options()
+    lib.QorvEngineDefaultOptions(ctypes.byref(options))
+    options.mode = MODES[mode]
+    options.voxel = float(voxel)
+    options.seed = int(seed)
+    options.threads = int(threads)
+    for field, value in (("point_budget", point_budget), ("refine_budget", refine_budget),
+                         ("max_tries", max_tries), ("max_ransac_iterations", max_ransac_iterations),
+                         ("ransac_confidence", ransac_confidence)):
+        if value is not None:
+            setattr(options, field, type(getattr(options, field))(value))
+    if initial is not None:
+        guess = np.asarray(initial, dtype=np.float64)
+        if guess.shape == (3, 4):
+            guess = np.vstack([guess, [0.0, 0.0, 0.0, 1.0]])
+        if guess.shape != (4, 4):
+            raise ValueError(f"initial must be a 4 x 4 or 3 x 4 matrix, got shape {guess.shape}")
+        options.has_initial = 1
+        options.initial[:] = list(guess.ravel())
+    keep = []
+    t = _cloud("target", target, target_normals, target_viewpoint, keep)
+    s = _cloud("source", source, source_normals, source_viewpoint, keep)
+    result = _Result()
+    result.struct_size = ctypes.sizeof(_Result)
+    check(lib.QorvEngineRegister(ctypes.byref(t), ctypes.byref(s), ctypes.byref(options),
+                                 ctypes.byref(result)), "QorvEngineRegister")
+    return RegistrationResult(
+        transform=np.array(result.transform[:], dtype=np.float64).reshape(4, 4),
+        registered=bool(result.registered), reason=result.reason.decode("utf-8", "replace"),
+        fitness=result.fitness, target_overlap=result.target_overlap, inlier_rmse=result.inlier_rmse,
+        inlier_distance=result.inlier_distance, consistent_pairs=result.consistent_pairs,
+        matches=result.matches, voxel=result.voxel, target_points=result.target_points,
+        source_points=result.source_points, target_samples=result.target_samples,
+        source_samples=result.source_samples, tries=result.tries,
+        stages={result.stages[i].name.decode(): result.stages[i].milliseconds
+                for i in range(result.stage_count)})
+
+
+def engine_version():
+    """The engine library's version string and C interface version."""
+    lib = load()
+    return lib.QorvEngineVersion().decode(), int(lib.QorvEngineApiVersion())
