@@ -83,3 +83,18 @@ bench-peers: deps
 	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
 	fi
 	PEERS_BUILD_DIR=$(CURDIR)/build-peers bench/peers/run_peers.sh
+
+# Registration benchmark: the engine against Open3D (Debian's python3-open3d) on real depth frames,
+# the laser pair and generated views of the sample scans, at 1 and 2 threads. Needs the shared
+# development data: DATA=../shared/data by default. Writes build/registration-bench/.
+DATA ?= ../shared/data
+SPLIT ?= all
+.PHONY: bench-registration
+bench-registration: deps
+	@dpkg-query -W -f='$${Status}\n' python3-open3d 2>/dev/null | grep -q 'install ok installed' || \
+	  (echo "Installing: python3-open3d" && $(SUDO) apt-get update -qq && \
+	   DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends python3-open3d)
+	cmake --preset release
+	cmake --build --preset release --target qorv qorv_engine_lib
+	QORV_LIBRARY=$(CURDIR)/build/libqorv.so QORV_ENGINE_LIBRARY=$(CURDIR)/build/libqorv_engine.so \
+	  /usr/bin/python3 bench/registration/run.py --data $(DATA) --split $(SPLIT)

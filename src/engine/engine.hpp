@@ -30,8 +30,8 @@ enum class Mode { kGlobal, kLocal, kEvaluate };
 struct Options {
   Mode mode = Mode::kGlobal;
   double voxel = 0.0;          // 0: chosen so that a cloud keeps about pointBudget voxels
-  int32_t pointBudget = 5000;  // matching: voxels a cloud keeps
-  int32_t refineBudget = 40000;  // dense refinement: points a cloud keeps
+  int32_t pointBudget = 4000;  // matching: voxels a cloud keeps
+  int32_t refineBudget = 20000;  // dense refinement: points a cloud keeps
   uint64_t seed = 1;
   int32_t threads = 0;  // 0: OpenMP's default
   bool hasInitial = false;
