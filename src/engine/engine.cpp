@@ -42,6 +42,10 @@ constexpr double kNarrowDistance = 2.0;  // x the narrow kernel
 constexpr float kVerdictDistance = 1.5f;
 constexpr double kSpacingFloor = 1.5;        // the matching voxel is never below 1.5 x the spacing
 constexpr int32_t kMinPoints = 5;
+constexpr double kDistinctAngle = 0.175;  // radians (10 degrees): motions further apart are distinct
+constexpr double kDistinctShift = 5.0;    // voxels: likewise for translations
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kChanceMargin = 4.0;  // consistent matches needed, in units of the chance level
 // Scale of each try in turn while the verdict is negative: coarser (noise), then finer (small clouds).
 constexpr double kTryScales[] = {1.0, 1.6, 1.0 / 1.6, 2.5, 1.0 / 2.5, 4.0, 1.0 / 4.0, 6.0};
 
@@ -90,7 +94,7 @@ struct Candidate {
 struct TryResult {
   Level target, source;  // the clouds at the try's voxel, with normals
   Candidate best;
-  double rivalShare = 0.0;
+  std::vector<Candidate> candidates;  // every refined hypothesis, best first
   int32_t consistentPairs = 0;
   int32_t matches = 0;
   int32_t targetSamples = 0, sourceSamples = 0;
@@ -152,7 +156,9 @@ TryResult TryScale(const Level& fineTarget,
   rp.maxIterations = options.maxRansacIterations;
   rp.confidence = options.ransacConfidence;
   rp.seed = options.seed;
-  rp.distinctShift = 5.0 * v;
+  rp.distinctAngle = kDistinctAngle;
+  rp.distinctShift = kDistinctShift * v;
+  rp.centre = source.cloud.points.cast<double>().rowwise().mean();
   int32_t iterations = 0;
   for (const Hypothesis& h : EstimateByRansac(source.cloud, target.cloud, matches, graph, rp, iterations)) {
     starts.push_back(h.pose);
@@ -180,13 +186,7 @@ TryResult TryScale(const Level& fineTarget,
                    [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
   if (!refined.empty()) {
     out.best = refined.front();
-    for (size_t i = 1; i < refined.size(); ++i) {
-      const Candidate& c = refined[i];
-      if (RotationBetween(c.pose, out.best.pose) > 0.175 || TranslationBetween(c.pose, out.best.pose) > 5.0 * v) {
-        out.rivalShare = out.best.score > 0.0 ? c.score / out.best.score : 0.0;
-        break;
-      }
-    }
+    out.candidates = refined;
     out.consistentPairs = consistent(out.best.pose);
   }
   return out;
@@ -263,6 +263,8 @@ int32_t Register(const CloudView& targetView,
   if (options.mode == Mode::kLocal) rules.minConsistentPairs = 0;
   bool haveBest = false;
   double bestScore = -1.0;
+  std::vector<Candidate> seen;
+  const Eigen::Vector3d centre = fineSource.cloud.points.cast<double>().rowwise().mean();
   const int32_t tries = options.mode == Mode::kGlobal ? options.maxTries : 1;
   for (int32_t attempt = 0; attempt < tries; ++attempt) {
     const double tryVoxel = v * kTryScales[attempt];
@@ -300,7 +302,25 @@ int32_t Register(const CloudView& targetView,
     const float verdictDistance = static_cast<float>(kVerdictDistance * tryVoxel);
     const Overlap overlap = MeasureOverlap(tr.source.cloud, *tr.source.tree, tr.target.cloud, *tr.target.tree,
                                            pose, verdictDistance);
-    const std::string reason = Decide(overlap, verdictDistance, tr.consistentPairs, tr.rivalShare, rules);
+    // Matches that agree with a motion by chance: each lands within the inlier distance d of its
+    // partner with the odds of hitting a disc of radius d on a surface of target samples spaced
+    // one voxel apart. Four times that many (and at least the rule's floor) must agree.
+    if (options.mode != Mode::kLocal && tr.targetSamples > 0) {
+      const double chance = tr.matches * kPi * kInlierDistance * kInlierDistance / tr.targetSamples;
+      rules.minConsistentPairs = std::max(VerdictRules().minConsistentPairs,
+                                          static_cast<int32_t>(std::ceil(kChanceMargin * chance)));
+    }
+    // Ambiguity belongs to the scene, not to one scale: a distinct motion that scored nearly as
+    // well in any try so far makes the answer ambiguous (a symmetric object seen two ways).
+    double rivalShare = 0.0;
+    for (const Candidate& c : tr.candidates) seen.push_back(c);
+    for (const Candidate& c : seen) {
+      if (tr.best.score > 0.0 && (RotationBetween(c.pose, pose) > kDistinctAngle ||
+                                  ShiftBetween(c.pose, pose, centre) > kDistinctShift * tryVoxel)) {
+        rivalShare = std::max(rivalShare, c.score / tr.best.score);
+      }
+    }
+    const std::string reason = Decide(overlap, verdictDistance, tr.consistentPairs, rivalShare, rules);
     clock.lap("verdict");
     const double score = Score(overlap) + (reason.empty() ? 1.0 : 0.0);
     if (!haveBest || score > bestScore) {

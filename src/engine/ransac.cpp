@@ -116,7 +116,7 @@ std::vector<Hypothesis> EstimateByRansac(const Cloud& source,
       bool merged = false;
       for (Hypothesis& other : kept) {
         if (RotationBetween(h.pose, other.pose) < params.distinctAngle &&
-            TranslationBetween(h.pose, other.pose) < params.distinctShift) {
+            ShiftBetween(h.pose, other.pose, params.centre) < params.distinctShift) {
           if (h.inliers > other.inliers) other = h;
           merged = true;
           break;

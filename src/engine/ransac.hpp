@@ -20,7 +20,8 @@ struct RansacParams {
   uint64_t seed = 1;
   int32_t keep = 4;              // distinct hypotheses returned
   double distinctAngle = 0.175;  // radians: hypotheses closer than this and
-  double distinctShift = 0.0;    // this translation are one
+  double distinctShift = 0.0;    // this shift of the source's centre are one
+  Eigen::Vector3d centre = Eigen::Vector3d::Zero();
 };
 
 struct Hypothesis {

@@ -44,8 +44,8 @@ double RotationBetween(const Pose& a, const Pose& b) {
   return std::acos(std::clamp((r.trace() - 1.0) / 2.0, -1.0, 1.0));
 }
 
-double TranslationBetween(const Pose& a, const Pose& b) {
-  return (a.topRightCorner<3, 1>() - b.topRightCorner<3, 1>()).norm();
+double ShiftBetween(const Pose& a, const Pose& b, const Eigen::Vector3d& at) {
+  return ((a - b).topLeftCorner<3, 3>() * at + (a - b).topRightCorner<3, 1>()).norm();
 }
 
 }  // namespace qorv::engine

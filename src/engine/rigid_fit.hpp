@@ -17,8 +17,9 @@ Pose FitRigid(const std::vector<Eigen::Vector3d>& from,
               const std::vector<Eigen::Vector3d>& to,
               const std::vector<double>& weights);
 
-// Rotation angle (radians) of a * b^-1 and the distance of their translations.
+// Rotation angle (radians) of a * b^-1, and how far apart the two motions carry the point `at`
+// (a cloud's centre: far from the origin a small turn moves the translations a lot, not the cloud).
 double RotationBetween(const Pose& a, const Pose& b);
-double TranslationBetween(const Pose& a, const Pose& b);
+double ShiftBetween(const Pose& a, const Pose& b, const Eigen::Vector3d& at);
 
 }  // namespace qorv::engine
