@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include <qorv/engine_io.h>
 #include <qorv/qorv.h>
 
 namespace qorv::tools {
@@ -15,8 +16,12 @@ struct Cloud {
   std::vector<float> points;           // 3 per point
   std::vector<float> normals;          // empty or 3 per point
   std::vector<unsigned char> colours;  // empty or 3 per point
-  std::string format;                  // "asc", "ply (ascii)", "pcd (binary)", ...
+  std::string format;                  // "asc", "ply (ascii)", "pcd (binary_compressed)", ...
+  std::string fields;                  // the file's per-point fields
   int64_t droppedNonFinite = 0;        // points with a NaN or infinite coordinate left out
+  int32_t width = 0, height = 0;       // the file's organized layout (height > 1), else 0
+  bool hasViewpoint = false;
+  double viewpoint[3] = {0, 0, 0};     // the sensor origin the file gives
 
   int32_t size() const { return static_cast<int32_t>(points.size() / 3); }
   bool hasNormals() const { return !normals.empty(); }
@@ -25,18 +30,11 @@ struct Cloud {
   Cloud subset(const std::vector<int32_t>& indices) const;
 };
 
-// Reads ASC (through the library), PLY (ascii, binary little or big endian) or PCD (ascii,
-// binary). The format is recognised by the file's first bytes ("ply", a PCD header), else ASC.
-// Throws ToolError with a readable message for a missing or unreadable file, an unsupported
-// or malformed format, or a cloud without points.
-Cloud ReadCloud(QorvInstance* inst, const std::string& path);
+// Reads any cloud file the engine library reads (PLY, PCD, ASC, depth PNG/TIFF through `camera`,
+// NULL for the defaults), keeping its finite points. Throws ToolError with the library's message.
+Cloud ReadCloud(const std::string& path, const QorvEngineDepthCamera* camera = nullptr);
 
-// Writes ASC text through the library: x y z, with normals six columns, with normals and
-// colours nine. Refuses .ply and .pcd names, since the content would be ASC text.
-void WriteCloud(QorvInstance* inst, const std::string& path, const Cloud& cloud);
-
-// Parsers of the PLY and PCD formats from a file's bytes (exposed for the tool's tests).
-Cloud ParsePly(const std::string& bytes, const std::string& path);
-Cloud ParsePcd(const std::string& bytes, const std::string& path);
+// Writes by the extension (.ply, .pcd, else ASC text) through the engine library.
+void WriteCloud(const std::string& path, const Cloud& cloud, int32_t encoding = QORV_ENGINE_ENCODING_DEFAULT);
 
 }  // namespace qorv::tools

@@ -68,7 +68,7 @@ void ReportWritten(const GlobalOptions& global,
 int RunInfo(const GlobalOptions& global, const std::string& path) {
   Session session(global.threads);
   const double start = Now();
-  const Cloud cloud = ReadCloud(session.get(), path);
+  const Cloud cloud = ReadCloud(path);
   const double readMs = Now() - start;
   double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300}, sum[3] = {0, 0, 0};
   for (int32_t i = 0; i < cloud.size(); ++i) {
@@ -97,6 +97,13 @@ int RunInfo(const GlobalOptions& global, const std::string& path) {
     json.key("points").value(cloud.size());
     json.key("normals").value(cloud.hasNormals()).key("colours").value(cloud.hasColours());
     json.key("dropped_non_finite").value(cloud.droppedNonFinite);
+    json.key("fields").value(cloud.fields);
+    json.key("organized");
+    if (cloud.height > 1) {
+      json.beginObject().key("width").value(cloud.width).key("height").value(cloud.height).endObject();
+    } else {
+      json.null();
+    }
     json.key("min").numbers(lo, 3).key("max").numbers(hi, 3).key("extent").numbers(extent, 3);
     json.key("centroid").numbers(centroid, 3);
     json.key("spacing").value(static_cast<double>(spacing));
@@ -110,6 +117,8 @@ int RunInfo(const GlobalOptions& global, const std::string& path) {
                  cloud.size(),
                  cloud.hasNormals() ? ", normals" : "",
                  cloud.hasColours() ? ", colours" : "");
+    std::fprintf(out, "fields    %s\n", cloud.fields.c_str());
+    if (cloud.height > 1) std::fprintf(out, "organized %d x %d\n", cloud.width, cloud.height);
     if (cloud.droppedNonFinite > 0) {
       std::fprintf(out,
                    "dropped   %lld points with non-finite coordinates\n",
@@ -135,7 +144,7 @@ int RunNormals(const GlobalOptions& global,
                float radius,
                int32_t orientNeighbors) {
   Session session(global.threads);
-  Cloud cloud = ReadCloud(session.get(), input);
+  Cloud cloud = ReadCloud(input);
   const double start = Now();
   std::vector<float> normals(cloud.points.size());
   Check(QorvComputeNormals(session.get(),
@@ -153,7 +162,7 @@ int RunNormals(const GlobalOptions& global,
     const float* n = &cloud.normals[3 * static_cast<size_t>(i)];
     if (n[0] == 0.0f && n[1] == 0.0f && n[2] == 0.0f) ++zero;
   }
-  WriteCloud(session.get(), output, cloud);
+  WriteCloud(output, cloud);
   ReportWritten(global,
                 "normals",
                 input,
@@ -169,7 +178,7 @@ int RunNormals(const GlobalOptions& global,
 int RunFilter(const GlobalOptions& global, const FilterOptions& o) {
   Session session(global.threads);
   QorvInstance* inst = session.get();
-  const Cloud cloud = ReadCloud(inst, o.input);
+  const Cloud cloud = ReadCloud(o.input);
   const double start = Now();
   Cloud result;
   if (o.kind == "gaussian") {
@@ -201,7 +210,7 @@ int RunFilter(const GlobalOptions& global, const FilterOptions& o) {
   if (result.size() == 0) {
     throw ToolError(o.kind + " filter kept no point of '" + o.input + "'; nothing written");
   }
-  WriteCloud(inst, o.output, result);
+  WriteCloud(o.output, result);
   ReportWritten(
       global, ("filter " + o.kind).c_str(), o.input, cloud.size(), o.output, result.size(), ms);
   return 0;
@@ -210,7 +219,7 @@ int RunFilter(const GlobalOptions& global, const FilterOptions& o) {
 int RunKeyPoints(const GlobalOptions& global, const KeyPointOptions& o) {
   Session session(global.threads);
   QorvInstance* inst = session.get();
-  Cloud cloud = ReadCloud(inst, o.input);
+  Cloud cloud = ReadCloud(o.input);
   const double start = Now();
   if (!cloud.hasNormals()) {
     cloud.normals.assign(cloud.points.size(), 0.0f);
@@ -247,7 +256,7 @@ int RunKeyPoints(const GlobalOptions& global, const KeyPointOptions& o) {
     throw ToolError("no key points found in '" + o.input +
                     "'; try a larger --radius or looser --ratio21/--ratio32");
   }
-  WriteCloud(inst, o.output, result);
+  WriteCloud(o.output, result);
   if (!o.descriptors.empty()) {
     std::FILE* file = std::fopen(o.descriptors.c_str(), "w");
     if (file == nullptr) throw ToolError("cannot write descriptors to '" + o.descriptors + "'");
@@ -278,11 +287,11 @@ int RunTransform(const GlobalOptions& global,
   Rigid motion = ParseMatrix(text);
   if (inverse) motion = motion.inverse();
   Session session(global.threads);
-  const Cloud cloud = ReadCloud(session.get(), input);
+  const Cloud cloud = ReadCloud(input);
   const double start = Now();
   const Cloud moved = MoveCloud(session, cloud, motion);
   const double ms = Now() - start;
-  WriteCloud(session.get(), output, moved);
+  WriteCloud(output, moved);
   ReportWritten(global, "transform", input, cloud.size(), output, moved.size(), ms);
   return 0;
 }

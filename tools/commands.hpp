@@ -45,6 +45,16 @@ struct RegisterOptions {
   SnapshotOptions view;
 };
 
+// convert and depth: an input file, an output file, the encoding, and the depth camera.
+struct ConvertOptions {
+  std::string input, output;
+  float voxel = 0.0f;  // 0: no thinning
+  int32_t encoding = QORV_ENGINE_ENCODING_DEFAULT;
+  QorvEngineDepthCamera camera;
+
+  ConvertOptions() { QorvEngineDefaultDepthCamera(&camera); }
+};
+
 struct DemoOptions {
   std::string data = "data/sample/dragon_res3.asc";
   std::string snapshot = "build/demo/snapshot.png";
@@ -69,6 +79,8 @@ int RunTransform(const GlobalOptions& global,
                  const std::string& matrix,
                  bool inverse);
 int RunRegister(const GlobalOptions& global, RegisterOptions options);
+int RunConvert(const GlobalOptions& global, const ConvertOptions& options);
+int RunDepth(const GlobalOptions& global, const ConvertOptions& options);
 int RunDemo(const GlobalOptions& global, const DemoOptions& options);
 
 }  // namespace qorv::tools

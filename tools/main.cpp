@@ -134,8 +134,8 @@ int main(int argc, char** argv) {
   using namespace qorv::tools;
   CLI::App app{
       "Point-cloud registration with libqorv.\n"
-      "Clouds are read from ASC, PLY (ascii or binary) or PCD (ascii or binary) and written as "
-      "ASC text.\nThe library's '[QORV INFO]' lines go to stdout; with --json they go to stderr "
+      "Clouds are read from PLY, PCD (ascii, binary, compressed), ASC and depth images (16-bit PNG "
+      "or TIFF) and written as PLY, PCD or ASC, by the output's extension.\nThe library's '[QORV INFO]' lines go to stdout; with --json they go to stderr "
       "and stdout holds only the JSON document; --quiet drops them.",
       "qorv"};
   app.set_version_flag("--version", VersionText);
@@ -265,6 +265,33 @@ int main(int argc, char** argv) {
       ->required();
   transformCmd->add_flag("--inverse", inverse, "Apply the inverse motion");
 
+  // convert and depth
+  auto addOutputOptions = [](CLI::App* sub, ConvertOptions& o) {
+    sub->add_flag_function("--ascii", [&o](int64_t) { o.encoding = QORV_ENGINE_ENCODING_ASCII; },
+                           "Text PLY or PCD");
+    sub->add_flag_function("--compressed", [&o](int64_t) { o.encoding = QORV_ENGINE_ENCODING_COMPRESSED; },
+                           "PCD binary_compressed");
+    const char* group = "Depth camera (depth images)";
+    sub->add_option("--fx", o.camera.fx, "Focal length in pixels, x")->check(kPositive)->capture_default_str()->group(group);
+    sub->add_option("--fy", o.camera.fy, "Focal length in pixels, y")->check(kPositive)->capture_default_str()->group(group);
+    sub->add_option("--cx", o.camera.cx, "Principal point, x")->capture_default_str()->group(group);
+    sub->add_option("--cy", o.camera.cy, "Principal point, y")->capture_default_str()->group(group);
+    sub->add_option("--depth-scale", o.camera.depth_scale, "Depth units per metre")
+        ->check(kPositive)->capture_default_str()->group(group);
+  };
+  ConvertOptions convert;
+  CLI::App* convertCmd = app.add_subcommand("convert", "Any cloud format (or depth image) to PLY, PCD or ASC");
+  convertCmd->add_option("input", convert.input, "Cloud file or depth image")->required();
+  convertCmd->add_option("output", convert.output, "Written by its extension: .ply, .pcd, else ASC")->required();
+  convertCmd->add_option("--voxel", convert.voxel, "Thin to one point a voxel of this edge (QorvVoxelFilter)")
+      ->check(kPositive);
+  addOutputOptions(convertCmd, convert);
+  ConvertOptions depth;
+  CLI::App* depthCmd = app.add_subcommand("depth", "A depth image (16-bit PNG or TIFF) to an organized cloud");
+  depthCmd->add_option("image", depth.input, "Depth image")->required();
+  depthCmd->add_option("output", depth.output, "Cloud file (.pcd keeps the image's layout)")->required();
+  addOutputOptions(depthCmd, depth);
+
   // demo
   DemoOptions demo;
   RegisterFlags demoFlags;
@@ -291,8 +318,8 @@ int main(int argc, char** argv) {
       const std::vector<std::string> extra = app.remaining();
       message = filterCmd->parsed() ? "filter needs one of: voxel, sor, edge, gaussian"
                 : !extra.empty()    ? "unknown command '" + extra.front() + "'"
-                                    : "a command is required: register, info, normals, filter, "
-                                      "keypoints, transform or demo";
+                                    : "a command is required: register, info, convert, depth, "
+                                      "normals, filter, keypoints, transform or demo";
     }
     std::fprintf(stderr,
                  "qorv: error: %s\nRun 'qorv --help' or 'qorv COMMAND --help' for usage.\n",
@@ -318,6 +345,10 @@ int main(int argc, char** argv) {
       status = RunKeyPoints(global, keys);
     } else if (transformCmd->parsed()) {
       status = RunTransform(global, transformIn, transformOut, matrix, inverse);
+    } else if (convertCmd->parsed()) {
+      status = RunConvert(global, convert);
+    } else if (depthCmd->parsed()) {
+      status = RunDepth(global, depth);
     } else if (demoCmd->parsed()) {
       demoFlags.applyTo(demo.settings);
       status = RunDemo(global, demo);

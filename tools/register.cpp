@@ -34,6 +34,10 @@ QorvEngineCloud EngineCloud(const Cloud& cloud) {
   view.points = cloud.points.data();
   view.normals = cloud.hasNormals() ? cloud.normals.data() : nullptr;
   view.count = cloud.size();
+  if (cloud.hasViewpoint) {
+    view.has_viewpoint = 1;
+    std::copy(cloud.viewpoint, cloud.viewpoint + 3, view.viewpoint);
+  }
   return view;
 }
 

@@ -13,12 +13,11 @@
 namespace qorv::tools {
 namespace {
 
-Cloud ReadTimed(const Session& session,
-                const std::string& path,
+Cloud ReadTimed(const std::string& path,
                 const char* stage,
                 std::vector<StageTime>& stages) {
   const double start = Now();
-  Cloud cloud = ReadCloud(session.get(), path);
+  Cloud cloud = ReadCloud(path);
   stages.push_back({stage, Now() - start});
   return cloud;
 }
@@ -71,14 +70,14 @@ int RunRegister(const GlobalOptions& global, RegisterOptions o) {
   }
   Session session(global.threads);
   std::vector<StageTime> stages;
-  const Cloud target = ReadTimed(session, o.target, "read target", stages);
-  const Cloud source = ReadTimed(session, o.source, "read source", stages);
+  const Cloud target = ReadTimed(o.target, "read target", stages);
+  const Cloud source = ReadTimed(o.source, "read source", stages);
   RegistrationReport report = RegisterClouds(session, target, source, o.settings, stages);
   report.target.path = o.target;
   report.source.path = o.source;
   if (!o.output.empty()) {
     const double start = Now();
-    WriteCloud(session.get(), o.output, MoveCloud(session, source, report.transform));
+    WriteCloud(o.output, MoveCloud(session, source, report.transform));
     report.stages.push_back({"write output", Now() - start});
   }
   if (!o.snapshot.empty())
@@ -118,7 +117,7 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& o) {
   }
   Session session(global.threads);
   std::vector<StageTime> stages;
-  const Cloud scan = ReadTimed(session, o.data, "read scan", stages);
+  const Cloud scan = ReadTimed(o.data, "read scan", stages);
 
   // Two views: slabs along the scan's longest axis that share `overlap` of its length.
   double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
@@ -146,8 +145,8 @@ int RunDemo(const GlobalOptions& global, const DemoOptions& o) {
   const Cloud source = MoveCloud(session, secondView, truthMotion);
   if (!o.viewsDir.empty()) {
     MakeParentFolder(o.viewsDir + "/x");
-    WriteCloud(session.get(), o.viewsDir + "/target.asc", target);
-    WriteCloud(session.get(), o.viewsDir + "/source.asc", source);
+    WriteCloud(o.viewsDir + "/target.asc", target);
+    WriteCloud(o.viewsDir + "/source.asc", source);
   }
 
   RegistrationReport report = RegisterClouds(session, target, source, o.settings, stages);

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#include "io/cloud_files.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include "geometry/asc_file.hpp"
+#include "io/pcd_reader.hpp"
+#include "io/ply_reader.hpp"
+#include "io/text_fields.hpp"
+
+namespace qorv::io {
+namespace {
+
+bool StartsWith(std::string_view bytes, std::string_view head) { return bytes.substr(0, head.size()) == head; }
+
+bool IsTiff(std::string_view bytes) {
+  return StartsWith(bytes, std::string_view("II*\0", 4)) || StartsWith(bytes, std::string_view("MM\0*", 4));
+}
+
+CloudData ParseAscText(std::string_view bytes, const std::string& path) {
+  // The tokenizer wants a terminating zero byte after the text.
+  std::string text(bytes);
+  AscCloud asc = ParseAsc(text.c_str(), text.size());
+  if (asc.count > kMaxPoints) throw IoError(IoError::kFormat, "'" + path + "' holds more points than supported");
+  CloudData cloud;
+  cloud.format = "asc";
+  cloud.points = std::move(asc.points);
+  cloud.normals = std::move(asc.normals);
+  cloud.colours.assign(asc.colours.begin(), asc.colours.end());
+  cloud.width = asc.count;
+  cloud.fields = {"x", "y", "z"};
+  if (asc.columns >= 6) cloud.fields.insert(cloud.fields.end(), {"nx", "ny", "nz"});
+  if (asc.columns >= 9) cloud.fields.insert(cloud.fields.end(), {"red", "green", "blue"});
+  cloud.countNonFinite();
+  return cloud;
+}
+
+CloudData Finish(CloudData cloud, const std::string& path, bool keepOrganized) {
+  if (!keepOrganized) cloud.keepFinite();
+  if (cloud.size() - (keepOrganized ? cloud.nonFinite : 0) <= 0) {
+    throw IoError(IoError::kFormat, "'" + path + "' holds no point with finite coordinates");
+  }
+  return cloud;
+}
+
+}  // namespace
+
+CloudData ParseCloud(std::string_view bytes, const std::string& path, bool keepOrganized, const DepthCamera& camera) {
+  if (StartsWith(bytes, "ply\n") || StartsWith(bytes, "ply\r\n")) {
+    return Finish(ParsePly(bytes, path), path, keepOrganized);
+  }
+  if (StartsWith(bytes, "# .PCD") || StartsWith(bytes, "VERSION") || StartsWith(bytes, "FIELDS")) {
+    return Finish(ParsePcd(bytes, path), path, keepOrganized);
+  }
+  if (StartsWith(bytes, "\x89PNG")) return Finish(DepthToCloud(DecodePng(bytes, path), camera), path, keepOrganized);
+  const std::string ext = Extension(path);
+  if (ext == ".ply" || ext == ".pcd" || ext == ".png" || ext == ".tif" || ext == ".tiff") {
+    throw IoError(IoError::kFormat, "'" + path + "' is not a " + ext.substr(1) + " file (its first bytes say otherwise)");
+  }
+  CloudData cloud = ParseAscText(bytes, path);
+  if (cloud.size() == 0) throw IoError(IoError::kFormat, "'" + path + "' has no point in it (read as ASC text)");
+  return Finish(std::move(cloud), path, keepOrganized);
+}
+
+CloudData ReadCloudFile(const std::string& path, bool keepOrganized, const DepthCamera& camera) {
+  const std::string bytes = ReadFileBytes(path);
+  if (IsTiff(bytes)) return Finish(DepthToCloud(ReadTiff(path), camera), path, keepOrganized);
+  return ParseCloud(bytes, path, keepOrganized, camera);
+}
+
+void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding encoding) {
+  const std::string ext = Extension(path);
+  if (cloud.size() == 0) throw IoError(IoError::kFile, "nothing to write to '" + path + "': no point");
+  if (ext != ".ply" && ext != ".pcd") {
+    if (!WritePointsToAsc(path.c_str(), cloud.points.data(), cloud.normals.empty() ? nullptr : cloud.normals.data(),
+                          cloud.colours.empty() ? nullptr : cloud.colours.data(), cloud.size())) {
+      throw IoError(IoError::kFile, "cannot write '" + path + "'");
+    }
+    return;
+  }
+  const std::string bytes = ext == ".ply" ? FormatPly(cloud, encoding) : FormatPcd(cloud, encoding);
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out) throw IoError(IoError::kFile, "cannot write '" + path + "': " + std::strerror(errno));
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  out.close();
+  if (!out) throw IoError(IoError::kFile, "cannot write '" + path + "'");
+}
+
+}  // namespace qorv::io
