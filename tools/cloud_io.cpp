@@ -44,8 +44,8 @@ Cloud ReadCloud(const std::string& path, const QorvEngineDepthCamera* camera) {
   cloud.format = data->format;
   cloud.fields = data->fields;
   cloud.droppedNonFinite = data->non_finite;
-  cloud.width = data->width;
-  cloud.height = data->height;
+  cloud.width = data->file_width;
+  cloud.height = data->file_height;
   // A sensor frame's viewpoint tells where the sensor sat; the default one every PCD file carries
   // (the origin, no turn) says so only for an organized frame.
   const bool defaultViewpoint = data->viewpoint[0] == 0.0 && data->viewpoint[1] == 0.0 && data->viewpoint[2] == 0.0 &&

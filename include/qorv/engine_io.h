@@ -34,6 +34,8 @@ typedef struct QorvEngineCloudData {
   int32_t has_viewpoint;
   double viewpoint[7];  /* sensor origin x y z, then its orientation quaternion w x y z */
   int64_t non_finite;   /* points of the file with a NaN or infinite coordinate */
+  int32_t file_width;   /* the file's organized layout, also when only the finite points were */
+  int32_t file_height;  /* kept (0 when the file is unorganized) */
   char format[32];      /* "ply (binary little endian)", "pcd (binary_compressed)", "depth image", ... */
   char fields[256];     /* the file's per-point fields, separated by spaces (cut to fit) */
 } QorvEngineCloudData;

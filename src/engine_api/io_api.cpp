@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <algorithm>
 #include <climits>
 #include <exception>
 #include <memory>
@@ -79,7 +80,7 @@ QORV_ENGINE_API int32_t QorvEngineReadCloud(const char* path,
     auto owned = std::make_unique<OwnedCloud>();
     owned->cloud = qorv::io::ReadCloudFile(path, keep_organized != 0, k);
     qorv::io::CloudData& c = owned->cloud;
-    if (c.organized() && (c.width > INT32_MAX || c.height > INT32_MAX)) {
+    if (std::max(c.width, c.fileWidth) > INT32_MAX || std::max(c.height, c.fileHeight) > INT32_MAX) {
       return Fail(QORV_ENGINE_ERROR_FORMAT, std::string("'") + path + "': organized size too large");
     }
     QorvEngineCloudData& d = owned->data;
@@ -94,6 +95,9 @@ QORV_ENGINE_API int32_t QorvEngineReadCloud(const char* path,
     d.has_viewpoint = c.hasViewpoint ? 1 : 0;
     std::memcpy(d.viewpoint, c.viewpoint, sizeof(d.viewpoint));
     d.non_finite = c.nonFinite;
+    const bool fileOrganized = c.organized() || c.fileHeight > 1;
+    d.file_width = fileOrganized ? static_cast<int32_t>(c.organized() ? c.width : c.fileWidth) : 0;
+    d.file_height = fileOrganized ? static_cast<int32_t>(c.organized() ? c.height : c.fileHeight) : 0;
     std::strncpy(d.format, c.format.c_str(), sizeof(d.format) - 1);
     std::string fields;
     for (const std::string& f : c.fields) fields += (fields.empty() ? "" : " ") + f;

@@ -18,6 +18,10 @@ void CloudData::countNonFinite() {
 
 void CloudData::keepFinite() {
   countNonFinite();
+  if (organized()) {
+    fileWidth = width;
+    fileHeight = height;
+  }
   const int64_t n = size();
   size_t kept = 0;
   for (int64_t i = 0; i < n; ++i) {

@@ -23,11 +23,12 @@ struct CloudData {
   std::string format;                           // "pcd (binary_compressed)", "ply (ascii)", ...
   std::vector<std::string> fields;              // the file's per-point fields, in file order
   int64_t nonFinite = 0;                        // points with a NaN or infinite coordinate
+  int64_t fileWidth = 0, fileHeight = 0;        // the layout in the file, when it was organized
 
   int64_t size() const { return static_cast<int64_t>(points.size() / 3); }
   bool organized() const { return height > 1; }
   // Drops the points with a non-finite coordinate (and their attributes); the cloud becomes
-  // unorganized. Counts them in nonFinite first.
+  // unorganized (fileWidth and fileHeight keep the layout it had). Counts them in nonFinite first.
   void keepFinite();
   // Counts the non-finite points into nonFinite.
   void countNonFinite();

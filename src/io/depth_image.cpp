@@ -34,11 +34,14 @@ void ReadFromMemory(png_structp png, png_bytep out, png_size_t length) {
 
 void SilentWarning(png_structp, png_const_charp) {}
 
+// Errors end the decoding through the jump buffer without printing: the caller reports them.
+void SilentError(png_structp png, png_const_charp) { png_longjmp(png, 1); }
+
 // The decoding itself, in C style: libpng reports errors by longjmp, which must not cross C++
 // objects with destructors. Returns an error message, or nullptr with *rows filled (big endian).
 const char* DecodePngRows(PngSource* source, png_uint_32* width, png_uint_32* height, unsigned char** pixels,
                           char* message, size_t messageSize) {
-  png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, SilentWarning);
+  png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, SilentError, SilentWarning);
   if (png == nullptr) return "out of memory";
   png_infop info = png_create_info_struct(png);
   unsigned char* volatile buffer = nullptr;
