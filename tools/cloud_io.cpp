@@ -46,11 +46,7 @@ Cloud ReadCloud(const std::string& path, const QorvEngineDepthCamera* camera) {
   cloud.droppedNonFinite = data->non_finite;
   cloud.width = data->file_width;
   cloud.height = data->file_height;
-  // A sensor frame's viewpoint tells where the sensor sat; the default one every PCD file carries
-  // (the origin, no turn) says so only for an organized frame.
-  const bool defaultViewpoint = data->viewpoint[0] == 0.0 && data->viewpoint[1] == 0.0 && data->viewpoint[2] == 0.0 &&
-                                data->viewpoint[3] == 1.0;
-  cloud.hasViewpoint = data->has_viewpoint != 0 && (data->height > 1 || !defaultViewpoint);
+  cloud.hasViewpoint = data->has_viewpoint != 0;
   std::copy(data->viewpoint, data->viewpoint + 3, cloud.viewpoint);
   QorvEngineFreeCloud(data);
   return cloud;

@@ -55,6 +55,14 @@ struct ConvertOptions {
   ConvertOptions() { QorvEngineDefaultDepthCamera(&camera); }
 };
 
+struct BatchOptions {
+  std::string manifest, output;
+  int jobs = 0;  // 0: one a core
+  QorvEngineOptions engine;
+
+  BatchOptions() { QorvEngineDefaultOptions(&engine); }
+};
+
 struct DemoOptions {
   std::string data = "data/sample/dragon_res3.asc";
   std::string snapshot = "build/demo/snapshot.png";
@@ -81,6 +89,7 @@ int RunTransform(const GlobalOptions& global,
 int RunRegister(const GlobalOptions& global, RegisterOptions options);
 int RunConvert(const GlobalOptions& global, const ConvertOptions& options);
 int RunDepth(const GlobalOptions& global, const ConvertOptions& options);
+int RunBatch(const GlobalOptions& global, const BatchOptions& options);
 int RunDemo(const GlobalOptions& global, const DemoOptions& options);
 
 }  // namespace qorv::tools

@@ -292,6 +292,20 @@ int main(int argc, char** argv) {
   depthCmd->add_option("output", depth.output, "Cloud file (.pcd keeps the image's layout)")->required();
   addOutputOptions(depthCmd, depth);
 
+  // batch
+  BatchOptions batch;
+  CLI::App* batchCmd = app.add_subcommand("batch", "Register every pair of a manifest into a JSON-lines file");
+  batchCmd->add_option("manifest", batch.manifest, "CSV with target,source[,initial] columns, or JSON lines")
+      ->required();
+  batchCmd->add_option("--output", batch.output, "Results, one JSON line a pair; a rerun skips the pairs in it")
+      ->required();
+  batchCmd->add_option("--jobs", batch.jobs, "Pairs at once (default: one a core)")->check(CLI::Range(1, 1024));
+  batchCmd->add_option("--voxel", batch.engine.voxel, "Working voxel (default: from the point budget)")->check(kPositive);
+  batchCmd->add_option("--seed", batch.engine.seed, "Seed of every random draw")->capture_default_str();
+  batchCmd->add_option("--max-tries", batch.engine.max_tries, "Scales tried while the verdict is negative")
+      ->check(CLI::Range(1, 8))
+      ->capture_default_str();
+
   // demo
   DemoOptions demo;
   RegisterFlags demoFlags;
@@ -318,8 +332,8 @@ int main(int argc, char** argv) {
       const std::vector<std::string> extra = app.remaining();
       message = filterCmd->parsed() ? "filter needs one of: voxel, sor, edge, gaussian"
                 : !extra.empty()    ? "unknown command '" + extra.front() + "'"
-                                    : "a command is required: register, info, convert, depth, "
-                                      "normals, filter, keypoints, transform or demo";
+                                    : "a command is required: register, batch, info, convert, "
+                                      "depth, normals, filter, keypoints, transform or demo";
     }
     std::fprintf(stderr,
                  "qorv: error: %s\nRun 'qorv --help' or 'qorv COMMAND --help' for usage.\n",
@@ -345,6 +359,8 @@ int main(int argc, char** argv) {
       status = RunKeyPoints(global, keys);
     } else if (transformCmd->parsed()) {
       status = RunTransform(global, transformIn, transformOut, matrix, inverse);
+    } else if (batchCmd->parsed()) {
+      status = RunBatch(global, batch);
     } else if (convertCmd->parsed()) {
       status = RunConvert(global, convert);
     } else if (depthCmd->parsed()) {

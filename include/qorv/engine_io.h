@@ -31,7 +31,7 @@ typedef struct QorvEngineCloudData {
   int64_t count;
   int32_t width;
   int32_t height;
-  int32_t has_viewpoint;
+  int32_t has_viewpoint; /* a depth image, or a PCD frame that is organized or names a viewpoint */
   double viewpoint[7];  /* sensor origin x y z, then its orientation quaternion w x y z */
   int64_t non_finite;   /* points of the file with a NaN or infinite coordinate */
   int32_t file_width;   /* the file's organized layout, also when only the finite points were */

@@ -148,7 +148,12 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
   cloud.fields = h.fields;
   cloud.width = h.width;
   cloud.height = h.height;
-  cloud.hasViewpoint = h.hasViewpoint;
+  // Every PCD writer puts a VIEWPOINT line; the default one (the origin, no turn) tells where the
+  // sensor sat only for an organized frame, which is in its sensor's coordinates.
+  const bool defaultViewpoint = h.viewpoint[0] == 0.0 && h.viewpoint[1] == 0.0 && h.viewpoint[2] == 0.0 &&
+                                h.viewpoint[3] == 1.0 && h.viewpoint[4] == 0.0 && h.viewpoint[5] == 0.0 &&
+                                h.viewpoint[6] == 0.0;
+  cloud.hasViewpoint = h.hasViewpoint && (h.height > 1 || !defaultViewpoint);
   std::memcpy(cloud.viewpoint, h.viewpoint, sizeof(h.viewpoint));
   std::vector<double> values(slots.size(), 0.0);
 

@@ -1,0 +1,39 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
+"""python3 -m qorv batch MANIFEST --output RESULTS.jsonl [--scheduler tcp://HOST:PORT] [--workers N]"""
+
+import argparse
+import json
+import sys
+
+from .batch import run_batch
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(prog="python3 -m qorv", description="Qorv on many scans")
+    commands = parser.add_subparsers(dest="command", required=True)
+    batch = commands.add_parser("batch", help="register every pair of a manifest on a Dask cluster")
+    batch.add_argument("manifest", help="CSV with target,source[,initial] columns, or JSON lines")
+    batch.add_argument("--output", required=True, help="results, one JSON line a pair (a rerun resumes)")
+    batch.add_argument("--scheduler", help="address of a running dask scheduler (default: a local cluster)")
+    batch.add_argument("--workers", type=int, help="worker processes of the local cluster (default: one a core)")
+    batch.add_argument("--voxel", type=float, default=0.0)
+    batch.add_argument("--seed", type=int, default=1)
+    batch.add_argument("--max-tries", type=int)
+    batch.add_argument("--quiet", action="store_true")
+    args = parser.parse_args(argv)
+    options = dict(voxel=args.voxel, seed=args.seed)
+    if args.max_tries:
+        options["max_tries"] = args.max_tries
+    try:
+        summary = run_batch(args.manifest, args.output, scheduler=args.scheduler, workers=args.workers,
+                            options=options, quiet=args.quiet)
+    except (OSError, ValueError) as error:
+        print(f"qorv: error: {error}", file=sys.stderr)
+        return 1
+    print(json.dumps(summary))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

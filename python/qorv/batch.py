@@ -1,0 +1,151 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
+"""Batches of pairs on a Dask cluster: the same manifest, results file and resume rule as
+`qorv batch`, and the same result for each pair (the engine is seeded).
+
+    python3 -m qorv batch MANIFEST --output RESULTS.jsonl [--scheduler tcp://HOST:PORT]
+"""
+
+import csv
+import json
+import os
+import sys
+import time
+
+import numpy as np
+
+FIELDS = ("target", "source", "initial")
+
+
+def read_manifest(path):
+    """Pairs of a CSV manifest (header naming target, source, optionally initial) or JSON lines."""
+    with open(path, newline="") as f:
+        text = f.read()
+    pairs = []
+    stripped = text.lstrip()
+    if stripped.startswith("{"):
+        for number, line in enumerate(text.splitlines(), 1):
+            if not line.strip():
+                continue
+            doc = json.loads(line)
+            if not isinstance(doc.get("target"), str) or not isinstance(doc.get("source"), str):
+                raise ValueError(f"manifest {path!r} line {number}: needs \"target\" and \"source\" strings")
+            pairs.append(dict(pair=len(pairs), target=doc["target"], source=doc["source"],
+                              initial=_initial(doc.get("initial"))))
+    else:
+        rows = csv.DictReader(text.splitlines(), skipinitialspace=True)
+        if not rows.fieldnames or "target" not in rows.fieldnames or "source" not in rows.fieldnames:
+            raise ValueError(f"manifest {path!r}: a CSV manifest starts with a header naming target and source")
+        for row in rows:
+            if not (row.get("target") or "").strip():
+                continue
+            pairs.append(dict(pair=len(pairs), target=row["target"].strip(), source=row["source"].strip(),
+                              initial=_initial((row.get("initial") or "").split() or None)))
+    if not pairs:
+        raise ValueError(f"manifest {path!r} lists no pair")
+    return pairs
+
+
+def _initial(value):
+    if value is None:
+        return None
+    numbers = np.asarray(value, dtype=np.float64).reshape(-1)
+    if numbers.size == 12:
+        numbers = np.concatenate([numbers, [0.0, 0.0, 0.0, 1.0]])
+    if numbers.size != 16:
+        raise ValueError("an initial guess is 12 or 16 numbers")
+    return numbers.reshape(4, 4).tolist()
+
+
+def done_pairs(path):
+    """The "pair" numbers already in a results file; a last line without its line feed (a killed
+    run's) is cut off so that its pair runs again."""
+    if not os.path.exists(path):
+        return set()
+    with open(path, "rb") as f:
+        data = f.read()
+    complete = data.rfind(b"\n") + 1
+    if complete < len(data):
+        os.truncate(path, complete)
+    done = set()
+    for line in data[:complete].splitlines():
+        try:
+            doc = json.loads(line)
+        except ValueError:
+            continue
+        if isinstance(doc, dict) and isinstance(doc.get("pair"), int):
+            done.add(doc["pair"])
+    return done
+
+
+def run_pair(pair, options):
+    """One pair read and registered on one thread: the results line as a dict (the field order of
+    `qorv batch`)."""
+    import qorv
+    start = time.perf_counter()
+    line = dict(pair=pair["pair"], target=pair["target"], source=pair["source"])
+    try:
+        target = qorv.read_cloud(pair["target"])
+        source = qorv.read_cloud(pair["source"])
+        result = qorv.register(
+            target.points, source.points, threads=1, initial=pair["initial"], target_normals=target.normals,
+            source_normals=source.normals,
+            target_viewpoint=None if target.viewpoint is None else target.viewpoint[:3],
+            source_viewpoint=None if source.viewpoint is None else source.viewpoint[:3], **options)
+    except (qorv.QorvError, OSError, ValueError) as error:
+        line.update(registered=False, transform=None, error=str(error).split(": ", 1)[-1])
+    else:
+        line.update(registered=result.registered, transform=result.transform.tolist(), fitness=result.fitness,
+                    target_overlap=result.target_overlap, inlier_rmse=result.inlier_rmse,
+                    consistent_pairs=result.consistent_pairs, voxel=result.voxel,
+                    reason=None if result.registered else result.reason, error=None)
+    line["ms"] = 1000.0 * (time.perf_counter() - start)
+    return line
+
+
+def append_line(fd, line):
+    """One complete line with one write, flushed to disk."""
+    data = (json.dumps(line, separators=(",", ":")) + "\n").encode()
+    while data:
+        data = data[os.write(fd, data):]
+    os.fsync(fd)
+
+
+def run_batch(manifest, output, scheduler=None, workers=None, options=None, quiet=False, retries=2, task=run_pair):
+    """Runs the pairs not yet in `output` on a Dask cluster (an existing one at `scheduler`, else a
+    local one with `workers` processes) and appends each result as it comes. `task(pair, options)`
+    makes a pair's line (run_pair; a stand-in may wrap it). Returns a summary."""
+    from distributed import Client, LocalCluster, as_completed
+    pairs = read_manifest(manifest)
+    done = done_pairs(output)
+    todo = [p for p in pairs if p["pair"] not in done]
+    options = dict(options or {})
+    cluster = None
+    if scheduler is None:
+        cluster = LocalCluster(n_workers=workers or os.cpu_count() or 1, threads_per_worker=1, processes=True,
+                               dashboard_address=None)
+    client = Client(scheduler or cluster)
+    counts = dict(registered=0, not_registered=0, failed=0)
+    start = time.perf_counter()
+    fd = os.open(output, os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o644)
+    try:
+        # A worker that dies mid-pair has its pair run again elsewhere (retries).
+        futures = [client.submit(task, p, options, key=f"qorv-pair-{p['pair']}-{os.getpid()}", pure=False,
+                                 retries=retries) for p in todo]
+        for n, future in enumerate(as_completed(futures), 1):
+            line = future.result()
+            append_line(fd, line)
+            kind = "failed" if line["error"] else "registered" if line["registered"] else "not_registered"
+            counts[kind] += 1
+            if not quiet:
+                rate = n / max(time.perf_counter() - start, 1e-9)
+                print(f"{len(pairs) - len(todo) + n}/{len(pairs)} pair {line['pair']}: {kind.replace('_', ' ')} "
+                      f"({rate:.2f} pairs/s, {(len(todo) - n) / rate:.0f} s left)", file=sys.stderr, flush=True)
+    finally:
+        os.close(fd)
+        client.close()
+        if cluster is not None:
+            cluster.close()
+    seconds = time.perf_counter() - start
+    return dict(command="batch", pairs=len(pairs), skipped=len(pairs) - len(todo), **counts, seconds=seconds,
+                pairs_per_second=len(todo) / max(seconds, 1e-9))

@@ -1,0 +1,108 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
+"""Batches: resume after a kill, missing files, the Dask batch agreeing with `qorv batch`, and a
+worker dying mid-pair. Environment as cli_test.py, with QORV_ENGINE_LIBRARY for the package."""
+
+import json
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import time
+
+import numpy as np
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "python"))
+import qorv  # noqa: E402
+from qorv import batch  # noqa: E402
+
+CLI = os.environ.get("QORV_CLI", str(ROOT / "build" / "tools" / "qorv"))
+DATA = pathlib.Path(os.environ.get("QORV_DATA_DIR", ROOT / "data"))
+
+
+@pytest.fixture(scope="module")
+def manifest(tmp_path_factory):
+    """Twelve view pairs of the dragon sample (one with a guess), and one with a missing file."""
+    folder = tmp_path_factory.mktemp("pairs")
+    rng = np.random.default_rng(7)
+    scan = np.loadtxt(DATA / "sample" / "dragon_res4.asc", dtype=np.float32)
+    lines = ["target,source,initial"]
+    for k in range(12):
+        d = rng.normal(size=3).astype(np.float32)
+        along = scan @ (d / np.linalg.norm(d))
+        lo, hi = np.quantile(along, [0.3, 0.7])
+        q, _ = np.linalg.qr(rng.normal(size=(3, 3)))
+        q *= np.sign(np.linalg.det(q))
+        qorv.write_cloud(folder / f"t{k}.ply", scan[along < hi])
+        qorv.write_cloud(folder / f"s{k}.pcd", (scan[along > lo] @ q.T).astype(np.float32), encoding="compressed")
+        guess = " ".join(str(v) for v in np.eye(4)[:3].ravel()) if k == 3 else ""
+        lines.append(f"{folder}/t{k}.ply,{folder}/s{k}.pcd,{guess}")
+    lines.append(f"{folder}/missing.ply,{folder}/s0.pcd,")
+    path = folder / "manifest.csv"
+    path.write_text("\n".join(lines) + "\n")
+    return path
+
+
+def results(path):
+    text = path.read_text()
+    assert text.endswith("\n")
+    return [json.loads(line) for line in text.splitlines()]
+
+
+def without_time(lines):
+    return {line["pair"]: {k: v for k, v in line.items() if k != "ms"} for line in lines}
+
+
+def test_resume_after_a_kill_runs_every_pair_exactly_once(tmp_path, manifest):
+    out = tmp_path / "r.jsonl"
+    process = subprocess.Popen([CLI, "batch", str(manifest), "--output", str(out), "--jobs", "1"],
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    deadline = time.time() + 60
+    while time.time() < deadline and (not out.exists() or out.read_text().count("\n") < 3):
+        time.sleep(0.01)
+    process.send_signal(signal.SIGKILL)
+    process.wait()
+    partial = out.read_text().count("\n")
+    assert 3 <= partial < 13
+    with open(out, "a") as f:
+        f.write('{"pair": 12, "target": "half a li')  # what a power cut leaves
+    run = subprocess.run([CLI, "--json", "batch", str(manifest), "--output", str(out)], capture_output=True,
+                         text=True, timeout=300)
+    assert run.returncode == 0, run.stderr
+    summary = json.loads(run.stdout)
+    lines = results(out)
+    assert sorted(line["pair"] for line in lines) == list(range(13))
+    assert summary["skipped"] == partial and summary["failed"] == 1
+    missing = [line for line in lines if line["error"]]
+    assert len(missing) == 1 and "cannot open" in missing[0]["error"] and missing[0]["transform"] is None
+    assert all(line["registered"] for line in lines if not line["error"])
+    assert lines[0]["target"].endswith(".ply") and len(lines[0]["transform"]) == 4
+
+
+def test_dask_batch_agrees_with_the_tool_bit_for_bit(tmp_path, manifest):
+    local, dask = tmp_path / "local.jsonl", tmp_path / "dask.jsonl"
+    subprocess.run([CLI, "--quiet", "batch", str(manifest), "--output", str(local)], check=True, timeout=300)
+    summary = batch.run_batch(str(manifest), str(dask), workers=2, quiet=True)
+    assert summary["registered"] == 12 and summary["failed"] == 1
+    assert without_time(results(local)) == without_time(results(dask))
+
+
+def dies_once(pair, options):
+    """Kills its worker process the first time it sees pair 2, as a crash would."""
+    marker = pathlib.Path(options.pop("marker"))
+    if pair["pair"] == 2 and not marker.exists():
+        marker.write_text("died")
+        os._exit(1)
+    return batch.run_pair(pair, options)
+
+
+def test_a_worker_dying_mid_pair_has_the_pair_run_again(tmp_path, manifest):
+    out = tmp_path / "r.jsonl"
+    summary = batch.run_batch(str(manifest), str(out), workers=2, quiet=True, task=dies_once,
+                              options={"marker": str(tmp_path / "marker")})
+    assert (tmp_path / "marker").exists()
+    assert sorted(line["pair"] for line in results(out)) == list(range(13))
+    assert summary["registered"] == 12
