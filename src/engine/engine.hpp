@@ -72,6 +72,7 @@ struct Outcome {
 enum Status : int32_t {
   kOk = 0,
   kTooFewPoints = 4,  // a cloud has no shape to register
+  kInternal = 10,     // a solver gave up
 };
 
 // Registers source onto target. Returns kOk, or a failure with a message in error; a negative

@@ -56,6 +56,20 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   return {};
 }
 
+std::string CheckCloud(const QorvEngineCloud* cloud, const char* what) {
+  const std::string name(what);
+  if (cloud == nullptr) return "the " + name + " cloud is null";
+  if (cloud->count < 0) return "the " + name + " cloud has a negative point count";
+  if (cloud->count > 0 && cloud->points == nullptr) return "the " + name + " cloud's points are null";
+  if (cloud->count > (int64_t{1} << 31) - 1) return "the " + name + " cloud has over 2^31 - 1 points";
+  if (cloud->width < 0 || cloud->height < 0) return "the " + name + " cloud has a negative width or height";
+  if (cloud->height > 1 &&
+      static_cast<int64_t>(cloud->width) * cloud->height != cloud->count) {
+    return "the " + name + " cloud's width x height differs from its point count";
+  }
+  return {};
+}
+
 CloudView ViewOf(const QorvEngineCloud& cloud) {
   CloudView view;
   view.points = cloud.points;

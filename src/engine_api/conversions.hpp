@@ -13,6 +13,9 @@ namespace qorv::engine {
 // The C options as engine options; returns a message naming the first bad field, or "".
 std::string FromC(const QorvEngineOptions& in, Options& out);
 
+// Checks one of the caller's clouds ("target", "source", "scan 3"); "" when it is usable.
+std::string CheckCloud(const QorvEngineCloud* cloud, const char* what);
+
 // The caller's cloud as a view (no copy).
 CloudView ViewOf(const QorvEngineCloud& cloud);
 

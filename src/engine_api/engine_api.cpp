@@ -29,20 +29,6 @@ int32_t Fail(int32_t code, const std::string& message) {
   return code;
 }
 
-// Checks one cloud; returns an empty string when it is usable.
-std::string CheckCloud(const QorvEngineCloud* cloud, const char* what) {
-  const std::string name(what);
-  if (cloud == nullptr) return "the " + name + " cloud is null";
-  if (cloud->count < 0) return "the " + name + " cloud has a negative point count";
-  if (cloud->count > 0 && cloud->points == nullptr) return "the " + name + " cloud's points are null";
-  if (cloud->count > (int64_t{1} << 31) - 1) return "the " + name + " cloud has over 2^31 - 1 points";
-  if (cloud->width < 0 || cloud->height < 0) return "the " + name + " cloud has a negative width or height";
-  if (cloud->height > 1 &&
-      static_cast<int64_t>(cloud->width) * cloud->height != cloud->count) {
-    return "the " + name + " cloud's width x height differs from its point count";
-  }
-  return {};
-}
 
 }  // namespace
 
@@ -71,10 +57,10 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
                                            const QorvEngineOptions* options,
                                            QorvEngineResult* result) {
   try {
-    if (std::string m = CheckCloud(target, "target"); !m.empty()) {
+    if (std::string m = qorv::engine::CheckCloud(target, "target"); !m.empty()) {
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
     }
-    if (std::string m = CheckCloud(source, "source"); !m.empty()) {
+    if (std::string m = qorv::engine::CheckCloud(source, "source"); !m.empty()) {
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
     }
     if (result == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the result is null");

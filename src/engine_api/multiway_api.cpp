@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+// The C interface of many-scan alignment: argument checks, then the C++ alignment.
+#include <qorv/engine_multiway.h>
+
+#include <algorithm>
+#include <exception>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "engine_api/conversions.hpp"
+#include "engine_api/last_error.hpp"
+#include "multiway/multiway.hpp"
+
+using qorv::engine::SetLastError;
+
+namespace {
+
+int32_t Fail(int32_t code, const std::string& message) {
+  SetLastError(message);
+  return code;
+}
+
+qorv::multiway::Pose MatrixOf(const double* m) {
+  qorv::multiway::Pose pose;
+  for (int r = 0; r < 4; ++r) {
+    for (int c = 0; c < 4; ++c) pose(r, c) = m[4 * r + c];
+  }
+  return pose;
+}
+
+}  // namespace
+
+extern "C" {
+
+QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
+                                           int32_t count,
+                                           const QorvEngineOptions* options,
+                                           int32_t loops,
+                                           const QorvEngineMultiwayEdge* extra,
+                                           int32_t extra_count,
+                                           double* poses,
+                                           QorvEngineMultiwayEdge* edges,
+                                           int32_t edge_capacity,
+                                           int32_t* edge_count) {
+  try {
+    if (scans == nullptr || count < 2) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "at least two scans are needed");
+    if (extra_count < 0 || (extra_count > 0 && extra == nullptr)) {
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the extra edges are null or their count negative");
+    }
+    if (poses == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the poses are null");
+    if (edge_capacity < 0 || (edge_capacity > 0 && edges == nullptr)) {
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the edges are null or their capacity negative");
+    }
+    std::vector<qorv::engine::CloudView> views;
+    for (int32_t i = 0; i < count; ++i) {
+      const std::string what = "scan " + std::to_string(i);
+      if (std::string m = qorv::engine::CheckCloud(&scans[i], what.c_str()); !m.empty()) {
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
+      }
+      views.push_back(qorv::engine::ViewOf(scans[i]));
+    }
+    qorv::engine::Options opts;
+    if (options != nullptr) {
+      if (options->struct_size < sizeof(QorvEngineOptions)) {
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                    "the options' struct_size is not set: fill them with QorvEngineDefaultOptions");
+      }
+      QorvEngineOptions global = *options;
+      global.mode = QORV_ENGINE_MODE_GLOBAL;
+      global.has_initial = 0;
+      if (std::string bad = qorv::engine::FromC(global, opts); !bad.empty()) {
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, bad);
+      }
+    }
+    std::vector<qorv::multiway::Edge> given;
+    for (int32_t e = 0; e < extra_count; ++e) {
+      const QorvEngineMultiwayEdge& x = extra[e];
+      if (x.from < 0 || x.from >= count || x.to < 0 || x.to >= count || x.from == x.to) {
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "extra edge " + std::to_string(e) + " names no two scans");
+      }
+      if (!(x.rotation_sigma > 0.0) || !(x.shift_sigma > 0.0)) {
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "extra edge " + std::to_string(e) + " needs positive sigmas");
+      }
+      qorv::multiway::Edge edge;
+      edge.from = x.from;
+      edge.to = x.to;
+      edge.motion = MatrixOf(x.motion);
+      if (!edge.motion.allFinite()) {
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "extra edge " + std::to_string(e) + " holds a non-finite number");
+      }
+      edge.rotationSigma = x.rotation_sigma;
+      edge.shiftSigma = x.shift_sigma;
+      given.push_back(edge);
+    }
+    std::vector<qorv::multiway::Pose> settled;
+    std::vector<qorv::multiway::EdgeReport> reports;
+    std::string error;
+    const int32_t code = qorv::multiway::AlignScans(views, opts, loops != 0, given, settled, reports, error);
+    if (code != QORV_ENGINE_OK) return Fail(code, error);
+    for (int32_t i = 0; i < count; ++i) {
+      for (int k = 0; k < 16; ++k) poses[16 * i + k] = settled[static_cast<size_t>(i)](k / 4, k % 4);
+    }
+    const int32_t total = static_cast<int32_t>(reports.size());
+    for (int32_t e = 0; e < std::min(total, edge_capacity); ++e) {
+      const qorv::multiway::EdgeReport& r = reports[static_cast<size_t>(e)];
+      QorvEngineMultiwayEdge& out = edges[e];
+      out.from = r.edge.from;
+      out.to = r.edge.to;
+      for (int k = 0; k < 16; ++k) out.motion[k] = r.edge.motion(k / 4, k % 4);
+      out.rotation_sigma = r.edge.rotationSigma;
+      out.shift_sigma = r.edge.shiftSigma;
+      out.loop = r.loop ? 1 : 0;
+      out.registered = r.registered ? 1 : 0;
+      out.rejected = r.edge.rejected ? 1 : 0;
+      out.fitness = r.fitness;
+      out.consistent_pairs = r.consistentPairs;
+    }
+    if (edge_count != nullptr) *edge_count = total;
+    SetLastError("");
+    return QORV_ENGINE_OK;
+  } catch (const std::bad_alloc&) {
+    return Fail(QORV_ENGINE_ERROR_ALLOCATION, "out of memory");
+  } catch (const std::exception& e) {
+    return Fail(QORV_ENGINE_ERROR_INTERNAL, std::string("internal error: ") + e.what());
+  } catch (...) {
+    return Fail(QORV_ENGINE_ERROR_INTERNAL, "internal error");
+  }
+}
+
+}  // extern "C"
