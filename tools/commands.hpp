@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "register.hpp"
 #include "snapshot.hpp"
@@ -63,6 +64,19 @@ struct BatchOptions {
   BatchOptions() { QorvEngineDefaultOptions(&engine); }
 };
 
+struct MultiwayOptions {
+  std::vector<std::string> scans;
+  std::string manifest;       // a file listing more scans, one a line
+  std::string output;         // poses as JSON
+  std::string log;            // poses in the trajectory-log layout
+  std::string merged;         // the merged cloud
+  float mergeVoxel = 0.0f;    // its thinning voxel (0: none)
+  bool noLoops = false;
+  QorvEngineOptions engine;
+
+  MultiwayOptions() { QorvEngineDefaultOptions(&engine); }
+};
+
 struct DemoOptions {
   std::string data = "data/sample/dragon_res3.asc";
   std::string snapshot = "build/demo/snapshot.png";
@@ -90,6 +104,7 @@ int RunRegister(const GlobalOptions& global, RegisterOptions options);
 int RunConvert(const GlobalOptions& global, const ConvertOptions& options);
 int RunDepth(const GlobalOptions& global, const ConvertOptions& options);
 int RunBatch(const GlobalOptions& global, const BatchOptions& options);
+int RunMultiway(const GlobalOptions& global, const MultiwayOptions& options);
 int RunDemo(const GlobalOptions& global, const DemoOptions& options);
 
 }  // namespace qorv::tools

@@ -306,6 +306,19 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 8))
       ->capture_default_str();
 
+  // multiway
+  MultiwayOptions multi;
+  CLI::App* multiwayCmd = app.add_subcommand("multiway", "Align many scans into one frame");
+  multiwayCmd->add_option("scans", multi.scans, "Scan files, in order");
+  multiwayCmd->add_option("--manifest", multi.manifest, "A file listing (more) scans, one a line");
+  multiwayCmd->add_option("--output", multi.output, "Poses and edges as JSON")->required();
+  multiwayCmd->add_option("--log", multi.log, "Poses in the trajectory-log layout");
+  multiwayCmd->add_option("--merged", multi.merged, "Write all scans in one frame (PLY, PCD or ASC)");
+  multiwayCmd->add_option("--merge-voxel", multi.mergeVoxel, "Thin the merged cloud to this voxel")->check(kPositive);
+  multiwayCmd->add_flag("--no-loops", multi.noLoops, "Register neighbouring scans only");
+  multiwayCmd->add_option("--voxel", multi.engine.voxel, "Working voxel of the pairs")->check(kPositive);
+  multiwayCmd->add_option("--seed", multi.engine.seed, "Seed of every random draw")->capture_default_str();
+
   // demo
   DemoOptions demo;
   RegisterFlags demoFlags;
@@ -332,8 +345,8 @@ int main(int argc, char** argv) {
       const std::vector<std::string> extra = app.remaining();
       message = filterCmd->parsed() ? "filter needs one of: voxel, sor, edge, gaussian"
                 : !extra.empty()    ? "unknown command '" + extra.front() + "'"
-                                    : "a command is required: register, batch, info, convert, "
-                                      "depth, normals, filter, keypoints, transform or demo";
+                                    : "a command is required: register, batch, multiway, info, "
+                                      "convert, depth, normals, filter, keypoints, transform or demo";
     }
     std::fprintf(stderr,
                  "qorv: error: %s\nRun 'qorv --help' or 'qorv COMMAND --help' for usage.\n",
@@ -359,6 +372,8 @@ int main(int argc, char** argv) {
       status = RunKeyPoints(global, keys);
     } else if (transformCmd->parsed()) {
       status = RunTransform(global, transformIn, transformOut, matrix, inverse);
+    } else if (multiwayCmd->parsed()) {
+      status = RunMultiway(global, multi);
     } else if (batchCmd->parsed()) {
       status = RunBatch(global, batch);
     } else if (convertCmd->parsed()) {

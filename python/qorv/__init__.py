@@ -29,6 +29,7 @@ from ._engine_library import QorvEngineError, QorvTooFewPointsError
 from .engine import RegistrationResult, engine_version, register
 from .instance import Instance, default_instance
 from .io import CloudFile, read_cloud, read_depth, write_cloud
+from .multiway import Alignment, multiway
 from .registration import (Registration, check_distance, iterative_match_key_points,
                            match_descriptor, match_pair_point_cloud, ransac_match_key_points)
 from .surface import (compute_normals, edge_filter, gaussian_filter, recompute_normals,

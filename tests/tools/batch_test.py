@@ -106,3 +106,34 @@ def test_a_worker_dying_mid_pair_has_the_pair_run_again(tmp_path, manifest):
     assert (tmp_path / "marker").exists()
     assert sorted(line["pair"] for line in results(out)) == list(range(13))
     assert summary["registered"] == 12
+
+
+def test_multiway_recovers_known_poses(tmp_path):
+    """Five overlapping views of the dragon sample, each moved by a known motion, into one frame."""
+    rng = np.random.default_rng(3)
+    scan = np.loadtxt(DATA / "sample" / "dragon_res4.asc", dtype=np.float32)
+    centre = scan.mean(axis=0)
+    truth, paths = [], []
+    for k in range(5):
+        angle = 2 * np.pi * k / 5
+        direction = np.array([np.cos(angle), np.sin(angle), 0.3])
+        view = scan[(scan - centre) @ direction > -0.03]
+        q, _ = np.linalg.qr(rng.normal(size=(3, 3)))
+        q *= np.sign(np.linalg.det(q))
+        motion = np.eye(4)
+        motion[:3, :3], motion[:3, 3] = q, rng.normal(size=3) * 0.1
+        paths.append(tmp_path / f"v{k}.ply")
+        qorv.write_cloud(paths[-1], (view @ q.T + motion[:3, 3]).astype(np.float32))
+        truth.append(np.linalg.inv(motion))
+    out = tmp_path / "poses.json"
+    run = subprocess.run([CLI, "multiway", *map(str, paths), "--output", str(out), "--log", str(tmp_path / "t.log"),
+                          "--merged", str(tmp_path / "m.pcd")], capture_output=True, text=True, timeout=300)
+    assert run.returncode == 0, run.stderr
+    doc = json.loads(out.read_text())
+    poses = [np.array(s["pose"]) for s in doc["scans"]]
+    for pose, true in zip(poses, truth):
+        expected = np.linalg.inv(truth[0]) @ true
+        assert np.abs(pose - expected).max() < 2e-3
+    assert any(e["loop"] and e["registered"] for e in doc["edges"])
+    assert (tmp_path / "t.log").read_text().startswith("0 0 1\n")
+    assert qorv.read_cloud(tmp_path / "m.pcd").points.shape[0] > len(scan)

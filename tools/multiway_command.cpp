@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+// `qorv multiway`: many scans into one frame (QorvEngineMultiway): poses as JSON and as a
+// trajectory log, and the merged cloud thinned by a voxel.
+#include <qorv/engine_multiway.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+#include "commands.hpp"
+
+namespace qorv::tools {
+namespace {
+
+void CollectKept(const int32_t* indices, int32_t count, void* user) {
+  static_cast<std::vector<int32_t>*>(user)->assign(indices, indices + (count > 0 ? count : 0));
+}
+
+std::vector<std::string> ManifestScans(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw ToolError("cannot open manifest '" + path + "'");
+  std::vector<std::string> scans;
+  for (std::string line; std::getline(in, line);) {
+    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
+    if (!line.empty() && line[0] != '#') scans.push_back(line);
+  }
+  return scans;
+}
+
+}  // namespace
+
+int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
+  std::vector<std::string> paths = o.scans;
+  if (!o.manifest.empty()) {
+    const std::vector<std::string> listed = ManifestScans(o.manifest);
+    paths.insert(paths.end(), listed.begin(), listed.end());
+  }
+  if (paths.size() < 2) throw ToolError("multiway needs at least two scans", 2);
+  std::vector<Cloud> clouds;
+  std::vector<QorvEngineCloud> views;
+  for (const std::string& path : paths) clouds.push_back(ReadCloud(path));
+  for (const Cloud& c : clouds) {
+    QorvEngineCloud view{};
+    view.points = c.points.data();
+    view.normals = c.hasNormals() ? c.normals.data() : nullptr;
+    view.count = c.size();
+    if (c.hasViewpoint) {
+      view.has_viewpoint = 1;
+      std::copy(c.viewpoint, c.viewpoint + 3, view.viewpoint);
+    }
+    views.push_back(view);
+  }
+  const int32_t n = static_cast<int32_t>(views.size());
+  QorvEngineOptions options = o.engine;
+  options.threads = global.threads;
+  std::vector<double> poses(16 * static_cast<size_t>(n));
+  std::vector<QorvEngineMultiwayEdge> edges(static_cast<size_t>(n) * static_cast<size_t>(n));
+  int32_t edgeCount = 0;
+  if (QorvEngineMultiway(views.data(), n, &options, o.noLoops ? 0 : 1, nullptr, 0, poses.data(), edges.data(),
+                         static_cast<int32_t>(edges.size()), &edgeCount) != QORV_ENGINE_OK) {
+    throw ToolError(QorvEngineLastError());
+  }
+  edges.resize(static_cast<size_t>(std::min<int32_t>(edgeCount, static_cast<int32_t>(edges.size()))));
+
+  nlohmann::ordered_json doc;
+  doc["scans"] = nlohmann::ordered_json::array();
+  for (int32_t i = 0; i < n; ++i) {
+    nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+    for (int r = 0; r < 4; ++r) {
+      rows.push_back({poses[16 * i + 4 * r], poses[16 * i + 4 * r + 1], poses[16 * i + 4 * r + 2], poses[16 * i + 4 * r + 3]});
+    }
+    doc["scans"].push_back({{"path", paths[static_cast<size_t>(i)]}, {"pose", rows}});
+  }
+  doc["edges"] = nlohmann::ordered_json::array();
+  for (const QorvEngineMultiwayEdge& e : edges) {
+    doc["edges"].push_back({{"target", e.from}, {"source", e.to}, {"loop", e.loop != 0}, {"registered", e.registered != 0},
+                            {"rejected", e.rejected != 0}, {"fitness", e.fitness}, {"consistent_pairs", e.consistent_pairs}});
+  }
+  std::ofstream out(o.output);
+  if (!out) throw ToolError("cannot write '" + o.output + "'");
+  out << doc.dump(1) << "\n";
+  if (!o.log.empty()) {
+    // The common trajectory-log layout: "i i i+1", then the 4 x 4 pose.
+    std::ofstream log(o.log);
+    if (!log) throw ToolError("cannot write '" + o.log + "'");
+    char line[160];
+    for (int32_t i = 0; i < n; ++i) {
+      log << i << " " << i << " " << i + 1 << "\n";
+      for (int r = 0; r < 4; ++r) {
+        std::snprintf(line, sizeof(line), "%.9g %.9g %.9g %.9g\n", poses[16 * i + 4 * r], poses[16 * i + 4 * r + 1],
+                      poses[16 * i + 4 * r + 2], poses[16 * i + 4 * r + 3]);
+        log << line;
+      }
+    }
+  }
+  int32_t mergedPoints = 0;
+  if (!o.merged.empty()) {
+    Cloud merged;
+    for (int32_t i = 0; i < n; ++i) {
+      const Rigid pose = Rigid::FromMatrix3x4(&poses[16 * static_cast<size_t>(i)]);
+      const std::vector<float> moved = Apply(pose, clouds[static_cast<size_t>(i)].points);
+      merged.points.insert(merged.points.end(), moved.begin(), moved.end());
+    }
+    Session session(global.threads);
+    if (o.mergeVoxel > 0.0f) {
+      std::vector<int32_t> kept;
+      Check(QorvVoxelFilter(session.get(), merged.points.data(), merged.size(), o.mergeVoxel, CollectKept, &kept),
+            "QorvVoxelFilter", "thinning the merged cloud");
+      merged = merged.subset(kept);
+    }
+    WriteCloud(o.merged, merged);
+    mergedPoints = merged.size();
+  }
+  int32_t accepted = 0, rejected = 0;
+  for (const QorvEngineMultiwayEdge& e : edges) {
+    accepted += e.registered && !e.rejected;
+    rejected += e.rejected;
+  }
+  FlushAll();
+  if (global.json) {
+    nlohmann::ordered_json summary = {{"command", "multiway"}, {"scans", n}, {"edges", edges.size()},
+                                      {"accepted", accepted}, {"rejected", rejected}, {"output", o.output}};
+    if (!o.merged.empty()) summary["merged_points"] = mergedPoints;
+    std::fprintf(Out(), "%s\n", summary.dump().c_str());
+  } else {
+    std::fprintf(Out(), "multiway: %d scans, %zu pairs tried, %d edges kept, %d rejected by the pose graph; poses in %s\n",
+                 n, edges.size(), accepted, rejected, o.output.c_str());
+  }
+  return 0;
+}
+
+}  // namespace qorv::tools
