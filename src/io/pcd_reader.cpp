@@ -221,27 +221,33 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
     rowStride = 0;
   }
   keep.reserve(cloud, h.points);
-  // Only the slots the cloud keeps are decoded.
-  std::vector<size_t> wanted;
-  for (int s : {keep.xyz[0], keep.xyz[1], keep.xyz[2], keep.normal[0], keep.normal[1], keep.normal[2],
-                keep.intensity}) {
-    if (s >= 0) wanted.push_back(static_cast<size_t>(s));
+  auto at = [&](const Slot& slot, uint64_t i) {
+    return rowStride > 0 ? data + i * rowStride + slot.offsetInRow : data + slot.offsetInBlock + i * slot.stride;
+  };
+  // Each kept attribute is copied column by column; 4-byte floats (nearly every file) straight.
+  auto column = [&](int slotIndex, float* out, size_t outStride) {
+    if (slotIndex < 0) return;
+    const Slot& slot = slots[static_cast<size_t>(slotIndex)];
+    if (slot.type == Scalar::kFloat32) {
+      for (uint64_t i = 0; i < points; ++i) std::memcpy(out + i * outStride, at(slot, i), 4);
+    } else {
+      for (uint64_t i = 0; i < points; ++i) out[i * outStride] = static_cast<float>(DecodeScalar(at(slot, i), slot.type, false));
+    }
+  };
+  for (int c = 0; c < 3; ++c) {
+    column(keep.xyz[c], cloud.points.data() + c, 3);
+    if (!cloud.normals.empty()) column(keep.normal[c], cloud.normals.data() + c, 3);
   }
-  for (uint64_t i = 0; i < points; ++i) {
-    for (size_t s : wanted) {
-      const unsigned char* at = rowStride > 0 ? data + i * rowStride + slots[s].offsetInRow
-                                              : data + slots[s].offsetInBlock + i * slots[s].stride;
-      values[s] = DecodeScalar(at, slots[s].type, false);
-    }
-    if (keep.packedRgb >= 0) {
-      const Slot& slot = slots[static_cast<size_t>(keep.packedRgb)];
-      const unsigned char* at =
-          rowStride > 0 ? data + i * rowStride + slot.offsetInRow : data + slot.offsetInBlock + i * slot.stride;
+  if (!cloud.intensity.empty()) column(keep.intensity, cloud.intensity.data(), 1);
+  if (keep.packedRgb >= 0) {
+    const Slot& slot = slots[static_cast<size_t>(keep.packedRgb)];
+    for (uint64_t i = 0; i < points; ++i) {
       uint32_t bits;
-      std::memcpy(&bits, at, 4);
-      values[static_cast<size_t>(keep.packedRgb)] = bits;
+      std::memcpy(&bits, at(slot, i), 4);
+      cloud.colours[3 * i] = static_cast<uint8_t>((bits >> 16) & 0xff);
+      cloud.colours[3 * i + 1] = static_cast<uint8_t>((bits >> 8) & 0xff);
+      cloud.colours[3 * i + 2] = static_cast<uint8_t>(bits & 0xff);
     }
-    keep.store(cloud, static_cast<size_t>(i), values.data());
   }
   cloud.countNonFinite();
   return cloud;

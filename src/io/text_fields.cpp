@@ -137,12 +137,15 @@ std::string Quote(std::string_view text) {
 std::string ReadFileBytes(const std::string& path) {
   std::error_code error;
   if (std::filesystem::is_directory(path, error)) throw IoError(IoError::kFile, "'" + path + "' is a folder");
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
   if (!in) throw IoError(IoError::kFile, "cannot open '" + path + "': " + std::strerror(errno));
-  std::ostringstream content;
-  content << in.rdbuf();
-  if (in.bad()) throw IoError(IoError::kFile, "cannot read '" + path + "'");
-  return content.str();
+  const std::streamoff size = in.tellg();
+  if (size < 0) throw IoError(IoError::kFile, "cannot read '" + path + "'");
+  // One copy of the file, read straight into place.
+  std::string bytes(static_cast<size_t>(size), '\0');
+  in.seekg(0);
+  if (size > 0 && !in.read(bytes.data(), size)) throw IoError(IoError::kFile, "cannot read '" + path + "'");
+  return bytes;
 }
 
 std::string Extension(const std::string& path) {
