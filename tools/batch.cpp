@@ -50,18 +50,6 @@ void SetInitial(BatchPair& pair, const std::string& text) {
   pair.hasInitial = true;
 }
 
-QorvEngineCloud View(const Cloud& cloud) {
-  QorvEngineCloud view{};
-  view.points = cloud.points.data();
-  view.normals = cloud.hasNormals() ? cloud.normals.data() : nullptr;
-  view.count = cloud.size();
-  if (cloud.hasViewpoint) {
-    view.has_viewpoint = 1;
-    std::copy(cloud.viewpoint, cloud.viewpoint + 3, view.viewpoint);
-  }
-  return view;
-}
-
 }  // namespace
 
 std::vector<BatchPair> ReadManifest(const std::string& path) {
@@ -175,7 +163,7 @@ nlohmann::ordered_json RunPair(const BatchPair& pair, const QorvEngineOptions& o
       o.has_initial = 1;
       std::copy(pair.initial, pair.initial + 16, o.initial);
     }
-    const QorvEngineCloud t = View(target), s = View(source);
+    const QorvEngineCloud t = EngineView(target), s = EngineView(source);
     if (QorvEngineRegister(&t, &s, &o, &result) != QORV_ENGINE_OK) error = QorvEngineLastError();
   } catch (const std::exception& e) {
     error = e.what();

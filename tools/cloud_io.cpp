@@ -52,6 +52,18 @@ Cloud ReadCloud(const std::string& path, const QorvEngineDepthCamera* camera) {
   return cloud;
 }
 
+QorvEngineCloud EngineView(const Cloud& cloud) {
+  QorvEngineCloud view{};
+  view.points = cloud.points.data();
+  view.normals = cloud.hasNormals() ? cloud.normals.data() : nullptr;
+  view.count = cloud.size();
+  if (cloud.hasViewpoint) {
+    view.has_viewpoint = 1;
+    std::copy(cloud.viewpoint, cloud.viewpoint + 3, view.viewpoint);
+  }
+  return view;
+}
+
 void WriteCloud(const std::string& path, const Cloud& cloud, int32_t encoding) {
   if (cloud.size() == 0) throw ToolError("nothing to write to '" + path + "': no point left");
   QorvEngineCloudData data{};

@@ -34,6 +34,9 @@ struct Cloud {
 // NULL for the defaults), keeping its finite points. Throws ToolError with the library's message.
 Cloud ReadCloud(const std::string& path, const QorvEngineDepthCamera* camera = nullptr);
 
+// The cloud as the engine takes it (no copy): points, normals, the sensor's origin.
+QorvEngineCloud EngineView(const Cloud& cloud);
+
 // Writes by the extension (.ply, .pcd, else ASC text) through the engine library.
 void WriteCloud(const std::string& path, const Cloud& cloud, int32_t encoding = QORV_ENGINE_ENCODING_DEFAULT);
 

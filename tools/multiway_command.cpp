@@ -42,17 +42,7 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
   std::vector<Cloud> clouds;
   std::vector<QorvEngineCloud> views;
   for (const std::string& path : paths) clouds.push_back(ReadCloud(path));
-  for (const Cloud& c : clouds) {
-    QorvEngineCloud view{};
-    view.points = c.points.data();
-    view.normals = c.hasNormals() ? c.normals.data() : nullptr;
-    view.count = c.size();
-    if (c.hasViewpoint) {
-      view.has_viewpoint = 1;
-      std::copy(c.viewpoint, c.viewpoint + 3, view.viewpoint);
-    }
-    views.push_back(view);
-  }
+  for (const Cloud& c : clouds) views.push_back(EngineView(c));
   const int32_t n = static_cast<int32_t>(views.size());
   QorvEngineOptions options = o.engine;
   options.threads = global.threads;

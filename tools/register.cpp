@@ -29,18 +29,6 @@ class Stage {
   double start_;
 };
 
-QorvEngineCloud EngineCloud(const Cloud& cloud) {
-  QorvEngineCloud view{};
-  view.points = cloud.points.data();
-  view.normals = cloud.hasNormals() ? cloud.normals.data() : nullptr;
-  view.count = cloud.size();
-  if (cloud.hasViewpoint) {
-    view.has_viewpoint = 1;
-    std::copy(cloud.viewpoint, cloud.viewpoint + 3, view.viewpoint);
-  }
-  return view;
-}
-
 std::array<double, 16> Matrix4x4(const Rigid& motion) {
   const std::array<double, 12> m = motion.matrix3x4();
   std::array<double, 16> out{};
@@ -50,7 +38,7 @@ std::array<double, 16> Matrix4x4(const Rigid& motion) {
 }
 
 QorvEngineResult RunEngine(const Cloud& target, const Cloud& source, const QorvEngineOptions& options) {
-  const QorvEngineCloud t = EngineCloud(target), s = EngineCloud(source);
+  const QorvEngineCloud t = EngineView(target), s = EngineView(source);
   QorvEngineResult result{};
   result.struct_size = sizeof(result);
   if (QorvEngineRegister(&t, &s, &options, &result) != QORV_ENGINE_OK) {

@@ -8,7 +8,8 @@ import os
 import pathlib
 import threading
 
-from ._library import (QorvAllocationError, QorvError, QorvFileError, QorvInvalidArgumentError)
+from ._library import (QorvAllocationError, QorvError, QorvFileError, QorvInvalidArgumentError,
+                       load_first)
 
 OK = 0
 ERROR_FILE = 1
@@ -79,32 +80,17 @@ def candidate_paths():
 
 
 def load():
-    """The loaded ctypes.CDLL of libqorv_engine.so; loads it on first use (OSError if none)."""
+    """The loaded ctypes.CDLL of libqorv_engine.so; loads it on first use (OSError if none loads)."""
     global _handle
     with _lock:
-        if _handle is not None:
-            return _handle
-        env = os.environ.get("QORV_ENGINE_LIBRARY")
-        errors = []
-        for path in [env] if env else candidate_paths():
-            if os.sep in path and not os.path.exists(path):
-                errors.append(f"{path}: not found")
-                continue
-            try:
-                lib = ctypes.CDLL(path)
-            except OSError as error:
-                errors.append(f"{path}: {error}")
-                continue
-            lib.QorvEngineLastError.restype = ctypes.c_char_p
-            lib.QorvEngineLastError.argtypes = []
-            lib.QorvEngineVersion.restype = ctypes.c_char_p
-            lib.QorvEngineVersion.argtypes = []
-            lib.QorvEngineApiVersion.restype = ctypes.c_int32
-            lib.QorvEngineApiVersion.argtypes = []
+        if _handle is None:
+            lib = load_first("QORV_ENGINE_LIBRARY", candidate_paths(), "libqorv_engine.so")
+            for name, restype in (("QorvEngineLastError", ctypes.c_char_p), ("QorvEngineVersion", ctypes.c_char_p),
+                                  ("QorvEngineApiVersion", ctypes.c_int32)):
+                getattr(lib, name).restype = restype
+                getattr(lib, name).argtypes = []
             _handle = lib
-            return _handle
-        raise OSError("libqorv_engine.so could not be loaded; tried:\n  " + "\n  ".join(errors) +
-                      "\nSet QORV_ENGINE_LIBRARY to the library's path.")
+        return _handle
 
 
 def check(code, function):

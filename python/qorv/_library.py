@@ -165,31 +165,31 @@ def candidate_paths():
     return paths
 
 
-def library():
-    """The loaded ctypes.CDLL of libqorv.so; loads it on first use.
+def load_first(env_name, paths, what):
+    """The ctypes.CDLL of the first of `paths` that loads. When the environment variable `env_name`
+    is set, only its path is tried, so that a wrong setting is not silently papered over. Raises
+    OSError listing the places tried."""
+    env = os.environ.get(env_name)
+    errors = []
+    for path in [env] if env else paths:
+        if os.sep in path and not os.path.exists(path):
+            errors.append(f"{path}: not found")
+            continue
+        try:
+            return ctypes.CDLL(path)
+        except OSError as error:
+            errors.append(f"{path}: {error}")
+    raise OSError(f"{what} could not be loaded; tried:\n  " + "\n  ".join(errors) +
+                  f"\nSet {env_name} to the library's path.")
 
-    Raises OSError listing the places searched when no library can be loaded. When QORV_LIBRARY
-    is set, only that path is tried, so that a wrong setting is not silently papered over.
-    """
+
+def library():
+    """The loaded ctypes.CDLL of libqorv.so; loads it on first use (OSError if none loads)."""
     global _handle
     with _lock:
-        if _handle is not None:
-            return _handle
-        env = os.environ.get("QORV_LIBRARY")
-        paths = [env] if env else candidate_paths()
-        errors = []
-        for path in paths:
-            is_file = os.sep in path
-            if is_file and not os.path.exists(path):
-                errors.append(f"{path}: not found")
-                continue
-            try:
-                _handle = ctypes.CDLL(path)
-                return _handle
-            except OSError as error:
-                errors.append(f"{path}: {error}")
-        raise OSError("libqorv.so could not be loaded; tried:\n  " + "\n  ".join(errors) +
-                      "\nSet QORV_LIBRARY to the library's path.")
+        if _handle is None:
+            _handle = load_first("QORV_LIBRARY", candidate_paths(), "libqorv.so")
+        return _handle
 
 
 def function(name):

@@ -10,27 +10,19 @@
 
 #include "engine/engine.hpp"
 #include "engine_api/conversions.hpp"
-#include "engine_api/last_error.hpp"
+#include "engine_api/guard.hpp"
 
 #ifndef QORV_ENGINE_VERSION
 #define QORV_ENGINE_VERSION "unknown"
 #endif
 
+using qorv::engine::Fail;
+using qorv::engine::Guarded;
 using qorv::engine::SetLastError;
 
 static_assert(static_cast<int32_t>(qorv::engine::kOk) == QORV_ENGINE_OK, "status codes must agree");
 static_assert(static_cast<int32_t>(qorv::engine::kTooFewPoints) == QORV_ENGINE_ERROR_TOO_FEW_POINTS,
               "status codes must agree");
-
-namespace {
-
-int32_t Fail(int32_t code, const std::string& message) {
-  SetLastError(message);
-  return code;
-}
-
-
-}  // namespace
 
 extern "C" {
 
@@ -56,7 +48,7 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
                                            const QorvEngineCloud* source,
                                            const QorvEngineOptions* options,
                                            QorvEngineResult* result) {
-  try {
+  return Guarded([&]() -> int32_t {
     if (std::string m = qorv::engine::CheckCloud(target, "target"); !m.empty()) {
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
     }
@@ -86,13 +78,7 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
     qorv::engine::ToC(outcome, *result);
     SetLastError("");
     return QORV_ENGINE_OK;
-  } catch (const std::bad_alloc&) {
-    return Fail(QORV_ENGINE_ERROR_ALLOCATION, "out of memory");
-  } catch (const std::exception& e) {
-    return Fail(QORV_ENGINE_ERROR_INTERNAL, std::string("internal error: ") + e.what());
-  } catch (...) {
-    return Fail(QORV_ENGINE_ERROR_INTERNAL, "internal error");
-  }
+  });
 }
 
 QORV_ENGINE_API const char* QorvEngineLastError(void) { return qorv::engine::LastError(); }

@@ -12,9 +12,11 @@
 #include <new>
 #include <string>
 
-#include "engine_api/last_error.hpp"
+#include "engine_api/guard.hpp"
 #include "io/cloud_files.hpp"
 
+using qorv::engine::Fail;
+using qorv::engine::Guarded;
 using qorv::engine::SetLastError;
 
 namespace {
@@ -24,26 +26,6 @@ struct OwnedCloud {
   QorvEngineCloudData data;
   qorv::io::CloudData cloud;
 };
-
-int32_t Fail(int32_t code, const std::string& message) {
-  SetLastError(message);
-  return code;
-}
-
-template <typename Body>
-int32_t Guarded(Body body) {
-  try {
-    return body();
-  } catch (const qorv::io::IoError& e) {
-    return Fail(e.kind() == qorv::io::IoError::kFile ? QORV_ENGINE_ERROR_FILE : QORV_ENGINE_ERROR_FORMAT, e.what());
-  } catch (const std::bad_alloc&) {
-    return Fail(QORV_ENGINE_ERROR_ALLOCATION, "out of memory");
-  } catch (const std::exception& e) {
-    return Fail(QORV_ENGINE_ERROR_INTERNAL, std::string("internal error: ") + e.what());
-  } catch (...) {
-    return Fail(QORV_ENGINE_ERROR_INTERNAL, "internal error");
-  }
-}
 
 }  // namespace
 

@@ -10,17 +10,14 @@
 #include <vector>
 
 #include "engine_api/conversions.hpp"
-#include "engine_api/last_error.hpp"
+#include "engine_api/guard.hpp"
 #include "multiway/multiway.hpp"
 
+using qorv::engine::Fail;
+using qorv::engine::Guarded;
 using qorv::engine::SetLastError;
 
 namespace {
-
-int32_t Fail(int32_t code, const std::string& message) {
-  SetLastError(message);
-  return code;
-}
 
 qorv::multiway::Pose MatrixOf(const double* m) {
   qorv::multiway::Pose pose;
@@ -44,7 +41,7 @@ QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
                                            QorvEngineMultiwayEdge* edges,
                                            int32_t edge_capacity,
                                            int32_t* edge_count) {
-  try {
+  return Guarded([&]() -> int32_t {
     if (scans == nullptr || count < 2) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "at least two scans are needed");
     if (extra_count < 0 || (extra_count > 0 && extra == nullptr)) {
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the extra edges are null or their count negative");
@@ -120,13 +117,7 @@ QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
     if (edge_count != nullptr) *edge_count = total;
     SetLastError("");
     return QORV_ENGINE_OK;
-  } catch (const std::bad_alloc&) {
-    return Fail(QORV_ENGINE_ERROR_ALLOCATION, "out of memory");
-  } catch (const std::exception& e) {
-    return Fail(QORV_ENGINE_ERROR_INTERNAL, std::string("internal error: ") + e.what());
-  } catch (...) {
-    return Fail(QORV_ENGINE_ERROR_INTERNAL, "internal error");
-  }
+  });
 }
 
 }  // extern "C"
