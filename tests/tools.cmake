@@ -16,3 +16,10 @@ add_test(NAME tools.cli
 set_tests_properties(tools.cli PROPERTIES
   ENVIRONMENT "${QORV_PYTHON_TEST_ENV};QORV_CLI=$<TARGET_FILE:qorv_cli>"
   LABELS tools TIMEOUT 600)
+
+add_test(NAME tools.batch
+  COMMAND ${QORV_TEST_PYTHON} -m pytest -q -p no:cacheprovider
+          ${CMAKE_CURRENT_SOURCE_DIR}/tools/batch_test.py)
+set_tests_properties(tools.batch PROPERTIES
+  ENVIRONMENT "${QORV_PYTHON_TEST_ENV};QORV_CLI=$<TARGET_FILE:qorv_cli>"
+  LABELS tools TIMEOUT 600)
