@@ -2,6 +2,8 @@
 # Copyright (c) 2026 The Qorv developers
 """qorv.read_cloud / write_cloud / read_depth: round trips, organized shapes, errors."""
 
+import os
+
 import numpy as np
 import pytest
 
@@ -31,6 +33,10 @@ def test_organized_clouds_keep_their_shape_and_holes(tmp_path, rng):
     assert qorv.read_cloud(tmp_path / "f.pcd").points.shape == (19, 3)
 
 
+# The readers report a bad file by a C++ exception caught inside the library; an uninstrumented
+# interpreter with the address sanitizer preloaded aborts on any C++ throw in a library it loaded,
+# so this runs in the plain build (the C++ suites cover the same paths under the sanitizers).
+@pytest.mark.skipif(bool(os.environ.get("QORV_TEST_SANITIZED")), reason="C++ throws abort under a preloaded ASan")
 def test_errors_name_the_problem(tmp_path):
     with pytest.raises(qorv.QorvError, match="cannot open"):
         qorv.read_cloud(tmp_path / "none.ply")
