@@ -234,6 +234,10 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
       for (uint64_t i = 0; i < points; ++i) out[i * outStride] = static_cast<float>(DecodeScalar(at(slot, i), slot.type, false));
     }
   };
+  if (points == 0) {
+    cloud.countNonFinite();
+    return cloud;
+  }
   for (int c = 0; c < 3; ++c) {
     column(keep.xyz[c], cloud.points.data() + c, 3);
     if (!cloud.normals.empty()) column(keep.normal[c], cloud.normals.data() + c, 3);
