@@ -12,9 +12,9 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 PACKAGES := build-essential cmake pkg-config libeigen3-dev googletest libgtest-dev libgmock-dev \
             liblzf-dev libtiff-dev nlohmann-json3-dev libceres-dev python3-distributed \
             libbenchmark-dev libcli11-dev libpng-dev python3 python3-numpy python3-pytest \
-            clang libomp-dev libclang-rt-dev valgrind
+            clang clang-format libomp-dev libclang-rt-dev valgrind
 
-.PHONY: deps build test test-release test-sanitize test-thread demo bench clean
+.PHONY: need-data deps build check test test-release test-sanitize test-thread demo bench clean
 
 deps:
 	@missing=$$(for p in $(PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | \
@@ -28,6 +28,13 @@ deps:
 build: deps
 	cmake --preset release
 	cmake --build --preset release
+
+# The edit-build-test loop: one release build, every suite but the slow memory check (about a
+# minute once built). `make test` stays the full gate.
+check: deps
+	cmake --preset release
+	cmake --build --preset release
+	ctest --preset release -j $(JOBS) -LE valgrind
 
 test: deps
 	$(MAKE) test-release
@@ -48,8 +55,15 @@ demo: deps
 	cmake --build --preset release --target qorv_cli
 	./build/tools/qorv demo --data data/sample/dragon_res3.asc --snapshot build/demo/snapshot.png --threads 2
 
-bench: deps
-	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQORV_BUILD_BENCH=ON -DQORV_BUILD_TESTS=OFF
+# The benchmarks read the development scans from DATA (a folder holding dragon_res2.asc, bunny.asc,
+# rgbd/ and laser/), given on the command line: make bench DATA=../shared/data
+need-data:
+	@[ -n "$(DATA)" ] && [ -f "$(DATA)/dragon_res2.asc" ] || \
+	  { echo "Give the development scans' folder: make $(MAKECMDGOALS) DATA=<folder holding dragon_res2.asc>"; exit 2; }
+
+bench: deps need-data
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQORV_BUILD_BENCH=ON -DQORV_BUILD_TESTS=OFF \
+	  -DQORV_BENCH_DATA_DIR=$(abspath $(DATA))
 	cmake --build build-bench -j $(JOBS)
 	@for b in build-bench/bench/qorv_bench_*; do [ -x "$$b" ] && "$$b"; done
 
@@ -74,7 +88,7 @@ fuzz: deps
 # prints one table and writes build-peers/peers_table.md. Takes about a quarter of an hour.
 PEER_PACKAGES := libpcl-dev libopen3d-dev
 .PHONY: bench-peers
-bench-peers: deps
+bench-peers: deps need-data
 	@missing=$$(for p in $(PEER_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | \
 	  grep -q 'install ok installed' || echo $$p; done); \
 	if [ -n "$$missing" ]; then \
@@ -82,15 +96,14 @@ bench-peers: deps
 	  $(SUDO) apt-get update -qq && \
 	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
 	fi
-	PEERS_BUILD_DIR=$(CURDIR)/build-peers bench/peers/run_peers.sh
+	PEERS_DATA=$(DATA) PEERS_BUILD_DIR=$(CURDIR)/build-peers bench/peers/run_peers.sh
 
 # Registration benchmark: the engine against Open3D (Debian's python3-open3d) on real depth frames,
 # the laser pair and generated views of the sample scans, at 1 and 2 threads. Needs the shared
-# development data: DATA=../shared/data by default. Writes build/registration-bench/.
-DATA ?= ../shared/data
+# development scans in DATA. Writes build/registration-bench/.
 SPLIT ?= all
 .PHONY: bench-registration
-bench-registration: deps
+bench-registration: deps need-data
 	@dpkg-query -W -f='$${Status}\n' python3-open3d 2>/dev/null | grep -q 'install ok installed' || \
 	  (echo "Installing: python3-open3d" && $(SUDO) apt-get update -qq && \
 	   DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends python3-open3d)

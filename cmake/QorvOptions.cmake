@@ -10,11 +10,11 @@ if(QORV_SANITIZE)
   endif()
 endif()
 
-# Warnings and floating-point rules of the library's own targets. No contraction into fused
+# Warnings and floating-point rules of the project's own targets. No contraction into fused
 # multiply-add: results must not depend on the compiler or the processor.
 function(qorv_target_options target)
   target_compile_options(${target} PRIVATE
-    $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wshadow -Wno-unknown-pragmas -ffp-contract=off -fno-math-errno>)
+    $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wshadow -Wpedantic -ffp-contract=off -fno-math-errno>)
   if(QORV_WARNINGS_AS_ERRORS)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

@@ -427,7 +427,7 @@ void FuzzSettings(FuzzedDataProvider& in, Instances& inst) {
   }
   ExpectCode(QorvCreateInstance(nullptr), QORV_ERROR_INVALID_ARGUMENT, "QorvCreateInstance(null)");
   ExpectCode(QorvDestroyInstance(nullptr), QORV_OK, "QorvDestroyInstance(null)");
-  Check(std::strcmp(QorvVersion(), "1.0.5") == 0, "QorvVersion", "text");
+  Check(std::strcmp(QorvVersion(), QORV_VERSION_TEXT) == 0, "QorvVersion", "text");
 }
 
 void FuzzAsc(FuzzedDataProvider& in, Instances& inst) {

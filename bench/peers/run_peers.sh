@@ -7,14 +7,20 @@
 # the markdown table and writes it to build-peers/peers_table.md.
 #
 #   bench/peers/run_peers.sh [qorv_peers options, e.g. --budget 1 --pairs 2 --large 0]
-# Environment: PEERS_BUILD_DIR (default <repo>/build-peers), PEERS_THREADS (default "1 2"),
+# Environment: PEERS_DATA (required: the folder holding dragon_res2.asc),
+#              PEERS_BUILD_DIR (default <repo>/build-peers), PEERS_THREADS (default "1 2"),
 #              PEERS_JOBS (default 1), QORV_PEERS_LIBRARY (measure another libqorv.so).
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 build=${PEERS_BUILD_DIR:-$root/build-peers}
 threads=${PEERS_THREADS:-1 2}
 
-configure=(-S "$root/bench/peers" -B "$build" -DCMAKE_BUILD_TYPE=Release)
+if [ -z "${PEERS_DATA:-}" ] || [ ! -f "$PEERS_DATA/dragon_res2.asc" ]; then
+  echo "run_peers.sh: set PEERS_DATA to the folder holding dragon_res2.asc (now '${PEERS_DATA:-}')" >&2
+  exit 2
+fi
+configure=(-S "$root/bench/peers" -B "$build" -DCMAKE_BUILD_TYPE=Release
+           "-DQORV_PEERS_DATA_DIR=$(cd "$PEERS_DATA" && pwd)")
 if [ -n "${QORV_PEERS_LIBRARY:-}" ]; then
   configure+=("-DQORV_PEERS_LIBRARY=$QORV_PEERS_LIBRARY")
 fi

@@ -117,7 +117,7 @@ def table(pairs, results, command):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--data", default=str(ROOT.parent / "shared" / "data"))
+    parser.add_argument("--data", required=True, help="folder of the development scans (bunny.asc, rgbd/, laser/ ...)")
     parser.add_argument("--split", choices=["dev", "test", "all"], default="all")
     parser.add_argument("--per-scan", type=int, default=4, help="view pairs per scan and noise level")
     parser.add_argument("--quick", action="store_true", help="one view pair per scan, threads 2 only")

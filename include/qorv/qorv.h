@@ -117,7 +117,7 @@ QORV_API QorvResult QorvGetMatchNeighborNum(QorvInstance* inst, int32_t* out);
 /* Tests n before the handle: n < 0 gives QORV_ERROR_INVALID_ARGUMENT; 0 is accepted. */
 QORV_API QorvResult QorvSetMatchNeighborNum(QorvInstance* inst, int32_t n);
 
-/* The library version, "1.0.5". */
+/* The library version as "major.minor.patch". */
 QORV_API const char* QorvVersion(void);
 
 /* ---- Point files and rigid geometry ---------------------------------------------------------- */

@@ -62,6 +62,6 @@ QORV_API QorvResult QorvSetMatchNeighborNum(QorvInstance* inst, int32_t n) {
   return QORV_OK;
 }
 
-QORV_API const char* QorvVersion(void) { return "1.0.5"; }
+QORV_API const char* QorvVersion(void) { return QORV_VERSION_TEXT; }
 
 }  // extern "C"

@@ -12,10 +12,6 @@
 #include "engine_api/conversions.hpp"
 #include "engine_api/guard.hpp"
 
-#ifndef QORV_ENGINE_VERSION
-#define QORV_ENGINE_VERSION "unknown"
-#endif
-
 using qorv::engine::Fail;
 using qorv::engine::Guarded;
 using qorv::engine::SetLastError;
@@ -83,7 +79,7 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
 
 QORV_ENGINE_API const char* QorvEngineLastError(void) { return qorv::engine::LastError(); }
 
-QORV_ENGINE_API const char* QorvEngineVersion(void) { return QORV_ENGINE_VERSION; }
+QORV_ENGINE_API const char* QorvEngineVersion(void) { return QORV_VERSION_TEXT; }
 
 QORV_ENGINE_API int32_t QorvEngineApiVersion(void) { return QORV_ENGINE_API_VERSION; }
 

@@ -13,7 +13,7 @@ int main(void) {
   if (QorvGetMatchNeighborNum(inst, &n) != QORV_OK || n != 0) return 2;
   if (QorvTransformPoints(inst, shift, points, points, 2) != QORV_OK) return 3;
   if (points[0] != 6.0f || points[5] != 13.0f) return 4;
-  if (strcmp(QorvVersion(), "1.0.5") != 0) return 5;
+  if (strcmp(QorvVersion(), QORV_VERSION_TEXT) != 0) return 5;
   QorvDestroyInstance(inst);
   printf("qorv %s from C\n", QorvVersion());
   return 0;

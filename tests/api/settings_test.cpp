@@ -37,7 +37,7 @@ TEST(SettingsTest, TwoExportsTestTheirArgumentBeforeTheHandle) {
   EXPECT_EQ(QorvSetMatchNeighborNum(nullptr, 0), QORV_ERROR_NULL_INSTANCE);
   EXPECT_EQ(QorvDestroyInstance(nullptr), QORV_OK);
   EXPECT_EQ(QorvCreateInstance(nullptr), QORV_ERROR_INVALID_ARGUMENT);
-  EXPECT_STREQ(QorvVersion(), "1.0.5");
+  EXPECT_STREQ(QorvVersion(), QORV_VERSION_TEXT);
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
 #include <qorv/engine.h>
 #include <qorv/qorv.h>
 #include <stdio.h>

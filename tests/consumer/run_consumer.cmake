@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+# Copyright (c) 2026 The Qorv developers
 # Installs the built library to a scratch prefix, then builds and runs a consumer against it with
 # find_package(qorv) and with pkg-config.
 file(REMOVE_RECURSE ${WORK_DIR})

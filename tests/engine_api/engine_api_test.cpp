@@ -45,7 +45,7 @@ void ExpectRefused(int32_t expected,
 
 TEST(EngineApi, VersionAndDefaults) {
   EXPECT_EQ(QorvEngineApiVersion(), QORV_ENGINE_API_VERSION);
-  EXPECT_NE(std::string(QorvEngineVersion()), "");
+  EXPECT_STREQ(QorvEngineVersion(), QORV_VERSION_TEXT);
   const QorvEngineOptions o = Defaults();
   EXPECT_EQ(o.struct_size, sizeof(QorvEngineOptions));
   EXPECT_EQ(o.mode, QORV_ENGINE_MODE_GLOBAL);
