@@ -667,8 +667,21 @@ int PrintTable(const Options& opt) {
       const Record* pcl = find(op, cloud, t, "PCL");
       const Record* o3d = find(op, cloud, t, "Open3D");
       if (ours == nullptr && pcl == nullptr && o3d == nullptr) continue;
+      // A peer that describes many more (or fewer) points than we do does other work: its time is
+      // shown, but no ratio (the descriptor count of the same cloud and thread count decides).
+      auto ratio = [&](const Record* peer) -> std::string {
+        if (peer != nullptr && (op == "descriptors" || op == "detect")) {
+          const Record* ourCount = find("descriptors", cloud, t, "Qorv");
+          const Record* peerCount = find("descriptors", cloud, t, peer->side);
+          if (ourCount != nullptr && peerCount != nullptr && ourCount->count > 0 &&
+              (peerCount->count > 2 * ourCount->count || 2 * peerCount->count < ourCount->count)) {
+            return "other work";
+          }
+        }
+        return Ratio(peer, ours);
+      };
       md << "| " << OpLabel(op) << " | " << cloud << " | " << t << " | " << Cell(ours) << " | "
-         << Cell(pcl) << " | " << Ratio(pcl, ours) << " | " << Cell(o3d) << " | " << Ratio(o3d, ours)
+         << Cell(pcl) << " | " << ratio(pcl) << " | " << Cell(o3d) << " | " << ratio(o3d)
          << " | " << CountNote(op, ours, pcl, o3d) << " |\n";
       for (const Record* peer : {pcl, o3d}) {
         const std::string ratio = Ratio(peer, ours);
