@@ -19,3 +19,9 @@ function(qorv_target_options target)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
 endfunction()
+
+# The libraries' own code (src/) also keeps every narrowing conversion explicit.
+function(qorv_library_options target)
+  qorv_target_options(${target})
+  target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Wconversion>)
+endfunction()

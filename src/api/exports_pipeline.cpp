@@ -38,20 +38,10 @@ QORV_API QorvResult QorvMatchPairPointCloud(QorvInstance* inst,
   const qorv::PairPipelineParams params{kernelScale, resolution, iterations};
   const qorv::Execution exec = qorv::ExecutionOf(*inst);
   const bool crossCheck = inst->crossCheck;
-  return qorv::Guarded([&] {
-    std::vector<int32_t> matches;
-    const int32_t count = qorv::MatchPairPointCloud(points1,
-                                                    count1,
-                                                    points2,
-                                                    count2,
-                                                    params,
-                                                    crossCheck,
-                                                    exec,
-                                                    static_cast<uint32_t>(std::time(nullptr)),
-                                                    transform,
-                                                    matches);
-    qorv::DeliverMatches(matches, static_cast<uint32_t>(count), callback, userData);
-    return QORV_OK;
+  return qorv::MatchThenDeliver(callback, userData, [&](std::vector<int32_t>& matches) {
+    const uint32_t seed = static_cast<uint32_t>(std::time(nullptr));
+    return qorv::MatchPairPointCloud(
+        points1, count1, points2, count2, params, crossCheck, exec, seed, transform, matches);
   });
 }
 

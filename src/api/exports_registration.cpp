@@ -80,18 +80,9 @@ QORV_API QorvResult QorvRansacMatchKeyPoints(QorvInstance* inst,
   const qorv::RansacParams params{iterations, edgeRatio, inlierDistance};
   const qorv::Execution exec = qorv::ExecutionOf(*inst);
   const bool crossCheck = inst->crossCheck;
-  return qorv::Guarded([&] {
-    std::vector<int32_t> matches;
-    const int32_t count = qorv::RansacMatch(first,
-                                            second,
-                                            params,
-                                            crossCheck,
-                                            exec,
-                                            static_cast<uint32_t>(std::time(nullptr)),
-                                            transform,
-                                            matches);
-    qorv::DeliverMatches(matches, static_cast<uint32_t>(count), callback, userData);
-    return QORV_OK;
+  return qorv::MatchThenDeliver(callback, userData, [&](std::vector<int32_t>& matches) {
+    const uint32_t seed = static_cast<uint32_t>(std::time(nullptr));
+    return qorv::RansacMatch(first, second, params, crossCheck, exec, seed, transform, matches);
   });
 }
 
@@ -118,12 +109,8 @@ QORV_API QorvResult QorvIterativeMatchKeyPoints(QorvInstance* inst,
   const qorv::IterativeParams params{iterations, kernelScale, maxDistance};
   const qorv::Execution exec = qorv::ExecutionOf(*inst);
   const bool crossCheck = inst->crossCheck;
-  return qorv::Guarded([&] {
-    std::vector<int32_t> matches;
-    const int32_t count =
-        qorv::IterativeMatch(first, second, params, crossCheck, exec, transform, matches);
-    qorv::DeliverMatches(matches, static_cast<uint32_t>(count), callback, userData);
-    return QORV_OK;
+  return qorv::MatchThenDeliver(callback, userData, [&](std::vector<int32_t>& matches) {
+    return qorv::IterativeMatch(first, second, params, crossCheck, exec, transform, matches);
   });
 }
 

@@ -7,6 +7,8 @@
 
 #include <qorv/qorv.h>
 
+#include "api/guard.hpp"
+
 namespace qorv {
 
 // Hands the surviving matches (entries != -1, as (j, matches[j]) in order of j) to the callback
@@ -18,5 +20,17 @@ void DeliverMatches(const std::vector<int32_t>& matches,
                     uint32_t count,
                     QorvMatchCallback callback,
                     void* user);
+
+// The body the matching exports share: `match` fills a per-point match array and returns the
+// count it reports; the pairs then go to the callback. Any failure becomes a result code.
+template <class Matcher>
+QorvResult MatchThenDeliver(QorvMatchCallback callback, void* user, Matcher&& match) noexcept {
+  return Guarded([&] {
+    std::vector<int32_t> matches;
+    const int32_t count = match(matches);
+    DeliverMatches(matches, static_cast<uint32_t>(count), callback, user);
+    return QORV_OK;
+  });
+}
 
 }  // namespace qorv
