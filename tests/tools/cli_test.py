@@ -11,14 +11,13 @@ import os
 import pathlib
 import struct
 import subprocess
-import sys
 
 import numpy as np
 import pytest
 
+import qorv
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "python"))
-import qorv  # noqa: E402
 
 CLI = os.environ.get("QORV_CLI", str(ROOT / "build" / "tools" / "qorv"))
 DATA = pathlib.Path(os.environ.get("QORV_DATA_DIR", ROOT / "data"))
