@@ -42,6 +42,6 @@ class BuildPyWithVersion(build_py):
 
 SCRATCH = tempfile.mkdtemp(prefix="qorv-python-build-")
 atexit.register(shutil.rmtree, SCRATCH, ignore_errors=True)
-setup(version=VERSION, cmdclass={"build_py": BuildPyWithVersion},
+setup(version=VERSION, packages=["qorv"], cmdclass={"build_py": BuildPyWithVersion},
       options={"build": {"build_base": f"{SCRATCH}/build"},
                "egg_info": {"egg_base": SCRATCH}})

@@ -168,7 +168,7 @@ def _pkg_config_libdir(name):
     except (OSError, subprocess.SubprocessError):
         return None
     libdir = result.stdout.strip()
-    return libdir if result.returncode == 0 and libdir else None
+    return os.path.normpath(libdir) if result.returncode == 0 and libdir else None
 
 
 def load_library(env_name, soname, pkg_config_name):
@@ -186,7 +186,8 @@ def load_library(env_name, soname, pkg_config_name):
         except OSError as error:
             errors.append(f"{path}: {error}")
     raise OSError(f"{soname} could not be loaded; tried:\n  " + "\n  ".join(errors) +
-                  f"\nSet {env_name} to the library's path.")
+                  f"\nSet {env_name} to the library's path, or put the folder of "
+                  f"{pkg_config_name}.pc on PKG_CONFIG_PATH.")
 
 
 def library():
