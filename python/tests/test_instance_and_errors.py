@@ -65,10 +65,11 @@ def loaded_files(env):
 
 
 def test_library_search(tmp_path):
-    libraries = {"QORV_LIBRARY": os.path.realpath(qorv.library_path()),
-                 "QORV_ENGINE_LIBRARY": os.path.realpath(qorv._engine_library.load()._name)}
-    unset = {k: v for k, v in os.environ.items() if k not in libraries}
-    unset["PKG_CONFIG_PATH"] = str(tmp_path / "no-pc-files")
+    built = [(os.path.realpath(qorv.library_path()), "libqorv.so.1", "qorv"),
+             (os.path.realpath(qorv._engine_library.load()._name), "libqorv_engine.so.1",
+              "qorv-engine")]
+    unset = {k: v for k, v in os.environ.items()
+             if k not in ("QORV_LIBRARY", "QORV_ENGINE_LIBRARY")}
 
     # An explicit path is the only one tried, even when it is wrong.
     env = dict(os.environ, QORV_LIBRARY=str(tmp_path / "missing.so"))
@@ -79,9 +80,7 @@ def test_library_search(tmp_path):
     # The libdir of the installed pkg-config files.
     libdir = tmp_path / "prefix" / "lib"
     libdir.mkdir(parents=True)
-    for path, soname, pc in ((libraries["QORV_LIBRARY"], "libqorv.so.1", "qorv"),
-                             (libraries["QORV_ENGINE_LIBRARY"], "libqorv_engine.so.1",
-                              "qorv-engine")):
+    for path, soname, pc in built:
         shutil.copy(path, libdir / soname)
         (libdir / f"{pc}.pc").write_text(f"libdir={libdir}\nName: {pc}\nDescription: -\n"
                                           "Version: 1\n")
