@@ -9,7 +9,8 @@ if(NOT QORV_TEST_PYTHON)
   find_program(QORV_PATH_PYTHON3 NAMES python3)
   foreach(candidate /usr/bin/python3 ${QORV_PATH_PYTHON3})
     if(EXISTS ${candidate})
-      execute_process(COMMAND ${candidate} -c "import numpy, pytest, pip, setuptools"
+      # setuptools before pip: Debian's pip loads the old distutils, which setuptools then refuses.
+      execute_process(COMMAND ${candidate} -c "import setuptools, pip, numpy, pytest"
                       RESULT_VARIABLE missing OUTPUT_QUIET ERROR_QUIET)
       if(missing EQUAL 0)
         set(QORV_TEST_PYTHON ${candidate} CACHE FILEPATH "" FORCE)
