@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # Copyright (c) 2026 The Qorv developers
 # The command-line tool's tests: tests/tools/cli_test.py runs every command through the built
-# executable (python.cmake found the interpreter).
+# executable (python.cmake found the interpreter and installs the package they use).
 if(NOT TARGET qorv_cli)
   return()
 endif()
@@ -15,11 +15,11 @@ add_test(NAME tools.cli
           ${CMAKE_CURRENT_SOURCE_DIR}/tools/cli_test.py)
 set_tests_properties(tools.cli PROPERTIES
   ENVIRONMENT "${QORV_PYTHON_TEST_ENV};QORV_CLI=$<TARGET_FILE:qorv_cli>"
-  LABELS tools TIMEOUT 600)
+  FIXTURES_REQUIRED qorv_python_site LABELS tools TIMEOUT 600)
 
 add_test(NAME tools.batch
   COMMAND ${QORV_TEST_PYTHON} -m pytest -q -p no:cacheprovider
           ${CMAKE_CURRENT_SOURCE_DIR}/tools/batch_test.py)
 set_tests_properties(tools.batch PROPERTIES
   ENVIRONMENT "${QORV_PYTHON_TEST_ENV};QORV_CLI=$<TARGET_FILE:qorv_cli>"
-  LABELS tools TIMEOUT 600)
+  FIXTURES_REQUIRED qorv_python_site LABELS tools TIMEOUT 600)

@@ -8,8 +8,9 @@ calls raise QorvError (with .code). Every function takes an optional ``instance=
 (an Instance carrying cross_check, multi_thread and match_neighbor_num); without it a default
 instance is used.
 
-The library is looked up in QORV_LIBRARY, next to this package, in <checkout>/build, then on
-the system's library path. Its informational lines ("[QORV INFO] ...") go to standard output.
+The library (libqorv.so.1) is the file QORV_LIBRARY names, else the one next to this package,
+else the one in the libdir of the installed pkg-config file, else whatever the dynamic loader
+finds. Its informational lines ("[QORV INFO] ...") go to standard output.
 
     import qorv
     points, normals, colours = qorv.read_points_from_asc("data/sample/bunny.asc")
@@ -20,7 +21,7 @@ the system's library path. Its informational lines ("[QORV INFO] ...") go to sta
 import numpy as _np
 
 from ._library import (QorvAllocationError, QorvError, QorvFileError, QorvInvalidArgumentError,
-                       QorvNullInstanceError, has_export, library_path)
+                       QorvNullInstanceError, library_path)
 from .features import (KeyPoints, Maps, depth_to_vmap_nmap, detect_and_compute,
                        detect_and_compute_vmap_nmap)
 from .geometry import (absolute_orientation, read_points_from_asc, rotate_points,
@@ -35,7 +36,13 @@ from .registration import (Registration, check_distance, iterative_match_key_poi
 from .surface import (compute_normals, edge_filter, gaussian_filter, recompute_normals,
                       sor_filter, voxel_filter)
 
-__version__ = "1.0.5"
+try:
+    from ._version import __version__  # written by the package's build
+except ImportError:  # the source folder itself, not installed: the library knows its version
+    def __getattr__(name):
+        if name == "__version__":
+            return version()
+        raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
 
 
 def to_homogeneous(transform):
@@ -46,11 +53,13 @@ def to_homogeneous(transform):
 
 
 __all__ = [
+    "Alignment", "CloudFile", "QorvEngineError", "QorvTooFewPointsError", "RegistrationResult",
+    "engine_version", "multiway", "read_cloud", "read_depth", "register", "write_cloud",
     "Instance", "KeyPoints", "Maps", "QorvAllocationError", "QorvError", "QorvFileError",
     "QorvInvalidArgumentError", "QorvNullInstanceError", "Registration", "absolute_orientation",
     "check_distance", "compute_normals", "default_instance", "depth_to_vmap_nmap",
     "detect_and_compute", "detect_and_compute_vmap_nmap", "edge_filter", "gaussian_filter",
-    "has_export", "iterative_match_key_points", "library_path", "match_descriptor",
+    "iterative_match_key_points", "library_path", "match_descriptor",
     "match_pair_point_cloud", "ransac_match_key_points", "read_points_from_asc",
     "recompute_normals", "rotate_points", "sor_filter", "to_homogeneous", "transform_points",
     "version", "voxel_filter", "write_points_to_asc",

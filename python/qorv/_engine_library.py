@@ -3,13 +3,10 @@
 """Loading of libqorv_engine.so (the registration engine and the cloud files) and its errors."""
 
 import ctypes
-import ctypes.util
-import os
-import pathlib
 import threading
 
 from ._library import (QorvAllocationError, QorvError, QorvFileError, QorvInvalidArgumentError,
-                       load_first)
+                       load_library)
 
 OK = 0
 ERROR_FILE = 1
@@ -59,32 +56,16 @@ _ERROR_CLASSES = {
     ERROR_ALLOCATION: QorvEngineAllocationError,
 }
 
-_PACKAGE_DIR = pathlib.Path(__file__).resolve().parent
 _lock = threading.Lock()
 _handle = None
 
 
-def candidate_paths():
-    """QORV_ENGINE_LIBRARY, next to the package, the checkout's build folder, the system path."""
-    paths = []
-    env = os.environ.get("QORV_ENGINE_LIBRARY")
-    if env:
-        paths.append(env)
-    paths.append(str(_PACKAGE_DIR / "libqorv_engine.so"))
-    paths.append(str(_PACKAGE_DIR.parent.parent / "build" / "libqorv_engine.so"))
-    paths.append("libqorv_engine.so.1")
-    found = ctypes.util.find_library("qorv_engine")
-    if found:
-        paths.append(found)
-    return paths
-
-
 def load():
-    """The loaded ctypes.CDLL of libqorv_engine.so; loads it on first use (OSError if none loads)."""
+    """The loaded ctypes.CDLL of libqorv_engine.so.1; loads it on first use (OSError if none loads)."""
     global _handle
     with _lock:
         if _handle is None:
-            lib = load_first("QORV_ENGINE_LIBRARY", candidate_paths(), "libqorv_engine.so")
+            lib = load_library("QORV_ENGINE_LIBRARY", "libqorv_engine.so.1", "qorv-engine")
             for name, restype in (("QorvEngineLastError", ctypes.c_char_p), ("QorvEngineVersion", ctypes.c_char_p),
                                   ("QorvEngineApiVersion", ctypes.c_int32)):
                 getattr(lib, name).restype = restype

@@ -3,9 +3,10 @@
 """Loading of libqorv.so, the C prototypes of its exports, and result codes as exceptions."""
 
 import ctypes
-import ctypes.util
 import os
 import pathlib
+import shutil
+import subprocess
 import threading
 
 # ---- Result codes -------------------------------------------------------------------------------
@@ -144,34 +145,39 @@ _handle = None
 _functions = {}
 
 
-def candidate_paths():
-    """The places searched for the library, in order.
-
-    1. the QORV_LIBRARY environment variable (a file path);
-    2. next to the package (python/qorv/libqorv.so, as an installed wheel would carry it);
-    3. the build folder of a source checkout (<repository>/build/libqorv.so);
-    4. the system's library search path (libqorv.so.1, then whatever ctypes.util finds).
-    """
-    paths = []
-    env = os.environ.get("QORV_LIBRARY")
-    if env:
-        paths.append(env)
-    paths.append(str(_PACKAGE_DIR / "libqorv.so"))
-    paths.append(str(_PACKAGE_DIR.parent.parent / "build" / "libqorv.so"))
-    paths.append("libqorv.so.1")
-    found = ctypes.util.find_library("qorv")
-    if found:
-        paths.append(found)
-    return paths
+def candidate_paths(soname, pkg_config_name):
+    """The places searched for a library, in order: next to the package (as a wheel that carries
+    it would have it), the libdir of its installed pkg-config file, then the name alone for the
+    dynamic loader's own search (LD_LIBRARY_PATH, the ld.so cache, the default folders). A
+    generator, so that pkg-config only runs when the package carries no copy."""
+    yield str(_PACKAGE_DIR / soname)
+    libdir = _pkg_config_libdir(pkg_config_name)
+    if libdir:
+        yield os.path.join(libdir, soname)
+    yield soname
 
 
-def load_first(env_name, paths, what):
-    """The ctypes.CDLL of the first of `paths` that loads. When the environment variable `env_name`
-    is set, only its path is tried, so that a wrong setting is not silently papered over. Raises
-    OSError listing the places tried."""
+def _pkg_config_libdir(name):
+    """`pkg-config --variable=libdir name`, or None without pkg-config or the .pc file."""
+    tool = shutil.which("pkg-config")
+    if tool is None:
+        return None
+    try:
+        result = subprocess.run([tool, "--variable=libdir", name], capture_output=True, text=True,
+                                timeout=10, check=False)
+    except (OSError, subprocess.SubprocessError):
+        return None
+    libdir = result.stdout.strip()
+    return os.path.normpath(libdir) if result.returncode == 0 and libdir else None
+
+
+def load_library(env_name, soname, pkg_config_name):
+    """The ctypes.CDLL of `soname`. When the environment variable `env_name` is set, only the file
+    it names is tried, so that a wrong setting is not silently papered over; otherwise the first
+    of candidate_paths() that loads. Raises OSError listing the places tried."""
     env = os.environ.get(env_name)
     errors = []
-    for path in [env] if env else paths:
+    for path in [env] if env else candidate_paths(soname, pkg_config_name):
         if os.sep in path and not os.path.exists(path):
             errors.append(f"{path}: not found")
             continue
@@ -179,16 +185,17 @@ def load_first(env_name, paths, what):
             return ctypes.CDLL(path)
         except OSError as error:
             errors.append(f"{path}: {error}")
-    raise OSError(f"{what} could not be loaded; tried:\n  " + "\n  ".join(errors) +
-                  f"\nSet {env_name} to the library's path.")
+    raise OSError(f"{soname} could not be loaded; tried:\n  " + "\n  ".join(errors) +
+                  f"\nSet {env_name} to the library's path, or put the folder of "
+                  f"{pkg_config_name}.pc on PKG_CONFIG_PATH.")
 
 
 def library():
-    """The loaded ctypes.CDLL of libqorv.so; loads it on first use (OSError if none loads)."""
+    """The loaded ctypes.CDLL of libqorv.so.1; loads it on first use (OSError if none loads)."""
     global _handle
     with _lock:
         if _handle is None:
-            _handle = load_first("QORV_LIBRARY", candidate_paths(), "libqorv.so")
+            _handle = load_library("QORV_LIBRARY", "libqorv.so.1", "qorv")
         return _handle
 
 
@@ -205,15 +212,6 @@ def function(name):
         fn.argtypes = argtypes
         _functions[name] = fn
     return fn
-
-
-def has_export(name):
-    """Whether the loaded library provides the export `name`."""
-    try:
-        function(name)
-        return True
-    except AttributeError:
-        return False
 
 
 def library_path():

@@ -11,7 +11,7 @@ from .instance import handle_of
 
 
 def version():
-    """The library's version text (QorvVersion), e.g. "1.0.5"."""
+    """The library's version text (QorvVersion), the same as __version__ of an installed package."""
     return _library.function("QorvVersion")().decode()
 
 

@@ -1,27 +1,18 @@
 # SPDX-License-Identifier: MIT
 # Copyright (c) 2026 The Qorv developers
-"""Shared fixtures: the package from this checkout, sample data, instances, skips for exports the
-loaded library does not provide yet."""
+"""Shared fixtures: sample data, instances, rigid-motion helpers. The tests import the installed
+package (tests/python.cmake installs it for ctest)."""
 
 import os
 import pathlib
-import sys
 
 import numpy as np
 import pytest
 
-PYTHON_DIR = pathlib.Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(PYTHON_DIR))
+import qorv
 
-import qorv  # noqa: E402
-
-DATA_DIR = pathlib.Path(os.environ.get("QORV_DATA_DIR", PYTHON_DIR.parent / "data"))
-
-
-def needs(*exports):
-    """Skips a test when the loaded library lacks one of the exports."""
-    missing = [name for name in exports if not qorv.has_export(name)]
-    return pytest.mark.skipif(bool(missing), reason="library lacks " + ", ".join(missing))
+DATA_DIR = pathlib.Path(os.environ.get("QORV_DATA_DIR",
+                                       pathlib.Path(__file__).resolve().parents[2] / "data"))
 
 
 @pytest.fixture

@@ -10,7 +10,6 @@ import tracemalloc
 import numpy as np
 
 import qorv
-from conftest import needs
 
 
 def resident_bytes():
@@ -33,8 +32,6 @@ def run_many(call, times=2000):
     return after - before, resident_bytes() - before_rss
 
 
-@needs("QorvVoxelFilter", "QorvReadPointsFromASC", "QorvWritePointsToASC",
-       "QorvRansacMatchKeyPoints")
 def test_callbacks_do_not_leak(tmp_path, rng):
     points = rng.uniform(0, 1, size=(300, 3)).astype(np.float32)
     path = tmp_path / "small.asc"
@@ -57,7 +54,6 @@ def test_callbacks_do_not_leak(tmp_path, rng):
         assert rss_growth < 8 * 1024 * 1024, rss_growth
 
 
-@needs("QorvVoxelFilter")
 def test_results_outlive_the_library_buffers(rng):
     points = rng.uniform(0, 1, size=(500, 3)).astype(np.float32)
     first = qorv.voxel_filter(points, 0.2)

@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 
 import qorv
-from conftest import apply, needs, random_rotation, rigid
+from conftest import apply, random_rotation, rigid
 
 
 def spacing(points):
@@ -29,7 +29,6 @@ def bunny_key_points(bunny, instance=None, **overrides):
     return normals, qorv.detect_and_compute(bunny, normals, 3 * s, instance=instance, **params)
 
 
-@needs("QorvComputeNormals", "QorvDetectAndCompute")
 def test_key_points_are_input_points_with_their_normals(bunny):
     normals, found = bunny_key_points(bunny)
     assert isinstance(found, qorv.KeyPoints) and len(found.positions) > 0
@@ -41,7 +40,6 @@ def test_key_points_are_input_points_with_their_normals(bunny):
     assert_blocks_sum_to_100_or_0(found.descriptors)
 
 
-@needs("QorvComputeNormals", "QorvDetectAndCompute")
 def test_cap_keeps_the_best_of_the_ranking(bunny):
     _, ranked = bunny_key_points(bunny, max_key_points=100000)
     _, capped = bunny_key_points(bunny, max_key_points=5)
@@ -51,7 +49,6 @@ def test_cap_keeps_the_best_of_the_ranking(bunny):
     np.testing.assert_array_equal(capped.descriptors, ranked.descriptors[:5])
 
 
-@needs("QorvComputeNormals", "QorvDetectAndCompute")
 def test_descriptors_do_not_change_under_a_rigid_motion(bunny, rng):
     s = spacing(bunny)
     truth = rigid(random_rotation(rng), [3.0, -1.0, 2.0])
@@ -66,7 +63,6 @@ def test_descriptors_do_not_change_under_a_rigid_motion(bunny, rng):
     np.testing.assert_allclose(after.descriptors, before.descriptors, atol=0.05)
 
 
-@needs("QorvDetectAndCompute")
 def test_sparse_cloud_has_no_key_points(rng):
     points = rng.uniform(0, 100, size=(50, 3)).astype(np.float32)
     found = qorv.detect_and_compute(points, np.tile([0, 0, 1], (50, 1)), 1.0, feature_radius=1,
@@ -77,7 +73,6 @@ def test_sparse_cloud_has_no_key_points(rng):
 CAMERA = np.array([[100.0, 0, 3.5], [0, 120.0, 2.5], [0, 0, 1]])
 
 
-@needs("QorvDepthToVmapNmap")
 def test_depth_of_a_plane_facing_the_camera():
     depth = np.full((6, 8), 2.0, np.float32)
     depth[3, 4] = 0.0
@@ -92,7 +87,6 @@ def test_depth_of_a_plane_facing_the_camera():
     np.testing.assert_allclose(nmap[valid], np.tile([0, 0, -1], (47, 1)), atol=1e-6)
 
 
-@needs("QorvDepthToVmapNmap")
 def test_depth_of_zeros_and_optional_outputs():
     vmap, nmap, mask = qorv.depth_to_vmap_nmap(CAMERA, np.zeros((4, 5)))
     assert not vmap.any() and not nmap.any() and not mask.any()
@@ -113,7 +107,6 @@ WINDOWS = dict(score_window=5, suppression_window=5, descriptor_half_window=2,
                histogram_window=5, ratio21=1.0, ratio32=1.0)
 
 
-@needs("QorvDepthToVmapNmap", "QorvDetectAndComputeVmapNmap")
 def test_key_pixels_come_in_pixel_order_from_the_maps():
     vmap, nmap, mask = bumpy_maps()
     found = qorv.detect_and_compute_vmap_nmap(vmap, nmap, mask, **WINDOWS)

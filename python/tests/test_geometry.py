@@ -6,10 +6,9 @@ import numpy as np
 import pytest
 
 import qorv
-from conftest import apply, needs, random_rotation, rigid, rotation_about
+from conftest import apply, random_rotation, rigid, rotation_about
 
 
-@needs("QorvReadPointsFromASC", "QorvWritePointsToASC")
 @pytest.mark.parametrize("columns", [3, 6, 9])
 def test_asc_round_trip(tmp_path, rng, columns):
     points = rng.uniform(-10, 10, size=(257, 3)).astype(np.float32)
@@ -32,14 +31,12 @@ def test_asc_round_trip(tmp_path, rng, columns):
         np.testing.assert_array_equal(got_colours, colours)
 
 
-@needs("QorvReadPointsFromASC", "QorvWritePointsToASC")
 def test_asc_colours_without_normals_write_three_columns(tmp_path):
     path = tmp_path / "c.asc"
     qorv.write_points_to_asc(path, [[1, 2, 3]], colours=[[9, 9, 9]])
     assert path.read_text().split() == ["1.000000", "2.000000", "3.000000"]
 
 
-@needs("QorvReadPointsFromASC")
 def test_asc_without_points_is_a_file_error(tmp_path):
     path = tmp_path / "words.asc"
     path.write_text("no numbers here\n")
@@ -55,7 +52,6 @@ def _reference(matrix, points, translation=(0, 0, 0)):
     return np.stack([m[r, 0] * x + m[r, 1] * y + m[r, 2] * z + t[r] for r in range(3)], axis=1)
 
 
-@needs("QorvRotatePoints", "QorvTransformPoints")
 @pytest.mark.parametrize("count", [1, 3, 4, 7, 8, 9, 17, 1000])
 def test_rotate_and_transform_match_the_formula(rng, count):
     points = rng.uniform(-5, 5, size=(count, 3)).astype(np.float32)
@@ -71,7 +67,6 @@ def test_rotate_and_transform_match_the_formula(rng, count):
     np.testing.assert_array_equal(moved4, moved)
 
 
-@needs("QorvRotatePoints")
 def test_rotate_in_place_equals_out_of_place(rng):
     points = rng.normal(size=(33, 3)).astype(np.float32)
     rotation = rotation_about([1, 2, 3], 40)
@@ -81,7 +76,6 @@ def test_rotate_in_place_equals_out_of_place(rng):
     np.testing.assert_array_equal(points, expected)
 
 
-@needs("QorvAbsoluteOrientation")
 def test_absolute_orientation_recovers_a_motion(rng):
     b = rng.uniform(-1, 1, size=(50, 3)).astype(np.float32)
     truth = rigid(random_rotation(rng), [0.3, -2.0, 1.0])

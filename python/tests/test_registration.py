@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 
 import qorv
-from conftest import apply, needs, random_rotation, rigid, rotation_about
+from conftest import apply, random_rotation, rigid, rotation_about
 
 
 def brute_force_matches(target, query, cross_check):
@@ -21,7 +21,6 @@ def brute_force_matches(target, query, cross_check):
     return best, best_distance
 
 
-@needs("QorvMatchDescriptor")
 @pytest.mark.parametrize("cross_check", [False, True])
 def test_match_descriptor_k1_against_brute_force(rng, cross_check):
     target = rng.uniform(0, 10, size=(40, 33)).astype(np.float32)
@@ -35,7 +34,6 @@ def test_match_descriptor_k1_against_brute_force(rng, cross_check):
     assert (indices == -1).any() == cross_check
 
 
-@needs("QorvMatchDescriptor")
 def test_match_descriptor_k3_gives_squared_distances(rng, instance):
     target = rng.uniform(0, 10, size=(60, 33)).astype(np.float32)
     query = rng.uniform(0, 10, size=(20, 33)).astype(np.float32)
@@ -72,7 +70,6 @@ def assert_pairs_consistent(pairs, p1, p2, transform, distance):
     assert np.all(residual < distance)
 
 
-@needs("QorvRansacMatchKeyPoints")
 @pytest.mark.parametrize("with_normals", [False, True])
 def test_ransac_recovers_the_motion(rng, instance, with_normals):
     (p1, n1, d1), (p2, n2, d2), truth, order = key_point_pair(rng, outliers=15)
@@ -85,7 +82,6 @@ def test_ransac_recovers_the_motion(rng, instance, with_normals):
     assert true_pairs == {tuple(p) for p in result.pairs.tolist()}
 
 
-@needs("QorvIterativeMatchKeyPoints")
 def test_iterative_refines_from_a_nearby_pose(rng, instance):
     (p1, _, d1), (p2, _, d2), truth, order = key_point_pair(rng)
     start = truth.copy()
@@ -100,7 +96,6 @@ def test_iterative_refines_from_a_nearby_pose(rng, instance):
     np.testing.assert_array_equal(start[:, 3], truth[:, 3] + 0.05)  # the caller's pose is kept
 
 
-@needs("QorvIterativeMatchKeyPoints")
 def test_iterative_with_a_small_kernel_only_filters(rng):
     (p1, _, d1), (p2, _, d2), truth, _ = key_point_pair(rng)
     start = truth.copy()
@@ -111,7 +106,6 @@ def test_iterative_with_a_small_kernel_only_filters(rng):
     assert len(result.pairs) == 0  # all 0.02 apart: dropped at the bound 0.01
 
 
-@needs("QorvMatchPairPointCloud")
 def test_pair_pipeline_without_steps_keeps_the_pose(bunny):
     start = rigid(rotation_about([0, 0, 1], 3), [0.01, 0.02, 0.03])
     result = qorv.match_pair_point_cloud(bunny, bunny, resolution=0.3, kernel_scale=1e-9,
@@ -120,7 +114,6 @@ def test_pair_pipeline_without_steps_keeps_the_pose(bunny):
     assert result.pairs.shape[1] == 2
 
 
-@needs("QorvCheckDistance")
 def test_check_distance_of_a_grid(instance):
     xs, ys = np.meshgrid(np.arange(20), np.arange(15))
     points = np.column_stack([xs.ravel() * 0.25, ys.ravel() * 0.25, np.zeros(300)])

@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 
 import qorv
-from conftest import needs, rotation_about
+from conftest import rotation_about
 
 
 def grid(nx, ny, h):
@@ -14,7 +14,6 @@ def grid(nx, ny, h):
     return np.stack([xs.ravel(), ys.ravel(), np.zeros(nx * ny)], axis=1).astype(np.float32)
 
 
-@needs("QorvComputeNormals")
 def test_normals_of_a_tilted_plane(rng, instance):
     xy = rng.uniform(0, 1, size=(400, 2))
     points = np.column_stack([xy, 0.1 * xy[:, 0] - 0.2 * xy[:, 1]]).astype(np.float32)
@@ -23,7 +22,6 @@ def test_normals_of_a_tilted_plane(rng, instance):
     np.testing.assert_allclose(normals, np.tile(expected, (400, 1)), atol=1e-3)
 
 
-@needs("QorvReComputeNormals")
 def test_recompute_turns_normals_to_the_callers(rng):
     xy = rng.uniform(0, 1, size=(200, 2))
     points = np.column_stack([xy, np.zeros(200)]).astype(np.float32)
@@ -54,7 +52,6 @@ def voxel_reference(points, leaf):
     return np.sort([index for _, index in best.values()])
 
 
-@needs("QorvVoxelFilter")
 @pytest.mark.parametrize("leaf", [0.05, 0.13, 0.4])
 def test_voxel_filter_matches_the_reference(rng, leaf):
     points = rng.uniform(-1, 1, size=(2000, 3)).astype(np.float32)
@@ -63,7 +60,6 @@ def test_voxel_filter_matches_the_reference(rng, leaf):
     np.testing.assert_array_equal(kept, voxel_reference(points, leaf))
 
 
-@needs("QorvSORFilter")
 def test_sor_filter_keeps_the_prefix_below_the_threshold(rng, instance):
     points = rng.normal(size=(300, 3)).astype(np.float32)
     points[::37] *= 8  # a few far points
@@ -81,7 +77,6 @@ def test_sor_filter_keeps_the_prefix_below_the_threshold(rng, instance):
     assert len(kept) < len(points)
 
 
-@needs("QorvEdgeFilter")
 def test_edge_filter_finds_the_border_of_a_grid(instance):
     # Unequal spacings keep the tangent eigenvalues apart, so that their directions are defined;
     # the tilt keeps the tangent directions off z = 0, where their z = 1 solution has none.
@@ -100,7 +95,6 @@ def gaussian_reference(points, radius):
     return (w @ points.astype(np.float64)) / w.sum(axis=1, keepdims=True)
 
 
-@needs("QorvGaussianFilter")
 def test_gaussian_filter_matches_the_reference(rng, instance):
     points = rng.uniform(0, 1, size=(300, 3)).astype(np.float32)
     points[0] = [10, 10, 10]  # isolated: unchanged

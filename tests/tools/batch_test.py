@@ -8,16 +8,15 @@ import os
 import pathlib
 import signal
 import subprocess
-import sys
 import time
 
 import numpy as np
 import pytest
 
+import qorv
+from qorv import batch
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "python"))
-import qorv  # noqa: E402
-from qorv import batch  # noqa: E402
 
 CLI = os.environ.get("QORV_CLI", str(ROOT / "build" / "tools" / "qorv"))
 DATA = pathlib.Path(os.environ.get("QORV_DATA_DIR", ROOT / "data"))

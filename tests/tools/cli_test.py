@@ -11,14 +11,13 @@ import os
 import pathlib
 import struct
 import subprocess
-import sys
 
 import numpy as np
 import pytest
 
+import qorv
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT / "python"))
-import qorv  # noqa: E402
 
 CLI = os.environ.get("QORV_CLI", str(ROOT / "build" / "tools" / "qorv"))
 DATA = pathlib.Path(os.environ.get("QORV_DATA_DIR", ROOT / "data"))
@@ -125,7 +124,8 @@ def read_back(path):
 # ---- Version, help, info ----------------------------------------------------------------------
 
 def test_version_and_help():
-    assert run("--version").stdout.strip() == "qorv 1.0.5 (library 1.0.5)"
+    version = qorv.__version__  # the CMake project's, as the installed package carries it
+    assert run("--version").stdout.strip() == f"qorv {version} (library {version})"
     helptext = run("--help").stdout
     for command in ("register", "info", "normals", "filter", "keypoints", "transform", "demo"):
         assert command in helptext
