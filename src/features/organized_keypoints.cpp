@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "features/descriptor_layout.hpp"
 #include "features/pair_features.hpp"
 #include "features/scatter_eigenvalues.hpp"
 
@@ -16,8 +17,6 @@ namespace qorv {
 namespace {
 
 constexpr float kEpsilon = 1.1920929e-07f;
-constexpr int32_t kBins = 11;
-constexpr int32_t kDescriptorSize = 33;
 
 // Rows (or columns) i with h <= i < size - h, clipped to [0, size); empty when begin >= end.
 struct Span {
@@ -298,8 +297,8 @@ void ComputePixelHistogram(
       const PairFeatures f = ComputePairFeatures(ps, ns, pj, maps.normals + 3 * j, distance);
       // Bin scales: 5.5 for the cosines in [-1, 1], 5.5 / pi for the angle in [-pi, pi].
       ++counts[HardBin(f.theta * 1.7507044f + 5.5f)];
-      ++counts[kBins + HardBin(f.alpha * 5.5f + 5.5f)];
-      ++counts[2 * kBins + HardBin(f.phi * 5.5f + 5.5f)];
+      ++counts[kHistogramBins + HardBin(f.alpha * 5.5f + 5.5f)];
+      ++counts[2 * kHistogramBins + HardBin(f.phi * 5.5f + 5.5f)];
     }
   }
 }
@@ -391,13 +390,7 @@ std::vector<float> ComputeKeyPixelDescriptors(const OrganizedMaps& maps,
           }
         }
       }
-      for (int32_t block = 0; block < 3; ++block) {
-        float* bins = descriptor + block * kBins;
-        float sum = 0.0f;
-        for (int32_t b = 0; b < kBins; ++b) sum += bins[b];
-        const float factor = sum <= kEpsilon ? 0.0f : 100.0f / sum;
-        for (int32_t b = 0; b < kBins; ++b) bins[b] *= factor;
-      }
+      NormaliseBlocks(descriptor);
     }
   });
   return descriptors;
