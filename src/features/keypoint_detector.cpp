@@ -7,7 +7,7 @@
 #include <numeric>
 #include <utility>
 
-#include "features/scatter_eigenvalues.hpp"
+#include "surface/scatter_eigen.hpp"
 
 namespace qorv {
 namespace {

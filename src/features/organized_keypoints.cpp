@@ -11,7 +11,7 @@
 
 #include "features/descriptor_layout.hpp"
 #include "features/pair_features.hpp"
-#include "features/scatter_eigenvalues.hpp"
+#include "surface/scatter_eigen.hpp"
 
 namespace qorv {
 namespace {
