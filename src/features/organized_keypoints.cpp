@@ -11,6 +11,7 @@
 
 #include "features/descriptor_layout.hpp"
 #include "features/pair_features.hpp"
+#include "geometry/vec3.hpp"
 #include "surface/scatter_eigen.hpp"
 
 namespace qorv {
@@ -42,8 +43,6 @@ Span WindowSpan(int32_t center, int32_t h, int32_t size) {
 inline size_t PixelIndex(const OrganizedMaps& maps, int32_t row, int32_t col) {
   return static_cast<size_t>(row) * static_cast<size_t>(maps.width) + static_cast<size_t>(col);
 }
-
-inline float Dot(const float* a, const float* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 
 // Scatter sums of the unit directions from each pixel of a row segment, per worker.
 struct ScatterRow {
