@@ -6,10 +6,10 @@
 #include <cmath>
 #include <vector>
 
+#include "geometry/vec3.hpp"
+
 namespace qorv {
 namespace {
-
-inline float Dot(const float* a, const float* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 
 // Adds the triangle's unit normal to the normals of its three pixels if it faces the camera.
 inline void AddTriangle(
@@ -17,14 +17,9 @@ inline void AddTriangle(
   if (!(a[2] > 0.0f && b[2] > 0.0f && c[2] > 0.0f)) return;  // NaN fails too
   const float ca[3] = {c[0] - a[0], c[1] - a[1], c[2] - a[2]};
   const float ba[3] = {b[0] - a[0], b[1] - a[1], b[2] - a[2]};
-  float n[3] = {
-      ca[1] * ba[2] - ca[2] * ba[1], ca[2] * ba[0] - ca[0] * ba[2], ca[0] * ba[1] - ca[1] * ba[0]};
-  const float length = std::sqrt(Dot(n, n));
-  if (length != 0.0f) {
-    n[0] /= length;
-    n[1] /= length;
-    n[2] /= length;
-  }
+  float n[3];
+  Cross(ca, ba, n);
+  NormalizeInPlace(n);
   // A degenerate triangle (n = 0) fails these tests as well.
   if (!(Dot(n, a) < 0.0f && Dot(n, b) < 0.0f && Dot(n, c) < 0.0f)) return;
   for (float* target : {na, nb, nc}) {
@@ -89,14 +84,7 @@ void VertexToNormalMap(const ImageView<const float, 3>& vertices,
   }
   for (int32_t r = 0; r < rows; ++r) {
     float* n = normals.row(r);
-    for (int32_t c = 0; c < cols; ++c, n += 3) {
-      const float length = std::sqrt(Dot(n, n));
-      if (length != 0.0f) {
-        n[0] /= length;
-        n[1] /= length;
-        n[2] /= length;
-      }
-    }
+    for (int32_t c = 0; c < cols; ++c, n += 3) NormalizeInPlace(n);
   }
 }
 

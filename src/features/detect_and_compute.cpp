@@ -2,9 +2,8 @@
 // Copyright (c) 2026 The Qorv developers
 #include "features/detect_and_compute.hpp"
 
-#include <algorithm>
-
 #include "features/fpfh_descriptor.hpp"
+#include "geometry/gather.hpp"
 
 namespace qorv {
 
@@ -17,11 +16,7 @@ KeyPointFeatures DetectAndCompute(const PointKdTree& tree,
   KeyPointFeatures out;
   DetectKeyPoints(tree, params, exec, out.indices, out.positions);
   const size_t count = out.indices.size();
-  out.normals.resize(count * 3);
-  for (size_t k = 0; k < count; ++k) {
-    const float* n = normals + static_cast<size_t>(out.indices[k]) * 3;
-    std::copy(n, n + 3, out.normals.begin() + static_cast<std::ptrdiff_t>(k * 3));
-  }
+  GatherPoints(normals, out.indices, out.normals);
   out.descriptors.assign(count * kDescriptorSize, 0.0f);
   ComputeDescriptors(tree,
                      normals,

@@ -43,16 +43,6 @@ struct alignas(64) DescriptorScratch {
   std::vector<WeightedNeighbour> weighted;  // this worker's key points, in key-point order
 };
 
-void NormaliseBlocks(float* descriptor) {
-  for (int32_t block = 0; block < kDescriptorSize; block += kHistogramBins) {
-    float* bins = descriptor + block;
-    float sum = 0.0f;
-    for (int32_t b = 0; b < kHistogramBins; ++b) sum += bins[b];
-    const float factor = sum <= kEpsilon ? 0.0f : 100.0f / sum;
-    for (int32_t b = 0; b < kHistogramBins; ++b) bins[b] *= factor;
-  }
-}
-
 }  // namespace
 
 void ComputePairHistograms(const PointKdTree& tree,

@@ -4,15 +4,11 @@
 
 #include <cstdint>
 
+#include "features/descriptor_layout.hpp"
 #include "runtime/parallel_for.hpp"
 #include "search/kd_tree.hpp"
 
 namespace qorv {
-
-// Floats per descriptor: three 11-bin blocks, angle theta (0-10), spread alpha (11-21) and
-// direction phi (22-32).
-constexpr int32_t kDescriptorSize = 33;
-constexpr int32_t kHistogramBins = 11;
 
 // Simplified point feature histogram of point pointIndex of tree.data(), in the descriptor's
 // block layout, not normalised: for every other point strictly within sqrt(histogramRadiusSq)

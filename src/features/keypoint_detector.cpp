@@ -7,7 +7,9 @@
 #include <numeric>
 #include <utility>
 
-#include "features/scatter_eigenvalues.hpp"
+#include "geometry/gather.hpp"
+#include "geometry/vec3.hpp"
+#include "surface/scatter_eigen.hpp"
 
 namespace qorv {
 namespace {
@@ -17,8 +19,6 @@ struct alignas(64) DetectorScratch {
   std::vector<int32_t> indices;  // candidates of this worker, ascending
   std::vector<float> scores;     // lambda3 of each candidate
 };
-
-bool HasNaN(const float* p) { return p[0] != p[0] || p[1] != p[1] || p[2] != p[2]; }
 
 // Scores the points [begin, end) and appends the candidates to the worker's lists.
 void ScoreRange(const PointKdTree& tree,
@@ -65,16 +65,6 @@ void ScoreRange(const PointKdTree& tree,
       s.indices.push_back(i);
       s.scores.push_back(lambda3);
     }
-  }
-}
-
-void GatherPositions(const float* points,
-                     const std::vector<int32_t>& indices,
-                     std::vector<float>& positions) {
-  positions.resize(indices.size() * 3);
-  for (size_t k = 0; k < indices.size(); ++k) {
-    const float* p = points + static_cast<size_t>(indices[k]) * 3;
-    std::copy(p, p + 3, positions.begin() + static_cast<std::ptrdiff_t>(k * 3));
   }
 }
 
@@ -157,7 +147,7 @@ void DetectKeyPoints(const PointKdTree& tree,
   scratch.clear();
 
   if (params.maxKeyPoints >= 1) RankByScore(indices, scores);
-  GatherPositions(tree.data(), indices, positions);
+  GatherPoints(tree.data(), indices, positions);
 
   if (!indices.empty() && params.nonMaxRadius > 0.0f) {
     std::vector<uint8_t> keep;
@@ -171,7 +161,7 @@ void DetectKeyPoints(const PointKdTree& tree,
   if (params.maxKeyPoints >= 1 && indices.size() > static_cast<size_t>(params.maxKeyPoints)) {
     indices.resize(static_cast<size_t>(params.maxKeyPoints));
   }
-  GatherPositions(tree.data(), indices, positions);
+  GatherPoints(tree.data(), indices, positions);
 }
 
 }  // namespace qorv

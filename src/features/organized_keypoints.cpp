@@ -3,48 +3,19 @@
 #include "features/organized_keypoints.hpp"
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <new>
 #include <utility>
 
-#include "features/pair_features.hpp"
-#include "features/scatter_eigenvalues.hpp"
+#include "features/pixel_windows.hpp"
+#include "surface/scatter_eigen.hpp"
 
 namespace qorv {
 namespace {
 
-constexpr float kEpsilon = 1.1920929e-07f;
-constexpr int32_t kBins = 11;
-constexpr int32_t kDescriptorSize = 33;
-
-// Rows (or columns) i with h <= i < size - h, clipped to [0, size); empty when begin >= end.
-struct Span {
-  int32_t begin;
-  int32_t end;
-};
-
-Span InnerSpan(int32_t h, int32_t size) {
-  const int64_t begin = std::max<int64_t>(h, 0);
-  const int64_t end = std::min<int64_t>(static_cast<int64_t>(size) - h, size);
-  if (begin >= end) return {0, 0};
-  return {static_cast<int32_t>(begin), static_cast<int32_t>(end)};
-}
-
-// Window rows (or columns) center - h .. center + h clipped to the image; empty for h < 0.
-Span WindowSpan(int32_t center, int32_t h, int32_t size) {
-  const int64_t begin = std::max<int64_t>(static_cast<int64_t>(center) - h, 0);
-  const int64_t end = std::min<int64_t>(static_cast<int64_t>(center) + h + 1, size);
-  if (begin >= end) return {0, 0};
-  return {static_cast<int32_t>(begin), static_cast<int32_t>(end)};
-}
-
-inline size_t PixelIndex(const OrganizedMaps& maps, int32_t row, int32_t col) {
-  return static_cast<size_t>(row) * static_cast<size_t>(maps.width) + static_cast<size_t>(col);
-}
-
-inline float Dot(const float* a, const float* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+constexpr float kEpsilon = FLT_EPSILON;
 
 // Scatter sums of the unit directions from each pixel of a row segment, per worker.
 struct ScatterRow {
@@ -124,7 +95,7 @@ void AddDirections(const float* __restrict qx,
 void AccumulateScatterRow(const OrganizedMaps& maps,
                           const VertexPlanes& planes,
                           int32_t row,
-                          Span cols,
+                          PixelSpan cols,
                           int32_t h,
                           ScatterRow& s) {
   const size_t n = static_cast<size_t>(cols.end - cols.begin);
@@ -171,8 +142,8 @@ float ScoreOf(const ScatterRow& s, size_t i, const OrganizedKeyPointParams& para
 uint8_t SuppressionFlag(
     const OrganizedMaps& maps, const float* scores, int32_t row, int32_t col, int32_t h) {
   const float score = scores[PixelIndex(maps, row, col)];
-  const Span rows = WindowSpan(row, h, maps.height);
-  const Span cols = WindowSpan(col, h, maps.width);
+  const PixelSpan rows = WindowSpan(row, h, maps.height);
+  const PixelSpan cols = WindowSpan(col, h, maps.width);
   for (int32_t qr = rows.begin; qr < rows.end; ++qr) {
     const float* rowScores = scores + PixelIndex(maps, qr, 0);
     for (int32_t qc = cols.begin; qc < cols.end; ++qc) {
@@ -209,18 +180,6 @@ void CapKeyPixels(const OrganizedMaps& maps,
   for (size_t k = keep; k < records.size(); ++k) keyFlags[records[k].pixel] = 0;
 }
 
-inline int32_t HardBin(float x) {
-  if (x >= 10.0f) return 10;
-  if (x >= 0.0f) return static_cast<int32_t>(x);
-  return 0;  // negative, or NaN from a NaN normal
-}
-
-struct KeyPixel {
-  int32_t row;
-  int32_t col;
-  size_t descriptor;  // position among all key pixels
-};
-
 }  // namespace
 
 void DetectKeyPixels(const OrganizedMaps& maps,
@@ -235,8 +194,8 @@ void DetectKeyPixels(const OrganizedMaps& maps,
   if (params.scoreWindow < 2) return;
 
   const int32_t scoreHalf = params.scoreWindow >> 1;
-  const Span scoreRows = InnerSpan(scoreHalf, maps.height);
-  const Span scoreCols = InnerSpan(scoreHalf, maps.width);
+  const PixelSpan scoreRows = InnerSpan(scoreHalf, maps.height);
+  const PixelSpan scoreCols = InnerSpan(scoreHalf, maps.width);
   if (scoreRows.begin >= scoreRows.end || scoreCols.begin >= scoreCols.end) return;
   VertexPlanes planes;
   for (std::vector<float>* plane : {&planes.x, &planes.y, &planes.z}) plane->resize(pixelCount);
@@ -262,8 +221,8 @@ void DetectKeyPixels(const OrganizedMaps& maps,
   });
 
   const int32_t suppressionHalf = params.suppressionWindow / 2;
-  const Span flagRows = InnerSpan(suppressionHalf, maps.height);
-  const Span flagCols = InnerSpan(suppressionHalf, maps.width);
+  const PixelSpan flagRows = InnerSpan(suppressionHalf, maps.height);
+  const PixelSpan flagCols = InnerSpan(suppressionHalf, maps.width);
   RunFor(exec, flagRows.begin, flagRows.end, [&](int32_t begin, int32_t end, int32_t) {
     for (int32_t r = begin; r < end; ++r) {
       for (int32_t c = flagCols.begin; c < flagCols.end; ++c) {
@@ -275,132 +234,6 @@ void DetectKeyPixels(const OrganizedMaps& maps,
   });
 
   CapKeyPixels(maps, scores, params.maxKeyPoints, keyFlags);
-}
-
-void ComputePixelHistogram(
-    const OrganizedMaps& maps, int32_t row, int32_t col, int32_t histogramWindow, int32_t* counts) {
-  std::fill(counts, counts + kDescriptorSize, 0);
-  const size_t s = PixelIndex(maps, row, col);
-  const float* ps = maps.vertices + 3 * s;
-  const float* ns = maps.normals + 3 * s;
-  const int32_t h = histogramWindow / 2;
-  const Span rows = WindowSpan(row, h, maps.height);
-  const Span cols = WindowSpan(col, h, maps.width);
-  for (int32_t jr = rows.begin; jr < rows.end; ++jr) {
-    const size_t rowStart = PixelIndex(maps, jr, 0);
-    for (int32_t jc = cols.begin; jc < cols.end; ++jc) {
-      const size_t j = rowStart + static_cast<size_t>(jc);
-      if (maps.mask[j] == 0) continue;
-      const float* pj = maps.vertices + 3 * j;
-      const float d[3] = {pj[0] - ps[0], pj[1] - ps[1], pj[2] - ps[2]};
-      const float distance = std::sqrt(Dot(d, d));
-      if (!(distance >= kEpsilon)) continue;  // the pixel itself, coincident and NaN points
-      const PairFeatures f = ComputePairFeatures(ps, ns, pj, maps.normals + 3 * j, distance);
-      // Bin scales: 5.5 for the cosines in [-1, 1], 5.5 / pi for the angle in [-pi, pi].
-      ++counts[HardBin(f.theta * 1.7507044f + 5.5f)];
-      ++counts[kBins + HardBin(f.alpha * 5.5f + 5.5f)];
-      ++counts[2 * kBins + HardBin(f.phi * 5.5f + 5.5f)];
-    }
-  }
-}
-
-std::vector<float> ComputeKeyPixelDescriptors(const OrganizedMaps& maps,
-                                              const uint8_t* keyFlags,
-                                              int32_t descriptorHalfWindow,
-                                              int32_t histogramWindow,
-                                              const Execution& exec) {
-  const size_t pixelCount = maps.pixelCount();
-  const int32_t h = descriptorHalfWindow;
-  const Span keyRows = InnerSpan(h, maps.height);
-  const Span keyCols = InnerSpan(h, maps.width);
-  size_t keyCount = 0;
-  std::vector<KeyPixel> inner;  // key pixels that get a computed descriptor, in pixel order
-  for (size_t i = 0; i < pixelCount; ++i) {
-    if (keyFlags[i] == 0) continue;
-    const auto row = static_cast<int32_t>(i / static_cast<size_t>(maps.width));
-    const auto col = static_cast<int32_t>(i % static_cast<size_t>(maps.width));
-    if (row >= keyRows.begin && row < keyRows.end && col >= keyCols.begin && col < keyCols.end) {
-      inner.push_back({row, col, keyCount});
-    }
-    ++keyCount;
-  }
-  std::vector<float> descriptors(keyCount * kDescriptorSize, 0.0f);
-  // A negative half-window has no pixel to sum: every block stays zero.
-  if (inner.empty() || h < 0) return descriptors;
-  if (inner.size() > static_cast<size_t>(INT32_MAX)) throw std::bad_alloc();
-
-  // Pixels some descriptor window needs: marked per image row from the key pixels within h rows.
-  constexpr int32_t kUnused = -1;
-  std::vector<int32_t> slotOf(pixelCount, kUnused);
-  const auto keysFromRow = [&](int64_t row) {
-    return std::lower_bound(
-        inner.begin(), inner.end(), row, [](const KeyPixel& k, int64_t r) { return k.row < r; });
-  };
-  RunFor(exec, 0, maps.height, [&](int32_t begin, int32_t end, int32_t) {
-    for (int32_t r = begin; r < end; ++r) {
-      const size_t rowStart = PixelIndex(maps, r, 0);
-      const auto last = keysFromRow(static_cast<int64_t>(r) + h + 1);
-      for (auto key = keysFromRow(static_cast<int64_t>(r) - h); key != last; ++key) {
-        const Span cols = WindowSpan(key->col, h, maps.width);
-        for (int32_t c = cols.begin; c < cols.end; ++c) {
-          if (maps.mask[rowStart + static_cast<size_t>(c)] != 0)
-            slotOf[rowStart + static_cast<size_t>(c)] = 0;
-        }
-      }
-    }
-  });
-  std::vector<size_t> needed;
-  for (size_t i = 0; i < pixelCount; ++i) {
-    if (slotOf[i] == kUnused) continue;
-    if (needed.size() >= static_cast<size_t>(INT32_MAX)) throw std::bad_alloc();
-    slotOf[i] = static_cast<int32_t>(needed.size());
-    needed.push_back(i);
-  }
-
-  std::vector<int32_t> histograms(needed.size() * kDescriptorSize);
-  RunFor(exec, 0, static_cast<int32_t>(needed.size()), [&](int32_t begin, int32_t end, int32_t) {
-    for (int32_t k = begin; k < end; ++k) {
-      const size_t pixel = needed[static_cast<size_t>(k)];
-      ComputePixelHistogram(maps,
-                            static_cast<int32_t>(pixel / static_cast<size_t>(maps.width)),
-                            static_cast<int32_t>(pixel % static_cast<size_t>(maps.width)),
-                            histogramWindow,
-                            histograms.data() + static_cast<size_t>(k) * kDescriptorSize);
-    }
-  });
-
-  RunFor(exec, 0, static_cast<int32_t>(inner.size()), [&](int32_t begin, int32_t end, int32_t) {
-    for (int32_t k = begin; k < end; ++k) {
-      const KeyPixel& key = inner[static_cast<size_t>(k)];
-      float* descriptor = descriptors.data() + key.descriptor * kDescriptorSize;
-      const float* vp = maps.vertices + 3 * PixelIndex(maps, key.row, key.col);
-      const Span rows = WindowSpan(key.row, h, maps.height);
-      const Span cols = WindowSpan(key.col, h, maps.width);
-      for (int32_t qr = rows.begin; qr < rows.end; ++qr) {
-        const size_t rowStart = PixelIndex(maps, qr, 0);
-        for (int32_t qc = cols.begin; qc < cols.end; ++qc) {
-          const size_t q = rowStart + static_cast<size_t>(qc);
-          if (maps.mask[q] == 0) continue;
-          const float root = std::sqrt(Dot(maps.vertices + 3 * q, vp));
-          if (!(root >= kEpsilon)) continue;  // negative or NaN dot products too
-          const float weight = 1.0f / root;
-          const int32_t* counts =
-              histograms.data() + static_cast<size_t>(slotOf[q]) * kDescriptorSize;
-          for (int32_t b = 0; b < kDescriptorSize; ++b) {
-            descriptor[b] += static_cast<float>(counts[b]) * weight;
-          }
-        }
-      }
-      for (int32_t block = 0; block < 3; ++block) {
-        float* bins = descriptor + block * kBins;
-        float sum = 0.0f;
-        for (int32_t b = 0; b < kBins; ++b) sum += bins[b];
-        const float factor = sum <= kEpsilon ? 0.0f : 100.0f / sum;
-        for (int32_t b = 0; b < kBins; ++b) bins[b] *= factor;
-      }
-    }
-  });
-  return descriptors;
 }
 
 }  // namespace qorv

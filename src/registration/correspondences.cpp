@@ -53,18 +53,4 @@ Correspondences BuildCorrespondences(const KeyPointSet& first,
   return pairs;
 }
 
-void PoseToMatrix(const float pose[12], double* matrix) {
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 3; ++c) matrix[4 * r + c] = static_cast<double>(pose[3 * r + c]);
-    matrix[4 * r + 3] = static_cast<double>(pose[9 + r]);
-  }
-}
-
-void MatrixToPose(const double* matrix, float pose[12]) {
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 3; ++c) pose[3 * r + c] = static_cast<float>(matrix[4 * r + c]);
-    pose[9 + r] = static_cast<float>(matrix[4 * r + 3]);
-  }
-}
-
 }  // namespace qorv

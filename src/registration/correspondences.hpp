@@ -43,9 +43,4 @@ Correspondences BuildCorrespondences(const KeyPointSet& first,
                                      const std::vector<int32_t>& matches,
                                      bool withNormals);
 
-// A pose as 12 floats (rotation row after row, then translation) to and from the 12 doubles of a
-// 3 x 4 matrix [R | t] row after row.
-void PoseToMatrix(const float pose[12], double* matrix);
-void MatrixToPose(const double* matrix, float pose[12]);
-
 }  // namespace qorv

@@ -4,11 +4,10 @@
 
 #include <cstdint>
 
+#include "features/descriptor_layout.hpp"
 #include "runtime/parallel_for.hpp"
 
 namespace qorv {
-
-constexpr int kDescriptorSize = 33;
 
 // Squared Euclidean distance of two 33-float descriptors, summed in float group by group: for the
 // groups of components (0,1,2), (3,4,5), ..., (30,31,32) in turn, sum += d0*d0 + d1*d1 + d2*d2,

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <vector>
 
+#include "geometry/vec3.hpp"
 #include "runtime/log.hpp"
 #include "search/kd_tree.hpp"
 
@@ -17,8 +18,6 @@ struct Scratch {
   std::vector<int32_t> indices;
   std::vector<float> distSq;
 };
-
-bool HasNaN(const float* p) { return p[0] != p[0] || p[1] != p[1] || p[2] != p[2]; }
 
 }  // namespace
 

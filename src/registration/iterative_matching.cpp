@@ -7,6 +7,7 @@
 #include <Eigen/Cholesky>
 #include <Eigen/Core>
 
+#include "geometry/pose.hpp"
 #include "runtime/log.hpp"
 
 namespace qorv {

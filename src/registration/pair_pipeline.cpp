@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstddef>
 
+#include "geometry/gather.hpp"
+#include "geometry/vec3.hpp"
 #include "registration/correspondences.hpp"
 #include "registration/iterative_matching.hpp"
 #include "registration/ransac_matching.hpp"
@@ -34,20 +36,6 @@ struct Lengths {
   explicit Lengths(float resolution)
       : s(resolution), twoS(s + s), fiveS(s * 5.0f), thirdS(s / 3.0f) {}
 };
-
-bool HasNaN(const float* p) { return std::isnan(p[0]) || std::isnan(p[1]) || std::isnan(p[2]); }
-
-// The points at the given positions, in their order.
-std::vector<float> Gather(const std::vector<float>& points, const std::vector<int32_t>& kept) {
-  std::vector<float> out(kept.size() * 3);
-  for (size_t k = 0; k < kept.size(); ++k) {
-    const float* p = points.data() + 3 * static_cast<size_t>(kept[k]);
-    out[3 * k] = p[0];
-    out[3 * k + 1] = p[1];
-    out[3 * k + 2] = p[2];
-  }
-  return out;
-}
 
 int32_t CountOf(const std::vector<float>& points) {
   return static_cast<int32_t>(points.size() / 3);
@@ -82,8 +70,8 @@ PreparedCloud PrepareCloud(const float* points,
   }
   if (cloud.empty()) return out;
 
-  cloud = Gather(
-      cloud,
+  cloud = GatherPoints(
+      cloud.data(),
       OutlierFilter(cloud.data(), CountOf(cloud), kOutlierNeighbours, kOutlierDeviations, exec));
   if (cloud.empty()) return out;
 
@@ -94,7 +82,7 @@ PreparedCloud PrepareCloud(const float* points,
     cloud.swap(smoothed);
   }
 
-  out.points = Gather(cloud, VoxelFilter(cloud.data(), CountOf(cloud), len.s));
+  out.points = GatherPoints(cloud.data(), VoxelFilter(cloud.data(), CountOf(cloud), len.s));
   out.normals.assign(out.points.size(), 0.0f);
   if (!out.points.empty()) {
     const PointKdTree tree(out.points.data(), out.count());

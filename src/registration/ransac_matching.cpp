@@ -8,8 +8,9 @@
 #include <cmath>
 #include <numeric>
 
-#include "runtime/log.hpp"
+#include "geometry/pose.hpp"
 #include "registration/libc_random.hpp"
+#include "runtime/log.hpp"
 
 namespace qorv {
 namespace {

@@ -26,9 +26,17 @@ struct Scatter {
   }
 };
 
-// Trigonometric solution of the characteristic cubic, in float throughout: the eigenvalues are
-// root(0), root(kThirdTurn) and root(kTwoThirdsTurn). The acos argument is not clamped, so
-// rounding can turn a repeated eigenvalue into NaN; callers treat NaN as degenerate.
+// Two single-precision forms of the trigonometric solution of the characteristic cubic (Smith,
+// "Eigenvalues of a symmetric 3x3 matrix", CACM 4(4), 1961). They are the same formula with
+// different summation orders of the trace, the minors and the determinant, and a different
+// grouping of the acos argument: float rounding makes them differ in the last bits, and the
+// results of the surface filters and of the key-point detectors depend on the order they were
+// built with, so each keeps its own. Neither clamps the acos argument nor guards p = 0: a repeated
+// eigenvalue (planar, linear, isotropic scatter) may give NaN, which every caller treats as
+// degenerate.
+
+// Surface filters: root(0), root(kThirdTurn) and root(kTwoThirdsTurn) are the eigenvalues of the
+// Scatter.
 struct CubicRoots {
   static constexpr float kThirdTurn = 2.0943952f;
   static constexpr float kTwoThirdsTurn = 4.1887903f;
@@ -51,6 +59,32 @@ struct CubicRoots {
 
   float root(float shift) const { return 2.0f * s * std::cos(phi + shift) + trThird; }
 };
+
+// Key-point detectors: the eigenvalues of [c00 c01 c02; c01 c11 c12; c02 c12 c22], unsorted, in
+// the order the formula produces them.
+struct ScatterEigenvalues {
+  float e0;  // largest
+  float e1;  // smallest
+  float e2;  // middle
+};
+
+inline ScatterEigenvalues ComputeScatterEigenvalues(
+    float c00, float c11, float c22, float c01, float c02, float c12) {
+  const float t = c00 + c11 + c22;
+  const float m = c00 * c11 + c00 * c22 + c11 * c22 - c01 * c01 - c02 * c02 - c12 * c12;
+  const float det = c00 * c11 * c22 + 2.0f * c01 * c02 * c12 - c00 * c12 * c12 - c11 * c02 * c02 -
+                    c22 * c01 * c01;
+  const float p = (t * t - 3.0f * m) / 3.0f;
+  const float s = std::sqrt(p / 3.0f);
+  const float q = (2.0f * t * t * t - 9.0f * t * m + 27.0f * det) / 27.0f;
+  const float phi = std::acos((q * 1.5f / p) / s) / 3.0f;
+  const float third = t / 3.0f;
+  ScatterEigenvalues e;
+  e.e0 = 2.0f * s * std::cos(phi) + third;
+  e.e1 = 2.0f * s * std::cos(phi + CubicRoots::kThirdTurn) + third;
+  e.e2 = 2.0f * s * std::cos(phi + CubicRoots::kTwoThirdsTurn) + third;
+  return e;
+}
 
 // Unit eigenvector of m for eigenvalue lambda with its z component fixed before normalising: the
 // least-squares x, y of x * row1 + y * row2 = -row3 of m - lambda * I. z is therefore positive

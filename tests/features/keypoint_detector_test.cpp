@@ -8,13 +8,12 @@
 #include <random>
 #include <vector>
 
-#include <Eigen/Dense>
 #include <gtest/gtest.h>
 #include <omp.h>
 
-#include "features/scatter_eigenvalues.hpp"
 #include "support/clouds.hpp"
 #include "support/features_shapes.hpp"
+#include "surface/scatter_eigen.hpp"
 
 namespace qorv {
 namespace {
@@ -143,30 +142,6 @@ std::vector<float> IntegerBlob(int n, uint32_t seed, float dx, float scale) {
                    static_cast<float>(code / 25) * scale});
   }
   return points;
-}
-
-TEST(ScatterEigenvalues, MatchDoublePrecisionSolverInTheDocumentedOrder) {
-  std::mt19937 rng(7);
-  std::uniform_real_distribution<float> coord(-1.0f, 1.0f);
-  for (int trial = 0; trial < 200; ++trial) {
-    Eigen::Matrix3d c = Eigen::Matrix3d::Zero();
-    for (int n = 0; n < 12; ++n) {
-      const Eigen::Vector3d v(coord(rng), coord(rng), 0.3f * coord(rng));
-      c += v * v.transpose();
-    }
-    const Eigen::Matrix3f cf = c.cast<float>();
-    const ScatterEigenvalues e =
-        ComputeScatterEigenvalues(cf(0, 0), cf(1, 1), cf(2, 2), cf(0, 1), cf(0, 2), cf(1, 2));
-    const Eigen::Vector3d ref =
-        Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(cf.cast<double>()).eigenvalues();
-    const double tol = 1e-4 * ref(2);
-    EXPECT_NEAR(e.e0, ref(2), tol);  // largest
-    EXPECT_NEAR(e.e2, ref(1), tol);  // middle
-    EXPECT_NEAR(e.e1, ref(0), tol);  // smallest
-  }
-  // A planar scatter has no third direction: a zero or NaN eigenvalue, never a key point.
-  const ScatterEigenvalues flat = ComputeScatterEigenvalues(2.0f, 1.0f, 0.0f, 0.0f, 0.0f, 0.0f);
-  EXPECT_TRUE(std::isnan(flat.e1) || std::fabs(flat.e1) < 1e-6f);
 }
 
 TEST(RankByScore, SameOrderAsTheLiteralInsertionSortWithManyTies) {

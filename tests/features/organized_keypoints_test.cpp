@@ -13,8 +13,8 @@
 #include <omp.h>
 
 #include "features/depth_maps.hpp"
-#include "features/scatter_eigenvalues.hpp"
 #include "support/depth_scenes.hpp"
+#include "surface/scatter_eigen.hpp"
 
 namespace qorv {
 namespace {

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+#include "search/kd_tree_traversal.hpp"
+
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
@@ -7,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "search/kd_tree.hpp"
 #include "support/clouds.hpp"
 
 namespace qorv {

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#include <cfloat>
+#include <cstddef>
+
+#include "search/kd_tree.hpp"
+#include "search/kd_tree_traversal.hpp"
+
+namespace qorv {
+namespace {
+
+// The k nearest, kept sorted in caller arrays of capacity k >= 1; among equal distances the later
+// find is placed first. distSq[k - 1] must hold FLT_MAX before the search.
+template <typename Index>
+struct KnnResultSet {
+  Index* indices;
+  float* distSq;
+  size_t capacity;
+  size_t count = 0;
+
+  float worstDist() const { return distSq[capacity - 1]; }
+  void addPoint(Index index, float dist) {
+    // The last slot's entry drops out of a full set, unless dist is beyond it; then entries
+    // move up one until one below dist is reached.
+    size_t i = count;
+    if (i == capacity) {
+      if (dist > distSq[i - 1]) return;
+      --i;
+    }
+    for (; i > 0 && !(dist > distSq[i - 1]); --i) {
+      distSq[i] = distSq[i - 1];
+      indices[i] = indices[i - 1];
+    }
+    distSq[i] = dist;
+    indices[i] = index;
+    if (count != capacity) ++count;
+  }
+};
+
+}  // namespace
+
+template <int Dim, typename Index>
+size_t KdTree<Dim, Index>::knnSearch(const float* query,
+                                     size_t k,
+                                     Index* indices,
+                                     float* distSq) const {
+  if (k == 0) return 0;  // no last slot to initialise
+  distSq[k - 1] = FLT_MAX;
+  KnnResultSet<Index> set{indices, distSq, k};
+  findNeighbors(query, set);
+  return set.count;
+}
+
+template size_t KdTree<3, int32_t>::knnSearch(const float*, size_t, int32_t*, float*) const;
+template size_t KdTree<3, uint64_t>::knnSearch(const float*, size_t, uint64_t*, float*) const;
+template size_t KdTree<33, int32_t>::knnSearch(const float*, size_t, int32_t*, float*) const;
+
+}  // namespace qorv
