@@ -2,24 +2,15 @@
 // Copyright (c) 2026 The Qorv developers
 #include <cstddef>
 #include <cstdint>
-#include <new>
-#include <vector>
 
 #include <qorv/qorv.h>
 
 #include "api/guard.hpp"
 #include "api/instance.hpp"
-#include "runtime/log.hpp"
 #include "features/depth_maps.hpp"
-#include "features/organized_keypoints.hpp"
-
-namespace {
-
-// Beyond this many pixels the internal images (scores, vertex planes, flags, mask, about 22 bytes
-// a pixel in all) cannot exist; such a call reports an allocation failure before reading a pixel.
-constexpr size_t kMaxPixels = static_cast<size_t>(PTRDIFF_MAX) / 16;
-
-}  // namespace
+#include "features/descriptor_layout.hpp"
+#include "features/key_pixel_features.hpp"
+#include "runtime/log.hpp"
 
 extern "C" {
 
@@ -74,19 +65,6 @@ QORV_API QorvResult QorvDetectAndComputeVmapNmap(QorvInstance* inst,
     return QORV_ERROR_INVALID_ARGUMENT;
   }
   return qorv::Guarded([&] {
-    const size_t pixelCount = static_cast<size_t>(width) * static_cast<size_t>(height);
-    if (pixelCount > kMaxPixels) throw std::bad_alloc();
-    // Every image is allocated before the maps are read.
-    std::vector<uint8_t> keyFlags(pixelCount, 0);
-    std::vector<float> scores(pixelCount);
-    std::vector<uint8_t> ownMask(mask == nullptr ? pixelCount : 0);
-    if (mask == nullptr) {
-      qorv::ComputeValidMask({vertexMap, 0, width, height},
-                             {normalMap, 0, width, height},
-                             {ownMask.data(), 0, width, height});
-    }
-    const qorv::OrganizedMaps maps{
-        vertexMap, normalMap, mask != nullptr ? mask : ownMask.data(), width, height};
     qorv::OrganizedKeyPointParams params;
     params.scoreWindow = scoreWindow;
     params.suppressionWindow = suppressionWindow;
@@ -95,22 +73,12 @@ QORV_API QorvResult QorvDetectAndComputeVmapNmap(QorvInstance* inst,
     params.ratio21 = ratio21;
     params.ratio32 = ratio32;
     params.maxKeyPoints = maxKeyPoints;
-    const qorv::Execution exec = qorv::ExecutionOf(*inst);
-    qorv::DetectKeyPixels(maps, params, exec, keyFlags.data(), scores.data());
-    std::vector<float>().swap(scores);
-    const std::vector<float> descriptors = qorv::ComputeKeyPixelDescriptors(
-        maps, keyFlags.data(), descriptorHalfWindow, histogramWindow, exec);
+    const qorv::KeyPixelFeatures features = qorv::DetectAndComputeKeyPixels(
+        vertexMap, normalMap, mask, width, height, params, qorv::ExecutionOf(*inst));
     if (callback == nullptr) return QORV_OK;
-
-    std::vector<float> positions;
-    std::vector<float> normals;
-    for (size_t i = 0; i < pixelCount; ++i) {
-      if (keyFlags[i] == 0) continue;
-      positions.insert(positions.end(), vertexMap + 3 * i, vertexMap + 3 * i + 3);
-      normals.insert(normals.end(), normalMap + 3 * i, normalMap + 3 * i + 3);
-    }
-    const size_t keyCount = positions.size() / 3;
-    const size_t descriptorCount = descriptors.size() / 33;
+    const size_t keyCount = features.positions.size() / 3;
+    const size_t descriptorCount =
+        features.descriptors.size() / static_cast<size_t>(qorv::kDescriptorSize);
     if (keyCount != descriptorCount) {
       qorv::LogInfo("Check detect condition, %d-%d",
                     static_cast<int>(keyCount),
@@ -119,9 +87,9 @@ QORV_API QorvResult QorvDetectAndComputeVmapNmap(QorvInstance* inst,
     QorvKeyPointResult result;
     result.count = static_cast<int32_t>(keyCount);
     result.reserved = 0;
-    result.descriptors = descriptors.data();
-    result.positions = positions.data();
-    result.normals = normals.data();
+    result.descriptors = features.descriptors.data();
+    result.positions = features.positions.data();
+    result.normals = features.normals.data();
     callback(&result, userData);
     return QORV_OK;
   });

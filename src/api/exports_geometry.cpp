@@ -8,6 +8,7 @@
 #include "api/instance.hpp"
 #include "geometry/absolute_orientation.hpp"
 #include "geometry/asc_file.hpp"
+#include "geometry/pose.hpp"
 #include "geometry/rigid_transform.hpp"
 
 extern "C" {
@@ -82,10 +83,7 @@ QORV_API QorvResult QorvAbsoluteOrientation(
   }
   return qorv::Guarded([&]() -> QorvResult {
     const std::array<float, 12> motion = qorv::AbsoluteOrientation(pointsA, pointsB, n);
-    for (int r = 0; r < 3; ++r) {  // [R | t] row after row: translation at 3, 7 and 11
-      for (int c = 0; c < 3; ++c) out[4 * r + c] = motion[3 * r + c];
-      out[4 * r + 3] = motion[9 + r];
-    }
+    qorv::PoseToMatrix(motion.data(), out);
     return QORV_OK;
   });
 }

@@ -27,6 +27,7 @@
 namespace {
 
 using qorv::test::CloudResults;
+using qorv::test::HasNaN;
 using qorv::test::IndexList;
 using qorv::test::KeyPoints;
 using qorv::test::Matches;
@@ -36,7 +37,6 @@ using qorv::test::ScopedInstance;
 // neighbour reports to the distance check.
 const float kNoNeighbour = std::sqrt(FLT_MAX);
 
-bool HasNaN(const float* p) { return std::isnan(p[0]) || std::isnan(p[1]) || std::isnan(p[2]); }
 bool IsFinite(const float* p) {
   return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
 }

@@ -12,9 +12,12 @@
 
 #include "features/pair_features.hpp"
 #include "support/features_shapes.hpp"
+#include "support/floats.hpp"
 
 namespace qorv {
 namespace {
+
+using test::SameBits;
 
 constexpr float kEps = 1.1920929e-07f;
 
@@ -42,10 +45,6 @@ std::vector<float> PointHistogram(const test::OrientedCloud& cloud, int32_t poin
   std::vector<float> h(33, -1.0f);
   ComputePairHistograms(tree, cloud.normals.data(), point, radius * radius, scratch, h.data());
   return h;
-}
-
-bool SameBits(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
 }
 
 // Oracles: the point histogram binned by the plain formulas, and descriptors that recompute every

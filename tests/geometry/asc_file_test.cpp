@@ -14,20 +14,16 @@
 #include <gtest/gtest.h>
 
 #include "support/asc_reference.hpp"
+#include "support/floats.hpp"
 
 #include <unistd.h>
 
 namespace qorv {
 namespace {
 
-AscCloud Parse(const std::string& text) { return ParseAsc(text.c_str(), text.size()); }
+using test::SameBits;
 
-// Bitwise equality, so that NaN payloads and signed zeros count.
-template <typename T>
-bool SameBits(const std::vector<T>& a, const std::vector<T>& b) {
-  return a.size() == b.size() &&
-         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
-}
+AscCloud Parse(const std::string& text) { return ParseAsc(text.c_str(), text.size()); }
 
 void ExpectMatchesReference(const std::string& text) {
   const AscCloud cloud = Parse(text);

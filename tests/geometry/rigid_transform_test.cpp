@@ -10,9 +10,12 @@
 #include <gtest/gtest.h>
 
 #include "support/clouds.hpp"
+#include "support/floats.hpp"
 
 namespace qorv {
 namespace {
+
+using test::SameBits;
 
 // The per-point formulas, one point at a time, in float (the tests build without contraction too).
 std::vector<float> Reference(const double* matrix, bool translate, const std::vector<float>& in) {
@@ -28,10 +31,6 @@ std::vector<float> Reference(const double* matrix, bool translate, const std::ve
     }
   }
   return out;
-}
-
-bool SameBits(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
 }
 
 void Apply(bool translate, const double* m, const float* in, float* out, int64_t n) {

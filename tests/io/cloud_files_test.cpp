@@ -2,10 +2,7 @@
 // Copyright (c) 2026 The Qorv developers
 // Cloud files: round trips through every writer, each encoding's edge cases, organized layouts,
 // depth images against the pinhole formula, and lying or broken files.
-#include <gtest/gtest.h>
-
-#include <png.h>
-#include <tiffio.h>
+#include "io/cloud_files.hpp"
 
 #include <cmath>
 #include <cstring>
@@ -15,24 +12,34 @@
 #include <random>
 #include <string>
 
-#include "io/cloud_files.hpp"
+#include <gtest/gtest.h>
+
 #include "io/pcd_reader.hpp"
 #include "io/ply_reader.hpp"
+#include "support/floats.hpp"
+
+#include <png.h>
+#include <tiffio.h>
 
 namespace qorv::io {
 namespace {
 
+using qorv::test::SameBits;
+
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
 std::string TempPath(const std::string& name) {
-  return (std::filesystem::temp_directory_path() / ("qorv_io_test_" + std::to_string(::getpid()) + "_" + name)).string();
+  return (std::filesystem::temp_directory_path() /
+          ("qorv_io_test_" + std::to_string(::getpid()) + "_" + name))
+      .string();
 }
 
 CloudData RandomCloud(int n, bool extras) {
   std::mt19937 random(5);
   std::uniform_real_distribution<float> unit(-10.0f, 10.0f);
   CloudData c;
-  for (int i = 0; i < 3 * n; ++i) c.points.push_back(unit(random) * 1e-3f * static_cast<float>(i % 97));
+  for (int i = 0; i < 3 * n; ++i)
+    c.points.push_back(unit(random) * 1e-3f * static_cast<float>(i % 97));
   if (extras) {
     for (int i = 0; i < 3 * n; ++i) c.normals.push_back(unit(random) / 10.0f);
     for (int i = 0; i < 3 * n; ++i) c.colours.push_back(static_cast<uint8_t>(random() & 0xff));
@@ -40,10 +47,6 @@ CloudData RandomCloud(int n, bool extras) {
   }
   c.width = n;
   return c;
-}
-
-bool SameBits(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
 }
 
 void ExpectFormatError(std::string_view bytes, const std::string& message) {
@@ -58,9 +61,12 @@ void ExpectFormatError(std::string_view bytes, const std::string& message) {
 
 TEST(CloudFiles, EveryWriterRoundTripsTheSameBits) {
   const CloudData cloud = RandomCloud(500, true);
-  const std::pair<const char*, Encoding> cases[] = {
-      {"a.ply", Encoding::kDefault}, {"b.ply", Encoding::kAscii},      {"c.pcd", Encoding::kDefault},
-      {"d.pcd", Encoding::kAscii},   {"e.pcd", Encoding::kCompressed}, {"f.asc", Encoding::kDefault}};
+  const std::pair<const char*, Encoding> cases[] = {{"a.ply", Encoding::kDefault},
+                                                    {"b.ply", Encoding::kAscii},
+                                                    {"c.pcd", Encoding::kDefault},
+                                                    {"d.pcd", Encoding::kAscii},
+                                                    {"e.pcd", Encoding::kCompressed},
+                                                    {"f.asc", Encoding::kDefault}};
   for (const auto& [name, encoding] : cases) {
     const std::string path = TempPath(name);
     WriteCloudFile(path, cloud, encoding);
@@ -107,7 +113,8 @@ TEST(CloudFiles, OrganizedPcdKeepsItsHolesOrDropsThem) {
 TEST(CloudFiles, PcdFieldsInAnyOrderTypeAndCount) {
   // A padding field with COUNT 3 first, then z y x as doubles, rgba as U4, intensity as U2.
   std::string pcd =
-      "# .PCD v0.7\nVERSION 0.7\nFIELDS pad z y x rgba intensity\nSIZE 1 8 8 8 4 2\nTYPE U F F F U U\n"
+      "# .PCD v0.7\nVERSION 0.7\nFIELDS pad z y x rgba intensity\nSIZE 1 8 8 8 4 2\nTYPE U F F F U "
+      "U\n"
       "COUNT 3 1 1 1 1 1\nWIDTH 2\nHEIGHT 1\nPOINTS 2\nDATA binary\n";
   for (int i = 0; i < 2; ++i) {
     const unsigned char pad[3] = {9, 9, 9};
@@ -128,8 +135,10 @@ TEST(CloudFiles, PcdFieldsInAnyOrderTypeAndCount) {
 
 TEST(CloudFiles, PlyOfAnyEndianAndTypeWithFacesAndComments) {
   std::string ply =
-      "ply\nformat binary_big_endian 1.0\ncomment from a mesh tool\nobj_info nothing\nelement vertex 2\n"
-      "property double x\nproperty double y\nproperty double z\nproperty float nx\nproperty float ny\n"
+      "ply\nformat binary_big_endian 1.0\ncomment from a mesh tool\nobj_info nothing\nelement "
+      "vertex 2\n"
+      "property double x\nproperty double y\nproperty double z\nproperty float nx\nproperty float "
+      "ny\n"
       "property float nz\nproperty float red\nproperty float green\nproperty float blue\n"
       "element face 1\nproperty list uchar int vertex_indices\nend_header\n";
   auto big = [&](auto v) {
@@ -155,14 +164,21 @@ TEST(CloudFiles, PlyOfAnyEndianAndTypeWithFacesAndComments) {
 
 TEST(CloudFiles, LyingAndBrokenFilesAreClearErrors) {
   const std::string head = "VERSION 0.7\nFIELDS x y z\nSIZE 4 4 4\nTYPE F F F\nCOUNT 1 1 1\n";
-  ExpectFormatError(head + "WIDTH 2147483648\nHEIGHT 1\nPOINTS 2147483648\nDATA binary\n", "more points than supported");
-  ExpectFormatError(head + "WIDTH 1\nHEIGHT 1\nPOINTS 9223372036854775807\nDATA binary\n", "more points");
-  ExpectFormatError(head + "WIDTH 1\nHEIGHT 1\nPOINTS 99999999999999999999\nDATA binary\n", "bad POINTS");
-  ExpectFormatError(head + "WIDTH 3\nHEIGHT 1\nPOINTS 3\nDATA binary\n" + std::string(20, '\0'), "ends early");
-  ExpectFormatError("VERSION 0.7\nFIELDS x y z\nSIZE 4 4 3\nTYPE F F F\nPOINTS 1\nDATA binary\n", "field type");
-  ExpectFormatError("VERSION 0.7\nFIELDS x y\nSIZE 4 4\nTYPE F F\nPOINTS 1\nDATA ascii\n1 2\n", "lack x, y or z");
+  ExpectFormatError(head + "WIDTH 2147483648\nHEIGHT 1\nPOINTS 2147483648\nDATA binary\n",
+                    "more points than supported");
+  ExpectFormatError(head + "WIDTH 1\nHEIGHT 1\nPOINTS 9223372036854775807\nDATA binary\n",
+                    "more points");
+  ExpectFormatError(head + "WIDTH 1\nHEIGHT 1\nPOINTS 99999999999999999999\nDATA binary\n",
+                    "bad POINTS");
+  ExpectFormatError(head + "WIDTH 3\nHEIGHT 1\nPOINTS 3\nDATA binary\n" + std::string(20, '\0'),
+                    "ends early");
+  ExpectFormatError("VERSION 0.7\nFIELDS x y z\nSIZE 4 4 3\nTYPE F F F\nPOINTS 1\nDATA binary\n",
+                    "field type");
+  ExpectFormatError("VERSION 0.7\nFIELDS x y\nSIZE 4 4\nTYPE F F\nPOINTS 1\nDATA ascii\n1 2\n",
+                    "lack x, y or z");
   ExpectFormatError(head + "POINTS 1\nDATA lzma\n", "unsupported PCD DATA");
-  // Compressed: a claimed size that disagrees with the header, an implausible ratio, a corrupt block.
+  // Compressed: a claimed size that disagrees with the header, an implausible ratio, a corrupt
+  // block.
   auto compressed = [&](uint32_t packed, uint32_t full, const std::string& block) {
     std::string bytes = head + "WIDTH 1000\nHEIGHT 1\nPOINTS 1000\nDATA binary_compressed\n";
     bytes.append(reinterpret_cast<const char*>(&packed), 4);
@@ -174,15 +190,22 @@ TEST(CloudFiles, LyingAndBrokenFilesAreClearErrors) {
   ExpectFormatError(compressed(200, 12000, std::string(200, '\xff')), "corrupt");
   ExpectFormatError(compressed(4000000, 12000, "abcd"), "ends early");
   // PLY: counts the file cannot hold, unknown types, no vertices.
-  ExpectFormatError("ply\nformat binary_little_endian 1.0\nelement vertex 9223372036854775807\n"
-                    "property float x\nproperty float y\nproperty float z\nend_header\n",
-                    "more points than supported");
-  ExpectFormatError("ply\nformat binary_little_endian 1.0\nelement vertex 1000\nproperty float x\n"
-                    "property float y\nproperty float z\nend_header\n" + std::string(12, '\0'), "ends early");
-  ExpectFormatError("ply\nformat ascii 1.0\nelement vertex 1\nproperty float128 x\nend_header\n", "unknown PLY");
+  ExpectFormatError(
+      "ply\nformat binary_little_endian 1.0\nelement vertex 9223372036854775807\n"
+      "property float x\nproperty float y\nproperty float z\nend_header\n",
+      "more points than supported");
+  ExpectFormatError(
+      "ply\nformat binary_little_endian 1.0\nelement vertex 1000\nproperty float x\n"
+      "property float y\nproperty float z\nend_header\n" +
+          std::string(12, '\0'),
+      "ends early");
+  ExpectFormatError("ply\nformat ascii 1.0\nelement vertex 1\nproperty float128 x\nend_header\n",
+                    "unknown PLY");
   ExpectFormatError("ply\nformat ascii 1.0\nelement face 0\nend_header\n", "no vertex element");
-  ExpectFormatError("ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
-                    "property float z\nend_header\nnan nan nan\n", "no point with finite coordinates");
+  ExpectFormatError(
+      "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
+      "property float z\nend_header\nnan nan nan\n",
+      "no point with finite coordinates");
 }
 
 // ---- Depth images -------------------------------------------------------------------------------
@@ -190,12 +213,15 @@ TEST(CloudFiles, LyingAndBrokenFilesAreClearErrors) {
 std::vector<uint16_t> DepthPattern(int w, int h) {
   std::vector<uint16_t> depth(static_cast<size_t>(w) * h);
   for (int v = 0; v < h; ++v) {
-    for (int u = 0; u < w; ++u) depth[static_cast<size_t>(v) * w + u] = (u + v) % 7 == 0 ? 0 : static_cast<uint16_t>(800 + 3 * u + v);
+    for (int u = 0; u < w; ++u)
+      depth[static_cast<size_t>(v) * w + u] =
+          (u + v) % 7 == 0 ? 0 : static_cast<uint16_t>(800 + 3 * u + v);
   }
   return depth;
 }
 
-void ExpectPinhole(const CloudData& c, const std::vector<uint16_t>& depth, int w, int h, const DepthCamera& k) {
+void ExpectPinhole(
+    const CloudData& c, const std::vector<uint16_t>& depth, int w, int h, const DepthCamera& k) {
   ASSERT_EQ(c.width, w);
   ASSERT_EQ(c.height, h);
   for (int v = 0; v < h; ++v) {
@@ -242,7 +268,8 @@ TEST(DepthImages, PngAndTiffFollowThePinholeFormula) {
   TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 1);
   TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
   TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  for (int r = 0; r < h; ++r) TIFFWriteScanline(tiff, const_cast<uint16_t*>(depth.data()) + r * w, r, 0);
+  for (int r = 0; r < h; ++r)
+    TIFFWriteScanline(tiff, const_cast<uint16_t*>(depth.data()) + r * w, r, 0);
   TIFFClose(tiff);
   ExpectPinhole(ReadCloudFile(tif, true, k), depth, w, h, k);
   std::filesystem::remove(tif);
@@ -270,15 +297,18 @@ TEST(DepthImages, WrongKindsOfImagesAreRefused) {
 namespace qorv::io {
 namespace {
 
-// The fuzzers' seed files (every kind the readers take) read as clouds: regression cases. Seeds named
-// "empty*" hold no points: parsed cleanly, then refused as clouds.
+// The fuzzers' seed files (every kind the readers take) read as clouds: regression cases. Seeds
+// named "empty*" hold no points: parsed cleanly, then refused as clouds.
 TEST(CloudFiles, FuzzSeedsReadAsClouds) {
-  const std::filesystem::path corpus = std::filesystem::path(QORV_DATA_DIR) / ".." / "fuzz" / "corpus";
+  const std::filesystem::path corpus =
+      std::filesystem::path(QORV_DATA_DIR) / ".." / "fuzz" / "corpus";
   int files = 0;
-  for (const char* target : {"qorv_fuzz_pcd_reader", "qorv_fuzz_ply_reader", "qorv_fuzz_depth_image"}) {
+  for (const char* target :
+       {"qorv_fuzz_pcd_reader", "qorv_fuzz_ply_reader", "qorv_fuzz_depth_image"}) {
     for (const auto& entry : std::filesystem::directory_iterator(corpus / target)) {
       if (entry.path().filename().string().rfind("empty", 0) == 0) {
-        EXPECT_THROW(ReadCloudFile(entry.path().string(), true, DepthCamera()), IoError) << entry.path();
+        EXPECT_THROW(ReadCloudFile(entry.path().string(), true, DepthCamera()), IoError)
+            << entry.path();
       } else {
         const CloudData cloud = ReadCloudFile(entry.path().string(), true, DepthCamera());
         EXPECT_GT(cloud.size() - cloud.nonFinite, 0) << entry.path();

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+#include "search/kd_tree.hpp"
+
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
@@ -9,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "search/kd_tree.hpp"
+#include "geometry/vec3.hpp"
 #include "support/clouds.hpp"
 
 namespace qorv {
@@ -31,8 +33,6 @@ std::vector<float> AwkwardCloud(int32_t count, uint32_t seed) {
   }
   return points;
 }
-
-bool HasNaN(const float* p) { return std::isnan(p[0]) || std::isnan(p[1]) || std::isnan(p[2]); }
 
 TEST(KdTreeTest, RadiusSearchMatchesBruteForce) {
   const std::vector<float> points = AwkwardCloud(3000, 7);

@@ -12,6 +12,8 @@
 
 #include <qorv/qorv.h>
 
+#include "support/floats.hpp"
+
 namespace qorv::test {
 
 // An instance that is destroyed with the object.
@@ -77,13 +79,6 @@ inline void CollectMatches(const QorvMatchPair* pairs, uint32_t count, void* use
     return;
   }
   m->pairs.assign(pairs, pairs + count);
-}
-
-// Bitwise equality, NaN payloads included.
-template <typename T>
-bool SameBits(const std::vector<T>& a, const std::vector<T>& b) {
-  return a.size() == b.size() &&
-         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
 }
 
 // Lengths given to the cloud exports, in units of the cloud's spacing.

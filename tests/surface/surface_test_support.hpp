@@ -8,7 +8,9 @@
 
 #include <omp.h>
 
+#include "geometry/vec3.hpp"
 #include "runtime/parallel_for.hpp"
+#include "support/floats.hpp"
 
 namespace qorv::test {
 
@@ -26,14 +28,5 @@ class ScopedThreads {
  private:
   int saved_;
 };
-
-// Bit-for-bit equality of two float arrays (NaN payloads included).
-inline bool SameBits(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-
-inline bool HasNaN(const float* p) {
-  return std::isnan(p[0]) || std::isnan(p[1]) || std::isnan(p[2]);
-}
 
 }  // namespace qorv::test
