@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -165,21 +164,19 @@ int RunBatch(const GlobalOptions& global, const BatchOptions& o) {
 }  // namespace
 
 void AddBatchCommand(CLI::App& app, ToolRun& run) {
-  auto o = std::make_shared<BatchOptions>();
   CLI::App* sub =
       app.add_subcommand("batch", "Register every pair of a manifest into a JSON-lines file");
-  sub->add_option(
-         "manifest", o->manifest, "CSV with target,source[,initial] columns, or JSON lines")
+  BatchOptions& o = SetCommand<BatchOptions>(sub, run, RunBatch);
+  sub->add_option("manifest", o.manifest, "CSV with target,source[,initial] columns, or JSON lines")
       ->required();
   sub->add_option(
-         "--output", o->output, "Results, one JSON line a pair; a rerun skips the pairs in it")
+         "--output", o.output, "Results, one JSON line a pair; a rerun skips the pairs in it")
       ->required();
-  sub->add_option("--jobs", o->jobs, "Pairs at once (default: one a core)")
+  sub->add_option("--jobs", o.jobs, "Pairs at once (default: one a core)")
       ->check(CLI::Range(1, 1024));
-  AddVoxelOption(sub, o->engine.voxel, "Working voxel (default: from the point budget)");
-  AddSeedOption(sub, o->engine.seed, "Seed of every random draw");
-  AddMaxTriesOption(sub, o->engine);
-  SetCommand(sub, run, o, RunBatch);
+  AddVoxelOption(sub, o.engine.voxel, "Working voxel (default: from the point budget)");
+  AddSeedOption(sub, o.engine.seed, "Seed of every random draw");
+  AddMaxTriesOption(sub, o.engine);
 }
 
 }  // namespace qorv::tools

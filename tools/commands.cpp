@@ -17,33 +17,26 @@ void CollectIndices(const int32_t* indices, int32_t count, void* user) {
   out->assign(indices, indices + (count > 0 ? count : 0));
 }
 
-void ReportWritten(const GlobalOptions& global,
-                   const std::string& command,
-                   const std::string& input,
-                   int64_t pointsIn,
-                   const std::string& output,
-                   int64_t pointsOut,
-                   double ms,
-                   const std::string& note) {
+void ReportWritten(const GlobalOptions& global, const Written& w, const std::string& note) {
   FlushAll();
   if (global.json) {
     JsonWriter json;
     json.beginObject();
-    json.key("command").value(command);
-    json.key("input").value(input).key("points_in").value(pointsIn);
-    json.key("output").value(output).key("points_out").value(pointsOut);
-    json.key("ms").value(std::round(ms * 1000.0) / 1000.0);
+    json.key("command").value(w.command);
+    json.key("input").value(w.input).key("points_in").value(w.pointsIn);
+    json.key("output").value(w.output).key("points_out").value(w.pointsOut);
+    json.key("ms").value(std::round(w.ms * 1000.0) / 1000.0);
     json.endObject();
     std::fputs(json.str().c_str(), Out());
   } else {
     std::fprintf(Out(),
                  "%s: %lld of %lld points written to %s%s (%.1f ms)\n",
-                 command.c_str(),
-                 static_cast<long long>(pointsOut),
-                 static_cast<long long>(pointsIn),
-                 output.c_str(),
+                 w.command.c_str(),
+                 static_cast<long long>(w.pointsOut),
+                 static_cast<long long>(w.pointsIn),
+                 w.output.c_str(),
                  note.c_str(),
-                 ms);
+                 w.ms);
   }
   std::fflush(Out());
 }

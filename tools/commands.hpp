@@ -9,7 +9,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <qorv/engine.h>
@@ -59,12 +58,15 @@ void AddGlobalOptions(CLI::App& app, GlobalOptions& global);
 // CLI::App::parse.
 void SetCommand(CLI::App* sub, ToolRun& run, std::function<int(const GlobalOptions&)> command);
 
-// The same for a command run on an options struct that the callback keeps alive.
+// The same for a command run on an options struct of its own: the struct, returned for the
+// options to bind to, lives as long as the callback.
 template <typename Options, typename Command>
-void SetCommand(CLI::App* sub, ToolRun& run, std::shared_ptr<Options> options, Command command) {
-  SetCommand(sub, run, [options = std::move(options), command](const GlobalOptions& global) {
+Options& SetCommand(CLI::App* sub, ToolRun& run, Command command) {
+  auto options = std::make_shared<Options>();
+  SetCommand(sub, run, [options, command](const GlobalOptions& global) {
     return command(global, *options);
   });
+  return *options;
 }
 
 // The positional input and output file names.
@@ -108,15 +110,19 @@ void AddRegistrationOptions(CLI::App* sub, RegisterSettings& s, RegistrationFlag
 // A QorvIndexCallback that copies the indices into the std::vector<int32_t> at `user`.
 void CollectIndices(const int32_t* indices, int32_t count, void* user);
 
-// One summary line, or a JSON object, for a command that turned `input` into `output`.
-void ReportWritten(const GlobalOptions& global,
-                   const std::string& command,
-                   const std::string& input,
-                   int64_t pointsIn,
-                   const std::string& output,
-                   int64_t pointsOut,
-                   double ms,
-                   const std::string& note = "");
+// What a command read and wrote.
+struct Written {
+  std::string command;
+  std::string input;
+  int64_t pointsIn = 0;
+  std::string output;
+  int64_t pointsOut = 0;
+  double ms = 0.0;
+};
+
+// One summary line, or a JSON object, for a command that turned its input into its output; the
+// line gets `note` after the output's name.
+void ReportWritten(const GlobalOptions& global, const Written& w, const std::string& note = "");
 
 // Reads a cloud and records the time taken as `stage`.
 Cloud ReadTimed(const std::string& path, const char* stage, std::vector<StageTime>& stages);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // `qorv convert` and `qorv depth`: files from one format into another through the engine library.
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -34,7 +33,7 @@ int RunConvert(const GlobalOptions& global, const ConvertOptions& o) {
     cloud = cloud.subset(kept);
   }
   WriteCloud(o.output, cloud, o.encoding);
-  ReportWritten(global, "convert", o.input, read, o.output, cloud.size(), Now() - start);
+  ReportWritten(global, {"convert", o.input, read, o.output, cloud.size(), Now() - start});
   return 0;
 }
 
@@ -54,7 +53,7 @@ int RunDepth(const GlobalOptions& global, const ConvertOptions& o) {
   const int64_t pixels = data->count;
   QorvEngineFreeCloud(data);
   if (code != QORV_ENGINE_OK) throw ToolError(QorvEngineLastError());
-  ReportWritten(global, "depth", o.input, pixels, o.output, valid, Now() - start);
+  ReportWritten(global, {"depth", o.input, pixels, o.output, valid, Now() - start});
   return 0;
 }
 
@@ -86,27 +85,25 @@ void AddOutputOptions(CLI::App* sub, ConvertOptions& o) {
 }  // namespace
 
 void AddConvertCommands(CLI::App& app, ToolRun& run) {
-  auto convert = std::make_shared<ConvertOptions>();
   CLI::App* convertCmd =
       app.add_subcommand("convert", "Any cloud format (or depth image) to PLY, PCD or ASC");
+  ConvertOptions& convert = SetCommand<ConvertOptions>(convertCmd, run, RunConvert);
   AddInputOutput(convertCmd,
-                 convert->input,
-                 convert->output,
+                 convert.input,
+                 convert.output,
                  "Cloud file or depth image",
                  "Written by its extension: .ply, .pcd, else ASC");
   AddVoxelOption(
-      convertCmd, convert->voxel, "Thin to one point a voxel of this edge (QorvVoxelFilter)");
-  AddOutputOptions(convertCmd, *convert);
-  SetCommand(convertCmd, run, convert, RunConvert);
+      convertCmd, convert.voxel, "Thin to one point a voxel of this edge (QorvVoxelFilter)");
+  AddOutputOptions(convertCmd, convert);
 
-  auto depth = std::make_shared<ConvertOptions>();
   CLI::App* depthCmd =
       app.add_subcommand("depth", "A depth image (16-bit PNG or TIFF) to an organized cloud");
-  depthCmd->add_option("image", depth->input, "Depth image")->required();
-  depthCmd->add_option("output", depth->output, "Cloud file (.pcd keeps the image's layout)")
+  ConvertOptions& depth = SetCommand<ConvertOptions>(depthCmd, run, RunDepth);
+  depthCmd->add_option("image", depth.input, "Depth image")->required();
+  depthCmd->add_option("output", depth.output, "Cloud file (.pcd keeps the image's layout)")
       ->required();
-  AddOutputOptions(depthCmd, *depth);
-  SetCommand(depthCmd, run, depth, RunDepth);
+  AddOutputOptions(depthCmd, depth);
 }
 
 }  // namespace qorv::tools

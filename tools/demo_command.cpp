@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -157,21 +156,20 @@ int RunDemo(const GlobalOptions& global, DemoOptions o) {
 }  // namespace
 
 void AddDemoCommand(CLI::App& app, ToolRun& run) {
-  auto o = std::make_shared<DemoOptions>();
   CLI::App* sub = app.add_subcommand(
       "demo", "Cut two overlapping views from one scan, move one, register it back");
-  sub->add_option("--data", o->data, "Scan to cut the views from")->capture_default_str();
-  sub->add_option("--snapshot", o->snapshot, "PNG written")->capture_default_str();
-  sub->add_option("--views", o->viewsDir, "Folder to write the two views to (ASC)");
-  sub->add_option("--overlap", o->overlap, "Share of the scan's length in both views")
+  DemoOptions& o = SetCommand<DemoOptions>(sub, run, RunDemo);
+  sub->add_option("--data", o.data, "Scan to cut the views from")->capture_default_str();
+  sub->add_option("--snapshot", o.snapshot, "PNG written")->capture_default_str();
+  sub->add_option("--views", o.viewsDir, "Folder to write the two views to (ASC)");
+  sub->add_option("--overlap", o.overlap, "Share of the scan's length in both views")
       ->check(kOpenUnit)
       ->capture_default_str();
-  sub->add_option("--angle", o->angleDegrees, "Rotation of the known motion, degrees")
+  sub->add_option("--angle", o.angleDegrees, "Rotation of the known motion, degrees")
       ->check(CLI::Range(0.0, 180.0))
       ->capture_default_str();
-  sub->add_flag("--check", o->check, "Exit with status 3 when the motion is not recovered");
-  AddRegistrationOptions(sub, o->settings, o->flags);
-  SetCommand(sub, run, o, RunDemo);
+  sub->add_flag("--check", o.check, "Exit with status 3 when the motion is not recovered");
+  AddRegistrationOptions(sub, o.settings, o.flags);
 }
 
 }  // namespace qorv::tools

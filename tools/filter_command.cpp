@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // `qorv filter voxel|sor|edge|gaussian`: one of the library's point filters, the result as ASC.
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -55,40 +54,39 @@ int RunFilter(const GlobalOptions& global, const FilterOptions& o) {
     throw ToolError(o.kind + " filter kept no point of '" + o.input + "'; nothing written");
   }
   WriteCloud(o.output, result);
-  ReportWritten(global, "filter " + o.kind, o.input, cloud.size(), o.output, result.size(), ms);
+  ReportWritten(global, {"filter " + o.kind, o.input, cloud.size(), o.output, result.size(), ms});
   return 0;
 }
 
 }  // namespace
 
 void AddFilterCommand(CLI::App& app, ToolRun& run) {
-  auto o = std::make_shared<FilterOptions>();
   CLI::App* filter = app.add_subcommand("filter", "Voxel, outlier, edge or Gaussian filter");
+  FilterOptions& o = SetCommand<FilterOptions>(filter, run, RunFilter);
   filter->require_subcommand(1, 1);
   // One subcommand a filter, each naming the kind the run applies.
-  auto kind = [&filter, &o](const char* name, const char* what) {
+  auto kind = [filter, &o](const char* name, const char* what) {
     CLI::App* sub = filter->add_subcommand(name, what);
-    AddInputOutput(sub, o->input, o->output);
-    sub->callback([o, name]() { o->kind = name; });
+    AddInputOutput(sub, o.input, o.output);
+    sub->callback([&o, name]() { o.kind = name; });
     return sub;
   };
   kind("voxel", "Keep the point nearest each voxel's centre (QorvVoxelFilter)")
-      ->add_option("--leaf", o->leaf, "Voxel edge length")
+      ->add_option("--leaf", o.leaf, "Voxel edge length")
       ->required()
       ->check(kPositive);
   CLI::App* sor = kind("sor", "Statistical outlier removal (QorvSORFilter)");
-  sor->add_option("--k", o->meanK, "Neighbours scored")
+  sor->add_option("--k", o.meanK, "Neighbours scored")
       ->check(CLI::Range(1, 100000))
       ->capture_default_str();
-  sor->add_option("--std", o->stdMul, "Deviation multiplier of the threshold")
+  sor->add_option("--std", o.stdMul, "Deviation multiplier of the threshold")
       ->check(kNonNegative)
       ->capture_default_str();
   const auto withRadius = [&o](CLI::App* sub) {
-    sub->add_option("--radius", o->radius, "Neighbourhood radius")->required()->check(kPositive);
+    sub->add_option("--radius", o.radius, "Neighbourhood radius")->required()->check(kPositive);
   };
   withRadius(kind("edge", "Keep boundary points (QorvEdgeFilter)"));
   withRadius(kind("gaussian", "Gaussian smoothing (QorvGaussianFilter)"));
-  SetCommand(filter, run, o, RunFilter);
 }
 
 }  // namespace qorv::tools

@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
-#include <memory>
 
 #include "commands.hpp"
 #include "json_writer.hpp"
@@ -94,10 +93,9 @@ int RunInfo(const GlobalOptions& global, const std::string& path) {
 }  // namespace
 
 void AddInfoCommand(CLI::App& app, ToolRun& run) {
-  auto path = std::make_shared<std::string>();
   CLI::App* sub = app.add_subcommand("info", "Points, bounding box and spacing of a cloud");
-  sub->add_option("file", *path, "Cloud file")->required();
-  SetCommand(sub, run, path, RunInfo);
+  std::string& path = SetCommand<std::string>(sub, run, RunInfo);
+  sub->add_option("file", path, "Cloud file")->required();
 }
 
 }  // namespace qorv::tools

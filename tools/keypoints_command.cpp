@@ -3,7 +3,6 @@
 // `qorv keypoints`: key points and their descriptors (QorvDetectAndCompute), normals estimated
 // first when the cloud has none.
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -89,38 +88,37 @@ int RunKeyPoints(const GlobalOptions& global, const KeyPointOptions& o) {
     if (std::fclose(file) != 0)
       throw ToolError("cannot write descriptors to '" + o.descriptors + "'");
   }
-  ReportWritten(global, "keypoints", o.input, cloud.size(), o.output, result.size(), ms);
+  ReportWritten(global, {"keypoints", o.input, cloud.size(), o.output, result.size(), ms});
   return 0;
 }
 
 }  // namespace
 
 void AddKeyPointsCommand(CLI::App& app, ToolRun& run) {
-  auto o = std::make_shared<KeyPointOptions>();
   CLI::App* sub =
       app.add_subcommand("keypoints", "Detect key points with descriptors (QorvDetectAndCompute)");
+  KeyPointOptions& o = SetCommand<KeyPointOptions>(sub, run, RunKeyPoints);
   AddInputOutput(sub,
-                 o->input,
-                 o->output,
+                 o.input,
+                 o.output,
                  "Cloud file (normals estimated when it has none)",
                  "ASC file of key points with their normals");
-  sub->add_option("--radius", o->radius, "Detector neighbourhood")->required()->check(kPositive);
-  sub->add_option("--non-max-radius", o->nonMaxRadius, "Non-maximum suppression (0: off)")
+  sub->add_option("--radius", o.radius, "Detector neighbourhood")->required()->check(kPositive);
+  sub->add_option("--non-max-radius", o.nonMaxRadius, "Non-maximum suppression (0: off)")
       ->check(kNonNegative);
-  sub->add_option("--feature-radius", o->featureRadius, "Default 2.5 x radius")->check(kPositive);
-  sub->add_option("--histogram-radius", o->histogramRadius, "Default 1.25 x radius")
+  sub->add_option("--feature-radius", o.featureRadius, "Default 2.5 x radius")->check(kPositive);
+  sub->add_option("--histogram-radius", o.histogramRadius, "Default 1.25 x radius")
       ->check(kPositive);
-  sub->add_option("--normal-radius", o->normalRadius, "Default: radius")->check(kPositive);
-  sub->add_option("--ratio21", o->ratio21, "Bound on lambda2 / lambda1")
+  sub->add_option("--normal-radius", o.normalRadius, "Default: radius")->check(kPositive);
+  sub->add_option("--ratio21", o.ratio21, "Bound on lambda2 / lambda1")
       ->check(kPositive)
       ->capture_default_str();
-  sub->add_option("--ratio32", o->ratio32, "Bound on lambda3 / lambda2")
+  sub->add_option("--ratio32", o.ratio32, "Bound on lambda3 / lambda2")
       ->check(kPositive)
       ->capture_default_str();
-  sub->add_option("--max", o->maxKeyPoints, "Keep the best N (0: all)")
+  sub->add_option("--max", o.maxKeyPoints, "Keep the best N (0: all)")
       ->check(CLI::NonNegativeNumber);
-  sub->add_option("--descriptors", o->descriptors, "Also write the 33-float descriptors");
-  SetCommand(sub, run, o, RunKeyPoints);
+  sub->add_option("--descriptors", o.descriptors, "Also write the 33-float descriptors");
 }
 
 }  // namespace qorv::tools

@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <memory>
 
 #include <qorv/engine_multiway.h>
 
@@ -171,19 +170,18 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
 }  // namespace
 
 void AddMultiwayCommand(CLI::App& app, ToolRun& run) {
-  auto o = std::make_shared<MultiwayOptions>();
   CLI::App* sub = app.add_subcommand("multiway", "Align many scans into one frame");
-  sub->add_option("scans", o->scans, "Scan files, in order");
-  sub->add_option("--manifest", o->manifest, "A file listing (more) scans, one a line");
-  sub->add_option("--output", o->output, "Poses and edges as JSON")->required();
-  sub->add_option("--log", o->log, "Poses in the trajectory-log layout");
-  sub->add_option("--merged", o->merged, "Write all scans in one frame (PLY, PCD or ASC)");
-  sub->add_option("--merge-voxel", o->mergeVoxel, "Thin the merged cloud to this voxel")
+  MultiwayOptions& o = SetCommand<MultiwayOptions>(sub, run, RunMultiway);
+  sub->add_option("scans", o.scans, "Scan files, in order");
+  sub->add_option("--manifest", o.manifest, "A file listing (more) scans, one a line");
+  sub->add_option("--output", o.output, "Poses and edges as JSON")->required();
+  sub->add_option("--log", o.log, "Poses in the trajectory-log layout");
+  sub->add_option("--merged", o.merged, "Write all scans in one frame (PLY, PCD or ASC)");
+  sub->add_option("--merge-voxel", o.mergeVoxel, "Thin the merged cloud to this voxel")
       ->check(kPositive);
-  sub->add_flag("--no-loops", o->noLoops, "Register neighbouring scans only");
-  AddVoxelOption(sub, o->engine.voxel, "Working voxel of the pairs");
-  AddSeedOption(sub, o->engine.seed, "Seed of every random draw");
-  SetCommand(sub, run, o, RunMultiway);
+  sub->add_flag("--no-loops", o.noLoops, "Register neighbouring scans only");
+  AddVoxelOption(sub, o.engine.voxel, "Working voxel of the pairs");
+  AddSeedOption(sub, o.engine.seed, "Seed of every random draw");
 }
 
 }  // namespace qorv::tools

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // `qorv normals`: normals estimated by QorvComputeNormals, written with the points as ASC.
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,12 +37,7 @@ int RunNormals(const GlobalOptions& global, const NormalsOptions& o) {
   }
   WriteCloud(o.output, cloud);
   ReportWritten(global,
-                "normals",
-                o.input,
-                cloud.size(),
-                o.output,
-                cloud.size(),
-                ms,
+                {"normals", o.input, cloud.size(), o.output, cloud.size(), ms},
                 zero > 0 ? " (" + std::to_string(zero) + " without a normal: too few neighbours)"
                          : std::string());
   return 0;
@@ -52,15 +46,14 @@ int RunNormals(const GlobalOptions& global, const NormalsOptions& o) {
 }  // namespace
 
 void AddNormalsCommand(CLI::App& app, ToolRun& run) {
-  auto o = std::make_shared<NormalsOptions>();
   CLI::App* sub = app.add_subcommand("normals", "Estimate normals (QorvComputeNormals)");
-  AddInputOutput(sub, o->input, o->output, "Cloud file", "ASC file with normals");
-  sub->add_option("--radius", o->radius, "Neighbourhood radius")->required()->check(kPositive);
+  NormalsOptions& o = SetCommand<NormalsOptions>(sub, run, RunNormals);
+  AddInputOutput(sub, o.input, o.output, "Cloud file", "ASC file with normals");
+  sub->add_option("--radius", o.radius, "Neighbourhood radius")->required()->check(kPositive);
   sub->add_option(
-         "--orient-neighbors", o->orientNeighbors, "Neighbour count of the orientation pass")
+         "--orient-neighbors", o.orientNeighbors, "Neighbour count of the orientation pass")
       ->check(CLI::Range(0, 1000))
       ->capture_default_str();
-  SetCommand(sub, run, o, RunNormals);
 }
 
 }  // namespace qorv::tools

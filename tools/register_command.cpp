@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -87,26 +86,25 @@ int RunRegister(const GlobalOptions& global, RegisterOptions o) {
 }  // namespace
 
 void AddRegisterCommand(CLI::App& app, ToolRun& run) {
-  auto o = std::make_shared<RegisterOptions>();
   CLI::App* sub =
       app.add_subcommand("register", "Register SOURCE onto TARGET and print the motion");
-  sub->add_option("target", o->target, "Cloud that stays in place")->required();
-  sub->add_option("source", o->source, "Cloud that is moved onto the target")->required();
-  AddRegistrationOptions(sub, o->settings, o->flags);
+  RegisterOptions& o = SetCommand<RegisterOptions>(sub, run, RunRegister);
+  sub->add_option("target", o.target, "Cloud that stays in place")->required();
+  sub->add_option("source", o.source, "Cloud that is moved onto the target")->required();
+  AddRegistrationOptions(sub, o.settings, o.flags);
   sub->add_option("--initial",
-                  o->initialMatrix,
+                  o.initialMatrix,
                   "Initial guess, 12 or 16 numbers (tried beside the global estimate; "
                   "the start of --local and of the pipeline's iterative method)");
-  sub->add_option("--output", o->output, "Write the moved source cloud");
+  sub->add_option("--output", o.output, "Write the moved source cloud");
   sub->add_option(
-      "--snapshot", o->snapshot, "Write a PNG of both clouds before and after the motion");
-  sub->add_option("--snapshot-width", o->view.width, "Snapshot width in pixels")
+      "--snapshot", o.snapshot, "Write a PNG of both clouds before and after the motion");
+  sub->add_option("--snapshot-width", o.view.width, "Snapshot width in pixels")
       ->check(CLI::Range(64, 8192))
       ->capture_default_str();
-  sub->add_option("--snapshot-height", o->view.height, "Snapshot height in pixels")
+  sub->add_option("--snapshot-height", o.view.height, "Snapshot height in pixels")
       ->check(CLI::Range(64, 8192))
       ->capture_default_str();
-  SetCommand(sub, run, o, RunRegister);
 }
 
 }  // namespace qorv::tools

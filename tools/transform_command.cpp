@@ -3,7 +3,6 @@
 // `qorv transform`: a rigid motion, given as numbers or read from a file, applied to a cloud.
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <string>
 
 #include "commands.hpp"
@@ -32,23 +31,22 @@ int RunTransform(const GlobalOptions& global, const TransformOptions& o) {
   const Cloud moved = MoveCloud(session, cloud, motion);
   const double ms = Now() - start;
   WriteCloud(o.output, moved);
-  ReportWritten(global, "transform", o.input, cloud.size(), o.output, moved.size(), ms);
+  ReportWritten(global, {"transform", o.input, cloud.size(), o.output, moved.size(), ms});
   return 0;
 }
 
 }  // namespace
 
 void AddTransformCommand(CLI::App& app, ToolRun& run) {
-  auto o = std::make_shared<TransformOptions>();
   CLI::App* sub = app.add_subcommand("transform", "Apply a rigid motion (QorvTransformPoints)");
-  AddInputOutput(sub, o->input, o->output);
+  TransformOptions& o = SetCommand<TransformOptions>(sub, run, RunTransform);
+  AddInputOutput(sub, o.input, o.output);
   sub->add_option("--matrix",
-                  o->matrix,
+                  o.matrix,
                   "12 numbers (3 x 4 [R | t], row after row, as register prints) or 16 "
                   "(4 x 4); @FILE reads them from a file")
       ->required();
-  sub->add_flag("--inverse", o->inverse, "Apply the inverse motion");
-  SetCommand(sub, run, o, RunTransform);
+  sub->add_flag("--inverse", o.inverse, "Apply the inverse motion");
 }
 
 }  // namespace qorv::tools
