@@ -1,13 +1,22 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+// The commands of the qorv tool. Each Add*Command puts its subcommand on the tool's CLI::App with
+// the options it owns and a callback that runs it once the whole command line has parsed; the
+// helpers below keep the options several commands take (and what they print) in one place.
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include <qorv/engine.h>
+
 #include "register.hpp"
 #include "snapshot.hpp"
+
+#include <CLI/CLI.hpp>
 
 namespace qorv::tools {
 
@@ -18,93 +27,115 @@ struct GlobalOptions {
   int threads = 1;     // > 1: the library's multi-threaded variants with that many threads
 };
 
-struct FilterOptions {
-  std::string kind;  // voxel, sor, edge, gaussian
-  std::string input, output;
-  float leaf = 0.0f;
-  float radius = 0.0f;
-  int32_t meanK = 50;
-  float stdMul = 3.4f;
+// One run of the tool: the options on the main app, and the exit status of the command that ran.
+struct ToolRun {
+  GlobalOptions global;
+  int status = 0;
 };
 
-struct KeyPointOptions {
-  std::string input, output, descriptors;
-  float radius = 0.0f;           // detector neighbourhood
-  float nonMaxRadius = 0.0f;     // 0: none
-  float featureRadius = 0.0f;    // 0: 2.5 x radius
-  float histogramRadius = 0.0f;  // 0: 1.25 x radius
-  float normalRadius = 0.0f;     // normals when the input has none; 0: radius
-  float ratio21 = 0.8f;  // surface-suited detector ratios
-  float ratio32 = 0.8f;
-  int32_t maxKeyPoints = 0;
+void AddRegisterCommand(CLI::App& app, ToolRun& run);
+void AddInfoCommand(CLI::App& app, ToolRun& run);
+void AddNormalsCommand(CLI::App& app, ToolRun& run);
+void AddFilterCommand(CLI::App& app, ToolRun& run);
+void AddKeyPointsCommand(CLI::App& app, ToolRun& run);
+void AddTransformCommand(CLI::App& app, ToolRun& run);
+void AddConvertCommands(CLI::App& app, ToolRun& run);  // convert and depth
+void AddBatchCommand(CLI::App& app, ToolRun& run);
+void AddMultiwayCommand(CLI::App& app, ToolRun& run);
+void AddDemoCommand(CLI::App& app, ToolRun& run);
+
+// ---- Options (command_line.cpp) ----------------------------------------------------------------
+
+extern const CLI::Validator kPositive;     // finite and greater than 0
+extern const CLI::Validator kNonNegative;  // finite and at least 0
+extern const CLI::Validator kOpenUnit;     // strictly between 0 and 1
+
+// --json, --quiet and --threads, on the main app.
+void AddGlobalOptions(CLI::App& app, GlobalOptions& global);
+
+// Makes `command` the callback of `sub`: the library's log routed as the global options ask,
+// the command run and its exit status kept in `run`. Exceptions pass through to the caller of
+// CLI::App::parse.
+void SetCommand(CLI::App* sub, ToolRun& run, std::function<int(const GlobalOptions&)> command);
+
+// The same for a command run on an options struct of its own: the struct, returned for the
+// options to bind to, lives as long as the callback.
+template <typename Options, typename Command>
+Options& SetCommand(CLI::App* sub, ToolRun& run, Command command) {
+  auto options = std::make_shared<Options>();
+  SetCommand(sub, run, [options, command](const GlobalOptions& global) {
+    return command(global, *options);
+  });
+  return *options;
+}
+
+// The positional input and output file names.
+void AddInputOutput(CLI::App* sub,
+                    std::string& input,
+                    std::string& output,
+                    const std::string& inputHelp = "Cloud file",
+                    const std::string& outputHelp = "ASC file");
+
+// --voxel, a working or thinning voxel edge (0, its default, leaves the choice to the command).
+template <typename Length>
+CLI::Option* AddVoxelOption(CLI::App* sub, Length& voxel, const std::string& help) {
+  return sub->add_option("--voxel", voxel, help)->check(kPositive);
+}
+
+// --seed with its default shown.
+template <typename Seed>
+CLI::Option* AddSeedOption(CLI::App* sub, Seed& seed, const std::string& help) {
+  return sub->add_option("--seed", seed, help)->capture_default_str();
+}
+
+// --max-tries of the engine.
+void AddMaxTriesOption(CLI::App* sub, QorvEngineOptions& engine);
+
+// The registration options of register and demo that are no field of RegisterSettings as
+// typed; applyTo puts them there once parsed.
+struct RegistrationFlags {
+  std::string method = "ransac";
+  bool noCrossCheck = false;
+  bool local = false;
+  int64_t seed = 1;
+
+  void applyTo(RegisterSettings& s) const;
 };
 
-struct RegisterOptions {
-  std::string target, source, output, snapshot;
-  RegisterSettings settings;
-  std::string initialMatrix;  // initial guess, empty: none
-  SnapshotOptions view;
+// The registration options: the engine's, and the one-call pipeline's for --exact.
+void AddRegistrationOptions(CLI::App* sub, RegisterSettings& s, RegistrationFlags& flags);
+
+// ---- Results (commands.cpp) --------------------------------------------------------------------
+
+// A QorvIndexCallback that copies the indices into the std::vector<int32_t> at `user`.
+void CollectIndices(const int32_t* indices, int32_t count, void* user);
+
+// What a command read and wrote.
+struct Written {
+  std::string command;
+  std::string input;
+  int64_t pointsIn = 0;
+  std::string output;
+  int64_t pointsOut = 0;
+  double ms = 0.0;
 };
 
-// convert and depth: an input file, an output file, the encoding, and the depth camera.
-struct ConvertOptions {
-  std::string input, output;
-  float voxel = 0.0f;  // 0: no thinning
-  int32_t encoding = QORV_ENGINE_ENCODING_DEFAULT;
-  QorvEngineDepthCamera camera;
+// One summary line, or a JSON object, for a command that turned its input into its output; the
+// line gets `note` after the output's name.
+void ReportWritten(const GlobalOptions& global, const Written& w, const std::string& note = "");
 
-  ConvertOptions() { QorvEngineDefaultDepthCamera(&camera); }
-};
+// Reads a cloud and records the time taken as `stage`.
+Cloud ReadTimed(const std::string& path, const char* stage, std::vector<StageTime>& stages);
 
-struct BatchOptions {
-  std::string manifest, output;
-  int jobs = 0;  // 0: one a core
-  QorvEngineOptions engine;
+// Creates the folder `path` is to be written in. Throws ToolError when it cannot.
+void MakeParentFolder(const std::string& path);
 
-  BatchOptions() { QorvEngineDefaultOptions(&engine); }
-};
-
-struct MultiwayOptions {
-  std::vector<std::string> scans;
-  std::string manifest;       // a file listing more scans, one a line
-  std::string output;         // poses as JSON
-  std::string log;            // poses in the trajectory-log layout
-  std::string merged;         // the merged cloud
-  float mergeVoxel = 0.0f;    // its thinning voxel (0: none)
-  bool noLoops = false;
-  QorvEngineOptions engine;
-
-  MultiwayOptions() { QorvEngineDefaultOptions(&engine); }
-};
-
-struct DemoOptions {
-  std::string data = "data/sample/dragon_res3.asc";
-  std::string snapshot = "build/demo/snapshot.png";
-  std::string viewsDir;  // where to write the two views as ASC; empty: not written
-  float overlap = 0.5f;  // share of the cloud's length that both views hold
-  float angleDegrees = 30.0f;
-  RegisterSettings settings;
-  bool check = false;  // exit status 3 when the recovered motion is off
-};
-
-int RunInfo(const GlobalOptions& global, const std::string& path);
-int RunNormals(const GlobalOptions& global,
-               const std::string& input,
-               const std::string& output,
-               float radius,
-               int32_t orientNeighbors);
-int RunFilter(const GlobalOptions& global, const FilterOptions& options);
-int RunKeyPoints(const GlobalOptions& global, const KeyPointOptions& options);
-int RunTransform(const GlobalOptions& global,
-                 const std::string& input,
-                 const std::string& output,
-                 const std::string& matrix,
-                 bool inverse);
-int RunRegister(const GlobalOptions& global, RegisterOptions options);
-int RunConvert(const GlobalOptions& global, const ConvertOptions& options);
-int RunDepth(const GlobalOptions& global, const ConvertOptions& options);
-int RunBatch(const GlobalOptions& global, const BatchOptions& options);
-int RunMultiway(const GlobalOptions& global, const MultiwayOptions& options);
-int RunDemo(const GlobalOptions& global, const DemoOptions& options);
+// Writes the before-and-after PNG and records the time taken.
+void Snapshot(const std::string& path,
+              const Cloud& target,
+              const Cloud& source,
+              const std::vector<float>& moved,
+              const SnapshotOptions& view,
+              std::vector<StageTime>& stages);
 
 }  // namespace qorv::tools

@@ -1,38 +1,23 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // `qorv convert` and `qorv depth`: files from one format into another through the engine library.
-#include <cmath>
-#include <cstdio>
+#include <string>
+#include <vector>
 
 #include "commands.hpp"
-#include "json_writer.hpp"
 
 namespace qorv::tools {
 namespace {
 
-void CollectKept(const int32_t* indices, int32_t count, void* user) {
-  static_cast<std::vector<int32_t>*>(user)->assign(indices, indices + (count > 0 ? count : 0));
-}
+// convert and depth: an input file, an output file, the encoding, and the depth camera.
+struct ConvertOptions {
+  std::string input, output;
+  float voxel = 0.0f;  // 0: no thinning
+  int32_t encoding = QORV_ENGINE_ENCODING_DEFAULT;
+  QorvEngineDepthCamera camera;
 
-void Report(const GlobalOptions& global, const char* command, const std::string& input, int64_t in,
-            const std::string& output, int64_t out, double ms) {
-  FlushAll();
-  if (global.json) {
-    JsonWriter json;
-    json.beginObject();
-    json.key("command").value(command).key("input").value(input).key("points_in").value(in);
-    json.key("output").value(output).key("points_out").value(out);
-    json.key("ms").value(std::round(ms * 1000.0) / 1000.0);
-    json.endObject();
-    std::fputs(json.str().c_str(), Out());
-  } else {
-    std::fprintf(Out(), "%s: %lld of %lld points written to %s (%.1f ms)\n", command, static_cast<long long>(out),
-                 static_cast<long long>(in), output.c_str(), ms);
-  }
-  std::fflush(Out());
-}
-
-}  // namespace
+  ConvertOptions() { QorvEngineDefaultDepthCamera(&camera); }
+};
 
 int RunConvert(const GlobalOptions& global, const ConvertOptions& o) {
   Session session(global.threads);
@@ -41,12 +26,14 @@ int RunConvert(const GlobalOptions& global, const ConvertOptions& o) {
   const int32_t read = cloud.size();
   if (o.voxel > 0.0f) {
     std::vector<int32_t> kept;
-    Check(QorvVoxelFilter(session.get(), cloud.points.data(), cloud.size(), o.voxel, CollectKept, &kept),
-          "QorvVoxelFilter", "thinning '" + o.input + "'");
+    Check(QorvVoxelFilter(
+              session.get(), cloud.points.data(), cloud.size(), o.voxel, CollectIndices, &kept),
+          "QorvVoxelFilter",
+          "thinning '" + o.input + "'");
     cloud = cloud.subset(kept);
   }
   WriteCloud(o.output, cloud, o.encoding);
-  Report(global, "convert", o.input, read, o.output, cloud.size(), Now() - start);
+  ReportWritten(global, {"convert", o.input, read, o.output, cloud.size(), Now() - start});
   return 0;
 }
 
@@ -66,8 +53,57 @@ int RunDepth(const GlobalOptions& global, const ConvertOptions& o) {
   const int64_t pixels = data->count;
   QorvEngineFreeCloud(data);
   if (code != QORV_ENGINE_OK) throw ToolError(QorvEngineLastError());
-  Report(global, "depth", o.input, pixels, o.output, valid, Now() - start);
+  ReportWritten(global, {"depth", o.input, pixels, o.output, valid, Now() - start});
   return 0;
+}
+
+// The encoding of the written file and the camera that turns a depth image into points.
+void AddOutputOptions(CLI::App* sub, ConvertOptions& o) {
+  sub->add_flag_function(
+      "--ascii", [&o](int64_t) { o.encoding = QORV_ENGINE_ENCODING_ASCII; }, "Text PLY or PCD");
+  sub->add_flag_function(
+      "--compressed",
+      [&o](int64_t) { o.encoding = QORV_ENGINE_ENCODING_COMPRESSED; },
+      "PCD binary_compressed");
+  const char* group = "Depth camera (depth images)";
+  sub->add_option("--fx", o.camera.fx, "Focal length in pixels, x")
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(group);
+  sub->add_option("--fy", o.camera.fy, "Focal length in pixels, y")
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(group);
+  sub->add_option("--cx", o.camera.cx, "Principal point, x")->capture_default_str()->group(group);
+  sub->add_option("--cy", o.camera.cy, "Principal point, y")->capture_default_str()->group(group);
+  sub->add_option("--depth-scale", o.camera.depth_scale, "Depth units per metre")
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(group);
+}
+
+}  // namespace
+
+void AddConvertCommands(CLI::App& app, ToolRun& run) {
+  CLI::App* convertCmd =
+      app.add_subcommand("convert", "Any cloud format (or depth image) to PLY, PCD or ASC");
+  ConvertOptions& convert = SetCommand<ConvertOptions>(convertCmd, run, RunConvert);
+  AddInputOutput(convertCmd,
+                 convert.input,
+                 convert.output,
+                 "Cloud file or depth image",
+                 "Written by its extension: .ply, .pcd, else ASC");
+  AddVoxelOption(
+      convertCmd, convert.voxel, "Thin to one point a voxel of this edge (QorvVoxelFilter)");
+  AddOutputOptions(convertCmd, convert);
+
+  CLI::App* depthCmd =
+      app.add_subcommand("depth", "A depth image (16-bit PNG or TIFF) to an organized cloud");
+  ConvertOptions& depth = SetCommand<ConvertOptions>(depthCmd, run, RunDepth);
+  depthCmd->add_option("image", depth.input, "Depth image")->required();
+  depthCmd->add_option("output", depth.output, "Cloud file (.pcd keeps the image's layout)")
+      ->required();
+  AddOutputOptions(depthCmd, depth);
 }
 
 }  // namespace qorv::tools

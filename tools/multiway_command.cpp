@@ -2,22 +2,31 @@
 // Copyright (c) 2026 The Qorv developers
 // `qorv multiway`: many scans into one frame (QorvEngineMultiway): poses as JSON and as a
 // trajectory log, and the merged cloud thinned by a voxel.
-#include <qorv/engine_multiway.h>
-
 #include <cmath>
 #include <cstdio>
 #include <fstream>
 
-#include <nlohmann/json.hpp>
+#include <qorv/engine_multiway.h>
 
 #include "commands.hpp"
+
+#include <nlohmann/json.hpp>
 
 namespace qorv::tools {
 namespace {
 
-void CollectKept(const int32_t* indices, int32_t count, void* user) {
-  static_cast<std::vector<int32_t>*>(user)->assign(indices, indices + (count > 0 ? count : 0));
-}
+struct MultiwayOptions {
+  std::vector<std::string> scans;
+  std::string manifest;     // a file listing more scans, one a line
+  std::string output;       // poses as JSON
+  std::string log;          // poses in the trajectory-log layout
+  std::string merged;       // the merged cloud
+  float mergeVoxel = 0.0f;  // its thinning voxel (0: none)
+  bool noLoops = false;
+  QorvEngineOptions engine;
+
+  MultiwayOptions() { QorvEngineDefaultOptions(&engine); }
+};
 
 std::vector<std::string> ManifestScans(const std::string& path) {
   std::ifstream in(path);
@@ -29,8 +38,6 @@ std::vector<std::string> ManifestScans(const std::string& path) {
   }
   return scans;
 }
-
-}  // namespace
 
 int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
   std::vector<std::string> paths = o.scans;
@@ -49,25 +56,42 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
   std::vector<double> poses(16 * static_cast<size_t>(n));
   std::vector<QorvEngineMultiwayEdge> edges(static_cast<size_t>(n) * static_cast<size_t>(n));
   int32_t edgeCount = 0;
-  if (QorvEngineMultiway(views.data(), n, &options, o.noLoops ? 0 : 1, nullptr, 0, poses.data(), edges.data(),
-                         static_cast<int32_t>(edges.size()), &edgeCount) != QORV_ENGINE_OK) {
+  if (QorvEngineMultiway(views.data(),
+                         n,
+                         &options,
+                         o.noLoops ? 0 : 1,
+                         nullptr,
+                         0,
+                         poses.data(),
+                         edges.data(),
+                         static_cast<int32_t>(edges.size()),
+                         &edgeCount) != QORV_ENGINE_OK) {
     throw ToolError(QorvEngineLastError());
   }
-  edges.resize(static_cast<size_t>(std::min<int32_t>(edgeCount, static_cast<int32_t>(edges.size()))));
+  edges.resize(
+      static_cast<size_t>(std::min<int32_t>(edgeCount, static_cast<int32_t>(edges.size()))));
 
   nlohmann::ordered_json doc;
   doc["scans"] = nlohmann::ordered_json::array();
   for (int32_t i = 0; i < n; ++i) {
     nlohmann::ordered_json rows = nlohmann::ordered_json::array();
     for (int r = 0; r < 4; ++r) {
-      rows.push_back({poses[16 * i + 4 * r], poses[16 * i + 4 * r + 1], poses[16 * i + 4 * r + 2], poses[16 * i + 4 * r + 3]});
+      rows.push_back({poses[16 * i + 4 * r],
+                      poses[16 * i + 4 * r + 1],
+                      poses[16 * i + 4 * r + 2],
+                      poses[16 * i + 4 * r + 3]});
     }
     doc["scans"].push_back({{"path", paths[static_cast<size_t>(i)]}, {"pose", rows}});
   }
   doc["edges"] = nlohmann::ordered_json::array();
   for (const QorvEngineMultiwayEdge& e : edges) {
-    doc["edges"].push_back({{"target", e.from}, {"source", e.to}, {"loop", e.loop != 0}, {"registered", e.registered != 0},
-                            {"rejected", e.rejected != 0}, {"fitness", e.fitness}, {"consistent_pairs", e.consistent_pairs}});
+    doc["edges"].push_back({{"target", e.from},
+                            {"source", e.to},
+                            {"loop", e.loop != 0},
+                            {"registered", e.registered != 0},
+                            {"rejected", e.rejected != 0},
+                            {"fitness", e.fitness},
+                            {"consistent_pairs", e.consistent_pairs}});
   }
   std::ofstream out(o.output);
   if (!out) throw ToolError("cannot write '" + o.output + "'");
@@ -80,8 +104,13 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
     for (int32_t i = 0; i < n; ++i) {
       log << i << " " << i << " " << i + 1 << "\n";
       for (int r = 0; r < 4; ++r) {
-        std::snprintf(line, sizeof(line), "%.9g %.9g %.9g %.9g\n", poses[16 * i + 4 * r], poses[16 * i + 4 * r + 1],
-                      poses[16 * i + 4 * r + 2], poses[16 * i + 4 * r + 3]);
+        std::snprintf(line,
+                      sizeof(line),
+                      "%.9g %.9g %.9g %.9g\n",
+                      poses[16 * i + 4 * r],
+                      poses[16 * i + 4 * r + 1],
+                      poses[16 * i + 4 * r + 2],
+                      poses[16 * i + 4 * r + 3]);
         log << line;
       }
     }
@@ -97,8 +126,14 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
     Session session(global.threads);
     if (o.mergeVoxel > 0.0f) {
       std::vector<int32_t> kept;
-      Check(QorvVoxelFilter(session.get(), merged.points.data(), merged.size(), o.mergeVoxel, CollectKept, &kept),
-            "QorvVoxelFilter", "thinning the merged cloud");
+      Check(QorvVoxelFilter(session.get(),
+                            merged.points.data(),
+                            merged.size(),
+                            o.mergeVoxel,
+                            CollectIndices,
+                            &kept),
+            "QorvVoxelFilter",
+            "thinning the merged cloud");
       merged = merged.subset(kept);
     }
     WriteCloud(o.merged, merged);
@@ -111,15 +146,42 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
   }
   FlushAll();
   if (global.json) {
-    nlohmann::ordered_json summary = {{"command", "multiway"}, {"scans", n}, {"edges", edges.size()},
-                                      {"accepted", accepted}, {"rejected", rejected}, {"output", o.output}};
+    nlohmann::ordered_json summary = {{"command", "multiway"},
+                                      {"scans", n},
+                                      {"edges", edges.size()},
+                                      {"accepted", accepted},
+                                      {"rejected", rejected},
+                                      {"output", o.output}};
     if (!o.merged.empty()) summary["merged_points"] = mergedPoints;
     std::fprintf(Out(), "%s\n", summary.dump().c_str());
   } else {
-    std::fprintf(Out(), "multiway: %d scans, %zu pairs tried, %d edges kept, %d rejected by the pose graph; poses in %s\n",
-                 n, edges.size(), accepted, rejected, o.output.c_str());
+    std::fprintf(Out(),
+                 "multiway: %d scans, %zu pairs tried, %d edges kept, %d rejected by the pose "
+                 "graph; poses in %s\n",
+                 n,
+                 edges.size(),
+                 accepted,
+                 rejected,
+                 o.output.c_str());
   }
   return 0;
+}
+
+}  // namespace
+
+void AddMultiwayCommand(CLI::App& app, ToolRun& run) {
+  CLI::App* sub = app.add_subcommand("multiway", "Align many scans into one frame");
+  MultiwayOptions& o = SetCommand<MultiwayOptions>(sub, run, RunMultiway);
+  sub->add_option("scans", o.scans, "Scan files, in order");
+  sub->add_option("--manifest", o.manifest, "A file listing (more) scans, one a line");
+  sub->add_option("--output", o.output, "Poses and edges as JSON")->required();
+  sub->add_option("--log", o.log, "Poses in the trajectory-log layout");
+  sub->add_option("--merged", o.merged, "Write all scans in one frame (PLY, PCD or ASC)");
+  sub->add_option("--merge-voxel", o.mergeVoxel, "Thin the merged cloud to this voxel")
+      ->check(kPositive);
+  sub->add_flag("--no-loops", o.noLoops, "Register neighbouring scans only");
+  AddVoxelOption(sub, o.engine.voxel, "Working voxel of the pairs");
+  AddSeedOption(sub, o.engine.seed, "Seed of every random draw");
 }
 
 }  // namespace qorv::tools

@@ -9,6 +9,7 @@ Environment: QORV_CLI (the tool), QORV_DATA_DIR (the repository's data folder), 
 import json
 import os
 import pathlib
+import re
 import struct
 import subprocess
 
@@ -123,13 +124,34 @@ def read_back(path):
 
 # ---- Version, help, info ----------------------------------------------------------------------
 
+COMMANDS = ["register", "info", "normals", "filter", "keypoints", "transform", "convert", "depth",
+            "batch", "multiway", "demo"]
+
+
 def test_version_and_help():
     version = qorv.__version__  # the CMake project's, as the installed package carries it
     assert run("--version").stdout.strip() == f"qorv {version} (library {version})"
     helptext = run("--help").stdout
-    for command in ("register", "info", "normals", "filter", "keypoints", "transform", "demo"):
-        assert command in helptext
-    assert "--voxel" in run("register", "--help").stdout
+    assert re.findall(r"^  (\w+) ", helptext.split("Subcommands:")[1], re.M) == COMMANDS
+    # Without a command the error names every one there is.
+    missing = run(expect=2).stderr
+    assert all(re.search(rf"\b{command}\b", missing) for command in COMMANDS), missing
+    # The options several commands take are on exactly those commands.
+    shared = {"--voxel": {"register", "demo", "convert", "batch", "multiway"},
+              "--seed": {"register", "demo", "batch", "multiway"},
+              "--max-tries": {"register", "demo", "batch"},
+              "--exact": {"register", "demo"}}
+    for command in COMMANDS:
+        text = run(command, "--help").stdout
+        for option, owners in shared.items():
+            assert bool(re.search(rf"^ +{option} ", text, re.M)) == (command in owners), \
+                (command, option)
+
+
+def test_global_options_after_the_command():
+    result = run("info", BUNNY, "--threads", "2", "--json")
+    assert json.loads(result.stdout)["points"] > 0
+    assert "[QORV INFO]" in result.stderr
 
 
 def test_info_reports_the_cloud(bunny):

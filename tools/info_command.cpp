@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+// `qorv info`: points, fields, bounding box, centroid and spacing of a cloud.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+#include "commands.hpp"
+#include "json_writer.hpp"
+
+namespace qorv::tools {
+namespace {
+
+int RunInfo(const GlobalOptions& global, const std::string& path) {
+  Session session(global.threads);
+  const double start = Now();
+  const Cloud cloud = ReadCloud(path);
+  const double readMs = Now() - start;
+  double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300}, sum[3] = {0, 0, 0};
+  for (int32_t i = 0; i < cloud.size(); ++i) {
+    for (int c = 0; c < 3; ++c) {
+      const double v = cloud.points[3 * static_cast<size_t>(i) + c];
+      lo[c] = std::min(lo[c], v);
+      hi[c] = std::max(hi[c], v);
+      sum[c] += v;
+    }
+  }
+  // The spacing needs a neighbour: a single point has none.
+  float spacing = std::numeric_limits<float>::quiet_NaN();
+  if (cloud.size() >= 2) {
+    Check(QorvCheckDistance(session.get(), cloud.points.data(), cloud.size(), 2, &spacing),
+          "QorvCheckDistance",
+          "measuring the spacing of '" + path + "'");
+  }
+  const double centroid[3] = {sum[0] / cloud.size(), sum[1] / cloud.size(), sum[2] / cloud.size()};
+  const double extent[3] = {hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]};
+  FlushAll();
+  std::FILE* out = Out();
+  if (global.json) {
+    JsonWriter json;
+    json.beginObject();
+    json.key("path").value(path).key("format").value(cloud.format);
+    json.key("points").value(cloud.size());
+    json.key("normals").value(cloud.hasNormals()).key("colours").value(cloud.hasColours());
+    json.key("dropped_non_finite").value(cloud.droppedNonFinite);
+    json.key("fields").value(cloud.fields);
+    json.key("organized");
+    if (cloud.height > 1) {
+      json.beginObject()
+          .key("width")
+          .value(cloud.width)
+          .key("height")
+          .value(cloud.height)
+          .endObject();
+    } else {
+      json.null();
+    }
+    json.key("min").numbers(lo, 3).key("max").numbers(hi, 3).key("extent").numbers(extent, 3);
+    json.key("centroid").numbers(centroid, 3);
+    json.key("spacing").value(static_cast<double>(spacing));
+    json.key("read_ms").value(std::round(readMs * 1000.0) / 1000.0);
+    json.endObject();
+    std::fputs(json.str().c_str(), out);
+  } else {
+    std::fprintf(out, "file      %s (%s)\n", path.c_str(), cloud.format.c_str());
+    std::fprintf(out,
+                 "points    %d%s%s\n",
+                 cloud.size(),
+                 cloud.hasNormals() ? ", normals" : "",
+                 cloud.hasColours() ? ", colours" : "");
+    std::fprintf(out, "fields    %s\n", cloud.fields.c_str());
+    if (cloud.height > 1) std::fprintf(out, "organized %d x %d\n", cloud.width, cloud.height);
+    if (cloud.droppedNonFinite > 0) {
+      std::fprintf(out,
+                   "dropped   %lld points with non-finite coordinates\n",
+                   static_cast<long long>(cloud.droppedNonFinite));
+    }
+    std::fprintf(out, "min       %.6g %.6g %.6g\n", lo[0], lo[1], lo[2]);
+    std::fprintf(out, "max       %.6g %.6g %.6g\n", hi[0], hi[1], hi[2]);
+    std::fprintf(out, "extent    %.6g %.6g %.6g\n", extent[0], extent[1], extent[2]);
+    std::fprintf(out, "centroid  %.6g %.6g %.6g\n", centroid[0], centroid[1], centroid[2]);
+    if (std::isnan(spacing)) {
+      std::fprintf(out, "spacing   none (a single point)\n");
+    } else {
+      std::fprintf(out, "spacing   %.6g (mean distance to the nearest neighbour)\n", spacing);
+    }
+  }
+  std::fflush(out);
+  return 0;
+}
+
+}  // namespace
+
+void AddInfoCommand(CLI::App& app, ToolRun& run) {
+  CLI::App* sub = app.add_subcommand("info", "Points, bounding box and spacing of a cloud");
+  std::string& path = SetCommand<std::string>(sub, run, RunInfo);
+  sub->add_option("file", path, "Cloud file")->required();
+}
+
+}  // namespace qorv::tools
