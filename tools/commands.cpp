@@ -56,6 +56,12 @@ void MakeParentFolder(const std::string& path) {
   if (error) throw ToolError("cannot create folder '" + parent.string() + "': " + error.message());
 }
 
+void CheckSnapshotPath(const std::string& path) {
+  if (!path.empty() && std::filesystem::path(path).extension() != ".png") {
+    throw ToolError("--snapshot needs a file name ending in .png", 2);
+  }
+}
+
 void Snapshot(const std::string& path,
               const Cloud& target,
               const Cloud& source,

@@ -130,6 +130,9 @@ Cloud ReadTimed(const std::string& path, const char* stage, std::vector<StageTim
 // Creates the folder `path` is to be written in. Throws ToolError when it cannot.
 void MakeParentFolder(const std::string& path);
 
+// A usage error (status 2) unless `path` is empty or names a .png file.
+void CheckSnapshotPath(const std::string& path);
+
 // Writes the before-and-after PNG and records the time taken.
 void Snapshot(const std::string& path,
               const Cloud& target,

@@ -21,6 +21,7 @@ struct MultiwayOptions {
   std::string output;       // poses as JSON
   std::string log;          // poses in the trajectory-log layout
   std::string merged;       // the merged cloud
+  std::string snapshot;     // PNG: the first scan against the others, before and after
   float mergeVoxel = 0.0f;  // its thinning voxel (0: none)
   bool noLoops = false;
   QorvEngineOptions engine;
@@ -46,6 +47,7 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
     paths.insert(paths.end(), listed.begin(), listed.end());
   }
   if (paths.size() < 2) throw ToolError("multiway needs at least two scans", 2);
+  CheckSnapshotPath(o.snapshot);
   std::vector<Cloud> clouds;
   std::vector<QorvEngineCloud> views;
   for (const std::string& path : paths) clouds.push_back(ReadCloud(path));
@@ -115,14 +117,34 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
       }
     }
   }
+  // Every scan in the common frame, as the merged cloud and the snapshot need them.
+  std::vector<std::vector<float>> placed;
+  if (!o.merged.empty() || !o.snapshot.empty()) {
+    for (int32_t i = 0; i < n; ++i) {
+      const Rigid pose = Rigid::FromMatrix3x4(&poses[16 * static_cast<size_t>(i)]);
+      placed.push_back(Apply(pose, clouds[static_cast<size_t>(i)].points));
+    }
+  }
+  if (!o.snapshot.empty()) {
+    // The first scan in blue; every other scan in orange, as read (left) and placed (right).
+    Cloud first, others;
+    first.points = placed[0];
+    std::vector<float> othersPlaced;
+    for (int32_t i = 1; i < n; ++i) {
+      const std::vector<float>& read = clouds[static_cast<size_t>(i)].points;
+      others.points.insert(others.points.end(), read.begin(), read.end());
+      othersPlaced.insert(othersPlaced.end(),
+                          placed[static_cast<size_t>(i)].begin(),
+                          placed[static_cast<size_t>(i)].end());
+    }
+    std::vector<StageTime> stages;
+    Snapshot(o.snapshot, first, others, othersPlaced, SnapshotOptions(), stages);
+  }
   int32_t mergedPoints = 0;
   if (!o.merged.empty()) {
     Cloud merged;
-    for (int32_t i = 0; i < n; ++i) {
-      const Rigid pose = Rigid::FromMatrix3x4(&poses[16 * static_cast<size_t>(i)]);
-      const std::vector<float> moved = Apply(pose, clouds[static_cast<size_t>(i)].points);
-      merged.points.insert(merged.points.end(), moved.begin(), moved.end());
-    }
+    for (const std::vector<float>& scan : placed)
+      merged.points.insert(merged.points.end(), scan.begin(), scan.end());
     Session session(global.threads);
     if (o.mergeVoxel > 0.0f) {
       std::vector<int32_t> kept;
@@ -153,6 +175,7 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
                                       {"rejected", rejected},
                                       {"output", o.output}};
     if (!o.merged.empty()) summary["merged_points"] = mergedPoints;
+    if (!o.snapshot.empty()) summary["snapshot"] = o.snapshot;
     std::fprintf(Out(), "%s\n", summary.dump().c_str());
   } else {
     std::fprintf(Out(),
@@ -177,6 +200,9 @@ void AddMultiwayCommand(CLI::App& app, ToolRun& run) {
   sub->add_option("--output", o.output, "Poses and edges as JSON")->required();
   sub->add_option("--log", o.log, "Poses in the trajectory-log layout");
   sub->add_option("--merged", o.merged, "Write all scans in one frame (PLY, PCD or ASC)");
+  sub->add_option("--snapshot",
+                  o.snapshot,
+                  "Write a PNG of the first scan against the others, before and after");
   sub->add_option("--merge-voxel", o.mergeVoxel, "Thin the merged cloud to this voxel")
       ->check(kPositive);
   sub->add_flag("--no-loops", o.noLoops, "Register neighbouring scans only");

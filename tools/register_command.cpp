@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -37,9 +36,7 @@ int RunRegister(const GlobalOptions& global, RegisterOptions o) {
   if (o.settings.engine.mode == QORV_ENGINE_MODE_LOCAL && !o.settings.engine.has_initial) {
     throw ToolError("--local needs --initial", 2);
   }
-  if (!o.snapshot.empty() && std::filesystem::path(o.snapshot).extension() != ".png") {
-    throw ToolError("--snapshot needs a file name ending in .png", 2);
-  }
+  CheckSnapshotPath(o.snapshot);
   Session session(global.threads);
   std::vector<StageTime> stages;
   const Cloud target = ReadTimed(o.target, "read target", stages);

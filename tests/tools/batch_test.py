@@ -126,8 +126,10 @@ def test_multiway_recovers_known_poses(tmp_path):
         truth.append(np.linalg.inv(motion))
     out = tmp_path / "poses.json"
     run = subprocess.run([CLI, "multiway", *map(str, paths), "--output", str(out), "--log", str(tmp_path / "t.log"),
-                          "--merged", str(tmp_path / "m.pcd")], capture_output=True, text=True, timeout=300)
+                          "--merged", str(tmp_path / "m.pcd"), "--snapshot", str(tmp_path / "m.png")],
+                         capture_output=True, text=True, timeout=300)
     assert run.returncode == 0, run.stderr
+    assert (tmp_path / "m.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
     doc = json.loads(out.read_text())
     poses = [np.array(s["pose"]) for s in doc["scans"]]
     for pose, true in zip(poses, truth):
