@@ -4,13 +4,13 @@
 // Cloud file reading from memory: binary PLY, binary and compressed PCD of a 2-million-point cloud
 // with normals (the dragon scan tiled), in bytes of file a second; and compressed PCD read from the
 // cached disk, the path a user's reading takes.
-#include <benchmark/benchmark.h>
-
 #include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <random>
 #include <string>
+
+#include <benchmark/benchmark.h>
 
 #include "io/cloud_files.hpp"
 #include "io/cloud_writers.hpp"
@@ -39,15 +39,21 @@ const qorv::io::CloudData& Cloud() {
 
 void Read(benchmark::State& state, const std::string& bytes, bool ply) {
   for (auto _ : state) {
-    const qorv::io::CloudData c = ply ? qorv::io::ParsePly(bytes, "b.ply") : qorv::io::ParsePcd(bytes, "b.pcd");
+    const qorv::io::CloudData c =
+        ply ? qorv::io::ParsePly(bytes, "b.ply") : qorv::io::ParsePcd(bytes, "b.pcd");
     benchmark::DoNotOptimize(c.points.data());
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(bytes.size()));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                          static_cast<int64_t>(bytes.size()));
   state.counters["points"] = static_cast<double>(Cloud().size());
 }
 
-void BM_BinaryPly(benchmark::State& state) { Read(state, qorv::io::FormatPly(Cloud(), qorv::io::Encoding::kBinary), true); }
-void BM_BinaryPcd(benchmark::State& state) { Read(state, qorv::io::FormatPcd(Cloud(), qorv::io::Encoding::kBinary), false); }
+void BM_BinaryPly(benchmark::State& state) {
+  Read(state, qorv::io::FormatPly(Cloud(), qorv::io::Encoding::kBinary), true);
+}
+void BM_BinaryPcd(benchmark::State& state) {
+  Read(state, qorv::io::FormatPcd(Cloud(), qorv::io::Encoding::kBinary), false);
+}
 void BM_CompressedPcd(benchmark::State& state) {
   Read(state, qorv::io::FormatPcd(Cloud(), qorv::io::Encoding::kCompressed), false);
 }

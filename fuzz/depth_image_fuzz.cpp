@@ -3,8 +3,6 @@
 //
 // The depth-image readers on arbitrary bytes: PNG from memory, TIFF through a scratch file (libtiff
 // reads files). Each reads or refuses with IoError; never a crash, a hang or a huge allocation.
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -12,10 +10,13 @@
 
 #include "io/depth_image.hpp"
 
+#include <unistd.h>
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
   try {
-    if (size >= 4 && (bytes.substr(0, 4) == std::string_view("II*\0", 4) || bytes.substr(0, 4) == std::string_view("MM\0*", 4))) {
+    if (size >= 4 && (bytes.substr(0, 4) == std::string_view("II*\0", 4) ||
+                      bytes.substr(0, 4) == std::string_view("MM\0*", 4))) {
       static const std::string path = "/tmp/qorv_fuzz_depth_" + std::to_string(getpid()) + ".tif";
       std::FILE* f = std::fopen(path.c_str(), "wb");
       if (f == nullptr) return 0;

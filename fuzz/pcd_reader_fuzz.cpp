@@ -24,7 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (qorv::io::Encoding e : {qorv::io::Encoding::kBinary, qorv::io::Encoding::kCompressed}) {
     const qorv::io::CloudData back = qorv::io::ParsePcd(qorv::io::FormatPcd(cloud, e), "again.pcd");
     if (back.size() != cloud.size() ||
-        std::memcmp(back.points.data(), cloud.points.data(), cloud.points.size() * sizeof(float)) != 0) {
+        std::memcmp(back.points.data(), cloud.points.data(), cloud.points.size() * sizeof(float)) !=
+            0) {
       __builtin_trap();
     }
   }

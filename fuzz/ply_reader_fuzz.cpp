@@ -20,9 +20,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   if (cloud.size() == 0 || cloud.size() > 4096) return 0;
-  const qorv::io::CloudData back = qorv::io::ParsePly(qorv::io::FormatPly(cloud, qorv::io::Encoding::kBinary), "again.ply");
+  const qorv::io::CloudData back =
+      qorv::io::ParsePly(qorv::io::FormatPly(cloud, qorv::io::Encoding::kBinary), "again.ply");
   if (back.size() != cloud.size() ||
-      std::memcmp(back.points.data(), cloud.points.data(), cloud.points.size() * sizeof(float)) != 0) {
+      std::memcmp(back.points.data(), cloud.points.data(), cloud.points.size() * sizeof(float)) !=
+          0) {
     __builtin_trap();
   }
   return 0;

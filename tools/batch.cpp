@@ -2,9 +2,6 @@
 // Copyright (c) 2026 The Qorv developers
 #include "batch.hpp"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -15,6 +12,9 @@
 #include "cloud_io.hpp"
 #include "rigid.hpp"
 #include "session.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace qorv::tools {
 namespace {
@@ -64,7 +64,8 @@ std::vector<BatchPair> ReadManifest(const std::string& path) {
     ++number;
     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
     const std::string where = "manifest '" + path + "' line " + std::to_string(number);
-    if (!header && !json && line.find_first_not_of(" \t") != std::string::npos && line[line.find_first_not_of(" \t")] == '{') {
+    if (!header && !json && line.find_first_not_of(" \t") != std::string::npos &&
+        line[line.find_first_not_of(" \t")] == '{') {
       json = true;
     }
     BatchPair pair;
@@ -76,8 +77,8 @@ std::vector<BatchPair> ReadManifest(const std::string& path) {
       } catch (const nlohmann::json::exception& e) {
         throw ToolError(where + ": not JSON: " + e.what());
       }
-      if (!doc.is_object() || !doc.contains("target") || !doc.contains("source") || !doc["target"].is_string() ||
-          !doc["source"].is_string()) {
+      if (!doc.is_object() || !doc.contains("target") || !doc.contains("source") ||
+          !doc["target"].is_string() || !doc["source"].is_string()) {
         throw ToolError(where + ": needs \"target\" and \"source\" strings");
       }
       pair.target = doc["target"].get<std::string>();
@@ -101,7 +102,8 @@ std::vector<BatchPair> ReadManifest(const std::string& path) {
         if (cells[c] == "initial") initialColumn = static_cast<int>(c);
       }
       if (targetColumn < 0 || sourceColumn < 0) {
-        throw ToolError(where + ": a CSV manifest starts with a header naming target and source columns");
+        throw ToolError(where +
+                        ": a CSV manifest starts with a header naming target and source columns");
       }
       header = true;
       continue;
@@ -137,7 +139,8 @@ std::set<int64_t> DonePairs(const std::string& resultsPath) {
   while (std::getline(lines, line)) {
     try {
       const nlohmann::json doc = nlohmann::json::parse(line);
-      if (doc.contains("pair") && doc["pair"].is_number_integer()) done.insert(doc["pair"].get<int64_t>());
+      if (doc.contains("pair") && doc["pair"].is_number_integer())
+        done.insert(doc["pair"].get<int64_t>());
     } catch (const nlohmann::json::exception&) {
       // A line that is no JSON was not written by us: leave it, it marks nothing as done.
     }
@@ -171,21 +174,26 @@ nlohmann::ordered_json RunPair(const BatchPair& pair, const QorvEngineOptions& o
   line["registered"] = error.empty() && result.registered != 0;
   if (error.empty()) {
     nlohmann::ordered_json rows = nlohmann::ordered_json::array();
-    for (int r = 0; r < 4; ++r) rows.push_back({result.transform[4 * r], result.transform[4 * r + 1],
-                                                result.transform[4 * r + 2], result.transform[4 * r + 3]});
+    for (int r = 0; r < 4; ++r)
+      rows.push_back({result.transform[4 * r],
+                      result.transform[4 * r + 1],
+                      result.transform[4 * r + 2],
+                      result.transform[4 * r + 3]});
     line["transform"] = rows;
     line["fitness"] = result.fitness;
     line["target_overlap"] = result.target_overlap;
     line["inlier_rmse"] = result.inlier_rmse;
     line["consistent_pairs"] = result.consistent_pairs;
     line["voxel"] = result.voxel;
-    line["reason"] = result.registered ? nlohmann::ordered_json() : nlohmann::ordered_json(result.reason);
+    line["reason"] =
+        result.registered ? nlohmann::ordered_json() : nlohmann::ordered_json(result.reason);
     line["error"] = nullptr;
   } else {
     line["transform"] = nullptr;
     line["error"] = error;
   }
-  line["ms"] = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  line["ms"] =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   return line;
 }
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include <qorv/engine.h>
+
+#include <nlohmann/json.hpp>
 
 namespace qorv::tools {
 

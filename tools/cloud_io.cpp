@@ -76,7 +76,8 @@ void WriteCloud(const std::string& path, const Cloud& cloud, int32_t encoding) {
   data.viewpoint[1] = cloud.viewpoint[1];
   data.viewpoint[2] = cloud.viewpoint[2];
   data.viewpoint[3] = 1.0;
-  if (QorvEngineWriteCloud(path.c_str(), &data, encoding) != QORV_ENGINE_OK) throw ToolError(QorvEngineLastError());
+  if (QorvEngineWriteCloud(path.c_str(), &data, encoding) != QORV_ENGINE_OK)
+    throw ToolError(QorvEngineLastError());
 }
 
 }  // namespace qorv::tools

@@ -21,7 +21,7 @@ struct Cloud {
   int64_t droppedNonFinite = 0;        // points with a NaN or infinite coordinate left out
   int32_t width = 0, height = 0;       // the file's organized layout (height > 1), else 0
   bool hasViewpoint = false;
-  double viewpoint[3] = {0, 0, 0};     // the sensor origin the file gives
+  double viewpoint[3] = {0, 0, 0};  // the sensor origin the file gives
 
   int32_t size() const { return static_cast<int32_t>(points.size() / 3); }
   bool hasNormals() const { return !normals.empty(); }
@@ -38,6 +38,8 @@ Cloud ReadCloud(const std::string& path, const QorvEngineDepthCamera* camera = n
 QorvEngineCloud EngineView(const Cloud& cloud);
 
 // Writes by the extension (.ply, .pcd, else ASC text) through the engine library.
-void WriteCloud(const std::string& path, const Cloud& cloud, int32_t encoding = QORV_ENGINE_ENCODING_DEFAULT);
+void WriteCloud(const std::string& path,
+                const Cloud& cloud,
+                int32_t encoding = QORV_ENGINE_ENCODING_DEFAULT);
 
 }  // namespace qorv::tools

@@ -37,7 +37,9 @@ std::array<double, 16> Matrix4x4(const Rigid& motion) {
   return out;
 }
 
-QorvEngineResult RunEngine(const Cloud& target, const Cloud& source, const QorvEngineOptions& options) {
+QorvEngineResult RunEngine(const Cloud& target,
+                           const Cloud& source,
+                           const QorvEngineOptions& options) {
   const QorvEngineCloud t = EngineView(target), s = EngineView(source);
   QorvEngineResult result{};
   result.struct_size = sizeof(result);
@@ -59,9 +61,11 @@ Rigid RunPipeline(const Session& session,
   if (!(s > 0.0f)) {
     float spacing[2] = {0.0f, 0.0f};
     Check(QorvCheckDistance(inst, target.points.data(), target.size(), 2, &spacing[0]),
-          "QorvCheckDistance", "measuring the target's spacing");
+          "QorvCheckDistance",
+          "measuring the target's spacing");
     Check(QorvCheckDistance(inst, source.points.data(), source.size(), 2, &spacing[1]),
-          "QorvCheckDistance", "measuring the source's spacing");
+          "QorvCheckDistance",
+          "measuring the source's spacing");
     s = 1.25f * std::max(spacing[0], spacing[1]);
     // A cloud of one point measures the float maximum's root: no spacing either.
     if (!(s > 0.0f) || !(s < 1e18f)) {
@@ -71,17 +75,28 @@ Rigid RunPipeline(const Session& session,
   const bool iterative = settings.method == Method::kIterative;
   report.method = iterative ? "pipeline (iterative)" : "pipeline (ransac)";
   const float kernel = settings.kernelScale > 0.0f ? settings.kernelScale : (4.0f * s) * (4.0f * s);
-  const int32_t iterations = settings.iterations >= 0 ? settings.iterations : iterative ? 64 : 20000;
+  const int32_t iterations = settings.iterations >= 0 ? settings.iterations
+                             : iterative              ? 64
+                                                      : 20000;
   std::array<double, 12> matrix{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
   if (settings.engine.has_initial) {
     for (int i = 0; i < 12; ++i) matrix[static_cast<size_t>(i)] = settings.engine.initial[i];
   }
-  Check(QorvMatchPairPointCloud(inst, target.points.data(), target.hasNormals() ? target.normals.data() : nullptr,
-                                target.size(), source.points.data(),
-                                source.hasNormals() ? source.normals.data() : nullptr, source.size(),
-                                matrix.data(), iterative ? kernel : 0.0f, s, iterations, CountPairs,
+  Check(QorvMatchPairPointCloud(inst,
+                                target.points.data(),
+                                target.hasNormals() ? target.normals.data() : nullptr,
+                                target.size(),
+                                source.points.data(),
+                                source.hasNormals() ? source.normals.data() : nullptr,
+                                source.size(),
+                                matrix.data(),
+                                iterative ? kernel : 0.0f,
+                                s,
+                                iterations,
+                                CountPairs,
                                 &report.pipelineCorrespondences),
-        "QorvMatchPairPointCloud", "registering the clouds");
+        "QorvMatchPairPointCloud",
+        "registering the clouds");
   return Rigid::FromMatrix3x4(matrix.data());
 }
 
@@ -146,7 +161,8 @@ RegistrationReport RegisterClouds(const Session& session,
       report.verdict = RunEngine(target, source, options);
     } else {
       report.verdict = QorvEngineResult{};
-      std::snprintf(report.verdict.reason, sizeof(report.verdict.reason), "the pipeline found no model");
+      std::snprintf(
+          report.verdict.reason, sizeof(report.verdict.reason), "the pipeline found no model");
     }
   } else {
     report.method = options.mode == QORV_ENGINE_MODE_LOCAL ? "engine (local)" : "engine (global)";
@@ -178,12 +194,23 @@ void PrintReport(const RegistrationReport& r) {
   std::FILE* out = Out();
   FlushAll();
   const QorvEngineResult& v = r.verdict;
-  std::fprintf(out, "target  %s: %d points (%s)\n", r.target.path.c_str(), r.target.points,
+  std::fprintf(out,
+               "target  %s: %d points (%s)\n",
+               r.target.path.c_str(),
+               r.target.points,
                r.target.format.c_str());
-  std::fprintf(out, "source  %s: %d points (%s)\n", r.source.path.c_str(), r.source.points,
+  std::fprintf(out,
+               "source  %s: %d points (%s)\n",
+               r.source.path.c_str(),
+               r.source.points,
                r.source.format.c_str());
-  std::fprintf(out, "method %s; voxel %.6g (target %d, source %d samples), %d tries\n", r.method.c_str(),
-               v.voxel, v.target_samples, v.source_samples, v.tries);
+  std::fprintf(out,
+               "method %s; voxel %.6g (target %d, source %d samples), %d tries\n",
+               r.method.c_str(),
+               v.voxel,
+               v.target_samples,
+               v.source_samples,
+               v.tries);
   std::fprintf(out, "stage times (ms):\n");
   double total = 0.0;
   for (const StageTime& stage : r.stages) {
@@ -194,15 +221,28 @@ void PrintReport(const RegistrationReport& r) {
   std::fprintf(out, "transform (source onto target), 4 x 4:\n");
   const std::array<double, 12> m = r.transform.matrix3x4();
   for (int row = 0; row < 3; ++row) {
-    std::fprintf(out, "  % .9f % .9f % .9f % .9g\n", m[4 * row], m[4 * row + 1], m[4 * row + 2], m[4 * row + 3]);
+    std::fprintf(out,
+                 "  % .9f % .9f % .9f % .9g\n",
+                 m[4 * row],
+                 m[4 * row + 1],
+                 m[4 * row + 2],
+                 m[4 * row + 3]);
   }
   std::fprintf(out, "  % .9f % .9f % .9f % .9g\n", 0.0, 0.0, 0.0, 1.0);
-  const double tn = std::sqrt(r.transform.t[0] * r.transform.t[0] + r.transform.t[1] * r.transform.t[1] +
-                              r.transform.t[2] * r.transform.t[2]);
-  std::fprintf(out, "rotation %.4f deg, translation %.6g\n", r.transform.rotationAngleDegrees(), tn);
-  std::fprintf(out, "fitness %.4f, target overlap %.4f, inlier RMSE %.6g (inlier distance %.6g), "
+  const double tn =
+      std::sqrt(r.transform.t[0] * r.transform.t[0] + r.transform.t[1] * r.transform.t[1] +
+                r.transform.t[2] * r.transform.t[2]);
+  std::fprintf(
+      out, "rotation %.4f deg, translation %.6g\n", r.transform.rotationAngleDegrees(), tn);
+  std::fprintf(out,
+               "fitness %.4f, target overlap %.4f, inlier RMSE %.6g (inlier distance %.6g), "
                "%d consistent of %d matches\n",
-               v.fitness, v.target_overlap, v.inlier_rmse, v.inlier_distance, v.consistent_pairs, v.matches);
+               v.fitness,
+               v.target_overlap,
+               v.inlier_rmse,
+               v.inlier_distance,
+               v.consistent_pairs,
+               v.matches);
   if (r.registered()) {
     std::fprintf(out, "registered\n");
   } else {

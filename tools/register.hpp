@@ -45,8 +45,8 @@ struct CloudSummary {
 
 struct RegistrationReport {
   CloudSummary target, source;
-  std::string method;  // "engine (global)", "engine (local)", "pipeline (ransac)", ...
-  Rigid transform;     // carries the source onto the target
+  std::string method;        // "engine (global)", "engine (local)", "pipeline (ransac)", ...
+  Rigid transform;           // carries the source onto the target
   QorvEngineResult verdict;  // the engine's verdict and measures of `transform`
   uint32_t pipelineCorrespondences = 0;  // --exact only
   std::vector<StageTime> stages;

@@ -9,6 +9,8 @@
 #include <tuple>
 #include <vector>
 
+#include "peers.hpp"
+
 #include <open3d/geometry/KDTreeFlann.h>
 #include <open3d/geometry/KDTreeSearchParam.h>
 #include <open3d/geometry/Keypoint.h>
@@ -19,8 +21,6 @@
 #include <open3d/pipelines/registration/Feature.h>
 #include <open3d/pipelines/registration/Registration.h>
 #include <open3d/pipelines/registration/TransformationEstimation.h>
-
-#include "peers.hpp"
 
 namespace qorv::peers {
 namespace {
@@ -105,8 +105,8 @@ class Open3dSide final : public Side {
       }
       case Op::kKeypoints: {
         Stopwatch watch;
-        auto keypoints = o3g::keypoint::ComputeISSKeypoints(*cloud_, p.salientRadius, p.nonMaxRadius,
-                                                            p.gamma21, p.gamma32, p.minNeighbors);
+        auto keypoints = o3g::keypoint::ComputeISSKeypoints(
+            *cloud_, p.salientRadius, p.nonMaxRadius, p.gamma21, p.gamma32, p.minNeighbors);
         const double t = watch.seconds();
         return Timed(t, static_cast<int64_t>(keypoints->points_.size()));
       }
@@ -126,7 +126,8 @@ class Open3dSide final : public Side {
         auto features =
             o3r::ComputeFPFHFeature(*withNormals_, o3g::KDTreeSearchParamRadius(p.featureRadius));
         const double t = watch.seconds();
-        return Timed(t, static_cast<int64_t>(keypoints->points_.size()),
+        return Timed(t,
+                     static_cast<int64_t>(keypoints->points_.size()),
                      "FPFH at every point (no index selection in 0.16)");
       }
       case Op::kReadFile: {
@@ -164,34 +165,42 @@ class Open3dSide final : public Side {
     auto sourceDown = source->VoxelDownSample(r);
     targetDown->EstimateNormals(o3g::KDTreeSearchParamRadius(2.0 * r));
     sourceDown->EstimateNormals(o3g::KDTreeSearchParamRadius(2.0 * r));
-    auto targetFeatures = o3r::ComputeFPFHFeature(*targetDown, o3g::KDTreeSearchParamRadius(5.0 * r));
-    auto sourceFeatures = o3r::ComputeFPFHFeature(*sourceDown, o3g::KDTreeSearchParamRadius(5.0 * r));
+    auto targetFeatures =
+        o3r::ComputeFPFHFeature(*targetDown, o3g::KDTreeSearchParamRadius(5.0 * r));
+    auto sourceFeatures =
+        o3r::ComputeFPFHFeature(*sourceDown, o3g::KDTreeSearchParamRadius(5.0 * r));
     o3r::RegistrationResult result;
     if (fgr) {
       o3r::FastGlobalRegistrationOption option;
       option.maximum_correspondence_distance_ = 0.5 * r;
-      result = o3r::FastGlobalRegistrationBasedOnFeatureMatching(*sourceDown, *targetDown,
-                                                                 *sourceFeatures, *targetFeatures,
-                                                                 option);
+      result = o3r::FastGlobalRegistrationBasedOnFeatureMatching(
+          *sourceDown, *targetDown, *sourceFeatures, *targetFeatures, option);
     } else {
       o3r::CorrespondenceCheckerBasedOnEdgeLength edgeLength(0.9);
       o3r::CorrespondenceCheckerBasedOnDistance distance(1.5 * r);
       result = o3r::RegistrationRANSACBasedOnFeatureMatching(
-          *sourceDown, *targetDown, *sourceFeatures, *targetFeatures, true, 1.5 * r,
-          o3r::TransformationEstimationPointToPoint(false), 3, {edgeLength, distance},
+          *sourceDown,
+          *targetDown,
+          *sourceFeatures,
+          *targetFeatures,
+          true,
+          1.5 * r,
+          o3r::TransformationEstimationPointToPoint(false),
+          3,
+          {edgeLength, distance},
           o3r::RANSACConvergenceCriteria(100000, 0.999));
     }
     RegOutcome out;
     out.seconds = watch.seconds();
     for (int row = 0; row < 3; ++row) {
-      for (int col = 0; col < 4; ++col) out.transform[4 * row + col] = result.transformation_(row, col);
+      for (int col = 0; col < 4; ++col)
+        out.transform[4 * row + col] = result.transformation_(row, col);
     }
     out.note = std::to_string(result.correspondence_set_.size()) + " correspondences";
     return out;
   }
 
  private:
-
   static int64_t Sum(const std::vector<int64_t>& v) {
     int64_t s = 0;
     for (int64_t x : v) s += x;

@@ -5,8 +5,6 @@
 // looked up on its own, so an export that is not there yet only blanks its own rows. The KD-tree
 // rows use the internal tree directly (the C interface has no tree of its own).
 
-#include <dlfcn.h>
-
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -17,20 +15,22 @@
 #include "peers.hpp"
 #include "search/kd_tree.hpp"
 
+#include <dlfcn.h>
+
 namespace qorv::peers {
 namespace {
 
-#define QORV_PEERS_EXPORTS(X)                                                                      \
-  X(QorvCreateInstance)                                                                            \
-  X(QorvDestroyInstance)                                                                           \
-  X(QorvEnableMultiThread)                                                                         \
-  X(QorvDisableMultiThread)                                                                        \
-  X(QorvReadPointsFromASC)                                                                         \
-  X(QorvComputeNormals)                                                                            \
-  X(QorvVoxelFilter)                                                                               \
-  X(QorvSORFilter)                                                                                 \
-  X(QorvDetectAndCompute)                                                                          \
-  X(QorvRansacMatchKeyPoints)                                                                      \
+#define QORV_PEERS_EXPORTS(X) \
+  X(QorvCreateInstance)       \
+  X(QorvDestroyInstance)      \
+  X(QorvEnableMultiThread)    \
+  X(QorvDisableMultiThread)   \
+  X(QorvReadPointsFromASC)    \
+  X(QorvComputeNormals)       \
+  X(QorvVoxelFilter)          \
+  X(QorvSORFilter)            \
+  X(QorvDetectAndCompute)     \
+  X(QorvRansacMatchKeyPoints) \
   X(QorvMatchPairPointCloud)
 
 struct Api {
@@ -121,8 +121,8 @@ class OursSide final : public Side {
         std::vector<int64_t> found(p.threads, 0);
         Stopwatch watch;
         ForEachPoint(n, p.threads, [&](int64_t i, int w) {
-          found[w] += static_cast<int64_t>(
-              tree_->knnSearch(pts + 3 * i, k, idx[w].data(), dist[w].data()));
+          found[w] +=
+              static_cast<int64_t>(tree_->knnSearch(pts + 3 * i, k, idx[w].data(), dist[w].data()));
         });
         const double t = watch.seconds();
         return Timed(t, Sum(found));
@@ -145,7 +145,8 @@ class OursSide final : public Side {
         if (api_.QorvComputeNormals == nullptr) return Missing("QorvComputeNormals");
         std::vector<float> normals(points_.size());
         Stopwatch watch;
-        const QorvResult r = api_.QorvComputeNormals(inst_, pts, normals.data(), n, 0, p.searchRadius);
+        const QorvResult r =
+            api_.QorvComputeNormals(inst_, pts, normals.data(), n, 0, p.searchRadius);
         const double t = watch.seconds();
         if (r != QORV_OK) return Failed("QorvComputeNormals", r);
         return Timed(t, n);
@@ -163,7 +164,8 @@ class OursSide final : public Side {
         if (api_.QorvSORFilter == nullptr) return Missing("QorvSORFilter");
         int64_t kept = 0;
         Stopwatch watch;
-        const QorvResult r = api_.QorvSORFilter(inst_, pts, n, p.sorK, p.sorStd, CountIndices, &kept);
+        const QorvResult r =
+            api_.QorvSORFilter(inst_, pts, n, p.sorK, p.sorStd, CountIndices, &kept);
         const double t = watch.seconds();
         if (r != QORV_OK) return Failed("QorvSORFilter", r);
         return Timed(t, kept);
@@ -194,7 +196,8 @@ class OursSide final : public Side {
         if (api_.QorvReadPointsFromASC == nullptr) return Missing("QorvReadPointsFromASC");
         int64_t count = 0;
         Stopwatch watch;
-        const QorvResult r = api_.QorvReadPointsFromASC(inst_, p.filePath.c_str(), CountAsc, &count);
+        const QorvResult r =
+            api_.QorvReadPointsFromASC(inst_, p.filePath.c_str(), CountAsc, &count);
         const double t = watch.seconds();
         if (r != QORV_OK) return Failed("QorvReadPointsFromASC", r);
         return Timed(t, count);
@@ -203,9 +206,7 @@ class OursSide final : public Side {
     return NotApplicable("unknown operation");
   }
 
-  std::vector<std::string> registrationMethods() const override {
-    return {"one call"};
-  }
+  std::vector<std::string> registrationMethods() const override { return {"one call"}; }
 
   RegOutcome registerPair(const Cloud& first,
                           const Cloud& second,
@@ -222,10 +223,19 @@ class OursSide final : public Side {
     double transform[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
     int64_t matches = 0;
     Stopwatch watch;
-    const QorvResult r = api_.QorvMatchPairPointCloud(
-        inst_, first.xyz.data(), nullptr, static_cast<int32_t>(first.size()), second.xyz.data(),
-        nullptr, static_cast<int32_t>(second.size()), transform, -1.0f,
-        static_cast<float>(p.resolution), kRansacIterations, CountMatches, &matches);
+    const QorvResult r = api_.QorvMatchPairPointCloud(inst_,
+                                                      first.xyz.data(),
+                                                      nullptr,
+                                                      static_cast<int32_t>(first.size()),
+                                                      second.xyz.data(),
+                                                      nullptr,
+                                                      static_cast<int32_t>(second.size()),
+                                                      transform,
+                                                      -1.0f,
+                                                      static_cast<float>(p.resolution),
+                                                      kRansacIterations,
+                                                      CountMatches,
+                                                      &matches);
     out.seconds = watch.seconds();
     if (r != QORV_OK) {
       out.status = Outcome::kFailed;
@@ -262,16 +272,28 @@ class OursSide final : public Side {
     if (!normals_.empty()) return true;
     if (api_.QorvComputeNormals == nullptr) return false;
     normals_.assign(points_.size(), 0.0f);
-    return api_.QorvComputeNormals(inst_, points_.data(), normals_.data(),
-                                   static_cast<int32_t>(points_.size() / 3), 0,
+    return api_.QorvComputeNormals(inst_,
+                                   points_.data(),
+                                   normals_.data(),
+                                   static_cast<int32_t>(points_.size() / 3),
+                                   0,
                                    p.searchRadius) == QORV_OK;
   }
 
   QorvResult detect(const Params& p, float descriptorRadius, int64_t* keyPoints) {
-    return api_.QorvDetectAndCompute(inst_, points_.data(), normals_.data(),
-                                     static_cast<int32_t>(points_.size() / 3), p.salientRadius,
-                                     p.nonMaxRadius, descriptorRadius, descriptorRadius, p.gamma21,
-                                     p.gamma32, 0, CountKeyPoints, keyPoints);
+    return api_.QorvDetectAndCompute(inst_,
+                                     points_.data(),
+                                     normals_.data(),
+                                     static_cast<int32_t>(points_.size() / 3),
+                                     p.salientRadius,
+                                     p.nonMaxRadius,
+                                     descriptorRadius,
+                                     descriptorRadius,
+                                     p.gamma21,
+                                     p.gamma32,
+                                     0,
+                                     CountKeyPoints,
+                                     keyPoints);
   }
 
   void* handle_ = nullptr;

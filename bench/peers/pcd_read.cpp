@@ -5,16 +5,16 @@
 // (pcl::io::loadPCDFile into a PCLPointCloud2: decoded, no field conversion), in turns; prints the
 // median of each.
 // usage: qorv_pcd_read FILE.pcd [runs]
-#include <qorv/engine_io.h>
-
-#include <pcl/io/pcd_io.h>
-#include <pcl/PCLPointCloud2.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
+
+#include <qorv/engine_io.h>
+
+#include <pcl/PCLPointCloud2.h>
+#include <pcl/io/pcd_io.h>
 
 int main(int argc, char** argv) {
   if (argc < 2) {
@@ -33,16 +33,25 @@ int main(int argc, char** argv) {
     }
     oursPoints = static_cast<size_t>(data->count);
     QorvEngineFreeCloud(data);
-    ours.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+    ours.push_back(
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+            .count());
     start = std::chrono::steady_clock::now();
     pcl::PCLPointCloud2 cloud;
     if (pcl::io::loadPCDFile(argv[1], cloud) != 0) return 1;
     pclPoints = static_cast<size_t>(cloud.width) * cloud.height;
-    pcl.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+    pcl.push_back(
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+            .count());
   }
   std::sort(ours.begin(), ours.end());
   std::sort(pcl.begin(), pcl.end());
-  std::printf("%s: Qorv %.1f ms (%zu points), PCL %.1f ms (%zu points), PCL / Qorv %.2f\n", argv[1],
-              ours[ours.size() / 2], oursPoints, pcl[pcl.size() / 2], pclPoints, pcl[pcl.size() / 2] / ours[ours.size() / 2]);
+  std::printf("%s: Qorv %.1f ms (%zu points), PCL %.1f ms (%zu points), PCL / Qorv %.2f\n",
+              argv[1],
+              ours[ours.size() / 2],
+              oursPoints,
+              pcl[pcl.size() / 2],
+              pclPoints,
+              pcl[pcl.size() / 2] / ours[ours.size() / 2]);
   return 0;
 }

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "peers.hpp"
+
 #include <pcl/features/fpfh_omp.h>
 #include <pcl/features/normal_3d_omp.h>
 #include <pcl/filters/statistical_outlier_removal.h>
@@ -20,8 +22,6 @@
 #include <pcl/point_types.h>
 #include <pcl/registration/sample_consensus_prerejective.h>
 #include <pcl/search/kdtree.h>
-
-#include "peers.hpp"
 
 namespace qorv::peers {
 namespace {

@@ -42,10 +42,10 @@ enum class Op {
 // Every length below is fixed once from the cloud's mean nearest-neighbour spacing s.
 struct Params {
   int threads = 1;
-  double spacing = 0.0;        // s
-  int k = 10;                  // k-nearest
-  float searchRadius = 0.0f;   // radius search and normals: 3 s
-  float voxelSize = 0.0f;      // 2 s
+  double spacing = 0.0;       // s
+  int k = 10;                 // k-nearest
+  float searchRadius = 0.0f;  // radius search and normals: 3 s
+  float voxelSize = 0.0f;     // 2 s
   int sorK = 50;
   float sorStd = 3.4f;
   float salientRadius = 0.0f;  // key points: 6 s

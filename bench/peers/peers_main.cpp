@@ -3,8 +3,8 @@
 //
 // Driver of the Qorv / PCL / Open3D comparison.
 //
-//   qorv_peers --threads N --out results_N.tsv [options]   measure at N threads, one TSV line a cell
-//   qorv_peers --table results_1.tsv results_2.tsv [--md FILE]   print the markdown table
+//   qorv_peers --threads N --out results_N.tsv [options]   measure at N threads, one TSV line a
+//   cell qorv_peers --table results_1.tsv results_2.tsv [--md FILE]   print the markdown table
 //
 // Run one measuring process per thread count (OMP_NUM_THREADS=N in its environment): Open3D reads
 // its thread count from OpenMP, PCL's OMP classes and Qorv get N explicitly. Qorv's log lines go
@@ -20,13 +20,14 @@
 #include <random>
 #include <sstream>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 #include <omp.h>
 
 #include "peers.hpp"
 #include "search/kd_tree.hpp"
+
+#include <sys/stat.h>
 
 namespace qorv::peers {
 namespace {
@@ -54,10 +55,16 @@ struct OpInfo {
 };
 
 const OpInfo kOps[] = {
-    {Op::kKdBuild, "kd"},        {Op::kKnn, "knn"},           {Op::kRadius, "radius"},
-    {Op::kNormals, "normals"},   {Op::kVoxel, "voxel"},       {Op::kSor, "sor"},
-    {Op::kKeypoints, "keypoints"}, {Op::kDescriptors, "descriptors"},
-    {Op::kDetectDescribe, "detect"}, {Op::kReadFile, "read"},
+    {Op::kKdBuild, "kd"},
+    {Op::kKnn, "knn"},
+    {Op::kRadius, "radius"},
+    {Op::kNormals, "normals"},
+    {Op::kVoxel, "voxel"},
+    {Op::kSor, "sor"},
+    {Op::kKeypoints, "keypoints"},
+    {Op::kDescriptors, "descriptors"},
+    {Op::kDetectDescribe, "detect"},
+    {Op::kReadFile, "read"},
 };
 
 bool Listed(const std::string& list, const std::string& key) {
@@ -69,7 +76,8 @@ bool Listed(const std::string& list, const std::string& key) {
   return false;
 }
 
-// ---- Data ----------------------------------------------------------------------------------------
+// ---- Data
+// ----------------------------------------------------------------------------------------
 
 // x y z lines; anything after the third number of a line is ignored.
 Cloud LoadXyz(const std::string& path, const std::string& name) {
@@ -160,7 +168,8 @@ void WriteXyz(const Cloud& cloud, const std::string& path) {
   FILE* f = std::fopen(path.c_str(), "w");
   if (f == nullptr) return;
   for (int64_t i = 0; i < cloud.size(); ++i) {
-    std::fprintf(f, "%.6f %.6f %.6f\n", cloud.xyz[3 * i], cloud.xyz[3 * i + 1], cloud.xyz[3 * i + 2]);
+    std::fprintf(
+        f, "%.6f %.6f %.6f\n", cloud.xyz[3 * i], cloud.xyz[3 * i + 1], cloud.xyz[3 * i + 2]);
   }
   std::fclose(f);
 }
@@ -173,7 +182,8 @@ std::string LoadAverage() {
   return first.empty() ? "?" : first;
 }
 
-// ---- Records -------------------------------------------------------------------------------------
+// ---- Records
+// -------------------------------------------------------------------------------------
 
 struct Record {
   std::string op;
@@ -226,10 +236,14 @@ bool ReadRecord(const std::string& line, Record& r) {
 
 const char* StatusName(Outcome::Status s) {
   switch (s) {
-    case Outcome::kOk: return "ok";
-    case Outcome::kMissing: return "missing";
-    case Outcome::kNotApplicable: return "n/a";
-    case Outcome::kFailed: return "failed";
+    case Outcome::kOk:
+      return "ok";
+    case Outcome::kMissing:
+      return "missing";
+    case Outcome::kNotApplicable:
+      return "n/a";
+    case Outcome::kFailed:
+      return "failed";
   }
   return "failed";
 }
@@ -300,7 +314,8 @@ std::vector<Record> Measure(std::vector<std::unique_ptr<Side>>& sides,
   return records;
 }
 
-// ---- View pairs ----------------------------------------------------------------------------------
+// ---- View pairs
+// ----------------------------------------------------------------------------------
 
 struct Rigid {
   double r[9];
@@ -324,9 +339,15 @@ Rigid RandomMotion(std::mt19937& rng, double diagonal) {
   const double s = std::sin(angle);
   const double x = axis[0], y = axis[1], z = axis[2];
   Rigid m;
-  const double r[9] = {c + x * x * (1 - c),     x * y * (1 - c) - z * s, x * z * (1 - c) + y * s,
-                       y * x * (1 - c) + z * s, c + y * y * (1 - c),     y * z * (1 - c) - x * s,
-                       z * x * (1 - c) - y * s, z * y * (1 - c) + x * s, c + z * z * (1 - c)};
+  const double r[9] = {c + x * x * (1 - c),
+                       x * y * (1 - c) - z * s,
+                       x * z * (1 - c) + y * s,
+                       y * x * (1 - c) + z * s,
+                       c + y * y * (1 - c),
+                       y * z * (1 - c) - x * s,
+                       z * x * (1 - c) - y * s,
+                       z * y * (1 - c) + x * s,
+                       c + z * z * (1 - c)};
   std::copy(r, r + 9, m.r);
   double dir[3] = {gauss(rng), gauss(rng), gauss(rng)};
   const double dlen = std::sqrt(dir[0] * dir[0] + dir[1] * dir[1] + dir[2] * dir[2]);
@@ -349,7 +370,8 @@ std::vector<ViewPair> MakeViewPairs(const Cloud& scan, double spacing, int count
     const double len = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
     double lo = 1e300, hi = -1e300;
     for (int64_t i = 0; i < scan.size(); ++i) {
-      const double t = (scan.xyz[3 * i] * d[0] + scan.xyz[3 * i + 1] * d[1] + scan.xyz[3 * i + 2] * d[2]) / len;
+      const double t =
+          (scan.xyz[3 * i] * d[0] + scan.xyz[3 * i + 1] * d[1] + scan.xyz[3 * i + 2] * d[2]) / len;
       lo = std::min(lo, t);
       hi = std::max(hi, t);
     }
@@ -364,9 +386,9 @@ std::vector<ViewPair> MakeViewPairs(const Cloud& scan, double spacing, int count
       if (t > lo + 0.3 * (hi - lo)) {
         const double q[3] = {p[0] + noise(rng), p[1] + noise(rng), p[2] + noise(rng)};
         for (int row = 0; row < 3; ++row) {
-          pair.second.xyz.push_back(static_cast<float>(motion.r[3 * row] * q[0] +
-                                                       motion.r[3 * row + 1] * q[1] +
-                                                       motion.r[3 * row + 2] * q[2] + motion.t[row]));
+          pair.second.xyz.push_back(
+              static_cast<float>(motion.r[3 * row] * q[0] + motion.r[3 * row + 1] * q[1] +
+                                 motion.r[3 * row + 2] * q[2] + motion.t[row]));
         }
       }
     }
@@ -375,8 +397,9 @@ std::vector<ViewPair> MakeViewPairs(const Cloud& scan, double spacing, int count
       for (int col = 0; col < 3; ++col) pair.truth.r[3 * row + col] = motion.r[3 * col + row];
     }
     for (int row = 0; row < 3; ++row) {
-      pair.truth.t[row] = -(pair.truth.r[3 * row] * motion.t[0] + pair.truth.r[3 * row + 1] * motion.t[1] +
-                            pair.truth.r[3 * row + 2] * motion.t[2]);
+      pair.truth.t[row] =
+          -(pair.truth.r[3 * row] * motion.t[0] + pair.truth.r[3 * row + 1] * motion.t[1] +
+            pair.truth.r[3 * row + 2] * motion.t[2]);
     }
     pairs.push_back(std::move(pair));
   }
@@ -384,7 +407,10 @@ std::vector<ViewPair> MakeViewPairs(const Cloud& scan, double spacing, int count
 }
 
 // Rotation angle (degrees) and translation distance between an estimate and the truth.
-void PoseError(const std::array<double, 12>& m, const Rigid& truth, double& angleDeg, double& shift) {
+void PoseError(const std::array<double, 12>& m,
+               const Rigid& truth,
+               double& angleDeg,
+               double& shift) {
   double trace = 0.0;  // trace(R_est * R_true^T)
   for (int row = 0; row < 3; ++row) {
     for (int col = 0; col < 3; ++col) trace += m[4 * row + col] * truth.r[3 * row + col];
@@ -403,7 +429,8 @@ void PoseError(const std::array<double, 12>& m, const Rigid& truth, double& angl
   }
 }
 
-// ---- Measuring run -------------------------------------------------------------------------------
+// ---- Measuring run
+// -------------------------------------------------------------------------------
 
 int RunMeasurements(const Options& opt) {
   omp_set_num_threads(opt.threads);
@@ -459,9 +486,16 @@ int RunMeasurements(const Options& opt) {
       for (Record& rec : Measure(sides, info.op, p, opt.budget)) {
         rec.op = info.key;
         rec.cloud = job.cloud->name;
-        std::fprintf(stderr, "[%d thr] %-12s %-16s %-7s %s %.4g s (%d runs) count %lld\n", opt.threads,
-                     info.key, job.cloud->name.c_str(), rec.side.c_str(), rec.status.c_str(),
-                     rec.median, rec.reps, static_cast<long long>(rec.count));
+        std::fprintf(stderr,
+                     "[%d thr] %-12s %-16s %-7s %s %.4g s (%d runs) count %lld\n",
+                     opt.threads,
+                     info.key,
+                     job.cloud->name.c_str(),
+                     rec.side.c_str(),
+                     rec.status.c_str(),
+                     rec.median,
+                     rec.reps,
+                     static_cast<long long>(rec.count));
         WriteRecord(out, rec);
       }
     }
@@ -489,7 +523,8 @@ int RunMeasurements(const Options& opt) {
         int successes = 0;
         std::string lastNote;
         for (size_t k = 0; k < pairs.size(); ++k) {
-          const RegOutcome o = side->registerPair(pairs[k].first, pairs[k].second, rp, static_cast<int>(m));
+          const RegOutcome o =
+              side->registerPair(pairs[k].first, pairs[k].second, rp, static_cast<int>(m));
           if (o.status != Outcome::kOk) {
             rec.status = StatusName(o.status);
             lastNote = o.note;
@@ -502,9 +537,17 @@ int RunMeasurements(const Options& opt) {
           successes += ok ? 1 : 0;
           times.push_back(o.seconds);
           angles.push_back(angle);
-          std::fprintf(stderr, "[%d thr] register %s %s pair %zu: %.3f s, %.2f deg, shift %.4g%s (%s)\n",
-                       opt.threads, side->name().c_str(), methods[m].c_str(), k, o.seconds, angle,
-                       shift / diagonal, ok ? " ok" : " FAIL", o.note.c_str());
+          std::fprintf(stderr,
+                       "[%d thr] register %s %s pair %zu: %.3f s, %.2f deg, shift %.4g%s (%s)\n",
+                       opt.threads,
+                       side->name().c_str(),
+                       methods[m].c_str(),
+                       k,
+                       o.seconds,
+                       angle,
+                       shift / diagonal,
+                       ok ? " ok" : " FAIL",
+                       o.note.c_str());
         }
         if (!times.empty()) {
           rec.reps = static_cast<int>(times.size());
@@ -513,8 +556,13 @@ int RunMeasurements(const Options& opt) {
           rec.max = *std::max_element(times.begin(), times.end());
           rec.count = successes;
           char buf[160];
-          std::snprintf(buf, sizeof buf, "%s: %d/%zu within 5 deg and 5%% of the diagonal (median error %.1f deg)",
-                        methods[m].c_str(), successes, times.size(), Median(angles));
+          std::snprintf(buf,
+                        sizeof buf,
+                        "%s: %d/%zu within 5 deg and 5%% of the diagonal (median error %.1f deg)",
+                        methods[m].c_str(),
+                        successes,
+                        times.size(),
+                        Median(angles));
           rec.note = buf;
         } else {
           rec.note = lastNote;
@@ -548,7 +596,8 @@ int RunMeasurements(const Options& opt) {
   return 0;
 }
 
-// ---- Table ---------------------------------------------------------------------------------------
+// ---- Table
+// ---------------------------------------------------------------------------------------
 
 std::string FormatSeconds(double s) {
   char buf[64];
@@ -600,7 +649,10 @@ const char* OpLabel(const std::string& op) {
   return it == labels.end() ? op.c_str() : it->second;
 }
 
-std::string CountNote(const std::string& op, const Record* ours, const Record* pcl, const Record* o3d) {
+std::string CountNote(const std::string& op,
+                      const Record* ours,
+                      const Record* pcl,
+                      const Record* o3d) {
   auto c = [](const Record* r) -> std::string {
     if (r == nullptr || r->status != "ok" || r->count < 0) return "-";
     return std::to_string(r->count);
@@ -614,7 +666,7 @@ std::string CountNote(const std::string& op, const Record* ours, const Record* p
     };
     return "succeeded: Qorv " + s(ours) + ", PCL " + s(pcl) + ", Open3D " + s(o3d);
   }
-  const char* what = op == "knn" || op == "radius" ? "neighbours found"
+  const char* what = op == "knn" || op == "radius"  ? "neighbours found"
                      : op == "voxel" || op == "sor" ? "points kept"
                      : op == "descriptors"          ? "descriptors"
                                                     : "key points";
@@ -647,7 +699,8 @@ int PrintTable(const Options& opt) {
   for (const Record& r : records) {
     const auto key = std::make_pair(r.op, r.cloud);
     if (std::find(rows.begin(), rows.end(), key) == rows.end()) rows.push_back(key);
-    if (std::find(threads.begin(), threads.end(), r.threads) == threads.end()) threads.push_back(r.threads);
+    if (std::find(threads.begin(), threads.end(), r.threads) == threads.end())
+      threads.push_back(r.threads);
   }
   std::sort(threads.begin(), threads.end());
   auto find = [&](const std::string& op, const std::string& cloud, int t, const std::string& side) {
@@ -659,7 +712,8 @@ int PrintTable(const Options& opt) {
 
   std::ostringstream md;
   std::ostringstream losses;
-  md << "| operation | cloud | threads | Qorv | PCL | PCL / Qorv | Open3D | Open3D / Qorv | notes |\n";
+  md << "| operation | cloud | threads | Qorv | PCL | PCL / Qorv | Open3D | Open3D / Qorv | notes "
+        "|\n";
   md << "|---|---|---|---|---|---|---|---|---|\n";
   for (const auto& [op, cloud] : rows) {
     for (int t : threads) {
@@ -681,13 +735,13 @@ int PrintTable(const Options& opt) {
         return Ratio(peer, ours);
       };
       md << "| " << OpLabel(op) << " | " << cloud << " | " << t << " | " << Cell(ours) << " | "
-         << Cell(pcl) << " | " << ratio(pcl) << " | " << Cell(o3d) << " | " << ratio(o3d)
-         << " | " << CountNote(op, ours, pcl, o3d) << " |\n";
+         << Cell(pcl) << " | " << ratio(pcl) << " | " << Cell(o3d) << " | " << ratio(o3d) << " | "
+         << CountNote(op, ours, pcl, o3d) << " |\n";
       for (const Record* peer : {pcl, o3d}) {
         const std::string ratio = Ratio(peer, ours);
         if (ratio != "-" && std::strtod(ratio.c_str(), nullptr) < 1.0) {
-          losses << "- " << OpLabel(op) << ", " << cloud << ", " << t << " thread(s): " << peer->side
-                 << " takes " << ratio << " of Qorv's time\n";
+          losses << "- " << OpLabel(op) << ", " << cloud << ", " << t
+                 << " thread(s): " << peer->side << " takes " << ratio << " of Qorv's time\n";
         }
       }
     }
@@ -695,59 +749,86 @@ int PrintTable(const Options& opt) {
   const double s = std::strtod(params["spacing"].c_str(), nullptr);
   const double r = std::strtod(params["regResolution"].c_str(), nullptr);
   char head[512];
-  std::snprintf(head, sizeof head,
-                "Median wall time of several runs (min–max in brackets); ratios above 1 mean Qorv is "
-                "faster. s = %.6g (mean nearest-neighbour spacing of dragon_res2); registration "
-                "resolution r = %.6g.\n",
-                s, r);
-  std::string load = "One-minute load average of the machine (2 cores) at the start and end of each "
-                     "measuring run:";
+  std::snprintf(
+      head,
+      sizeof head,
+      "Median wall time of several runs (min–max in brackets); ratios above 1 mean Qorv is "
+      "faster. s = %.6g (mean nearest-neighbour spacing of dragon_res2); registration "
+      "resolution r = %.6g.\n",
+      s,
+      r);
+  std::string load =
+      "One-minute load average of the machine (2 cores) at the start and end of each "
+      "measuring run:";
   for (int t : threads) {
     const std::string k = "load" + std::to_string(t);
-    load += " " + std::to_string(t) + " thread(s) " + params[k + "start"] + " -> " + params[k + "end"] + ";";
+    load += " " + std::to_string(t) + " thread(s) " + params[k + "start"] + " -> " +
+            params[k + "end"] + ";";
   }
   load.back() = '.';
   load += "\n\n";
   std::ostringstream text;
-  text << "\nWhat each cell runs (the same cloud, parameters and thread count for all three; "
-          "conversion into each library's types is outside the timing):\n\n```text\n"
-       << "KD-tree build       Qorv: internal PointKdTree (leaf 10) | PCL: KdTreeFLANN<PointXYZ>(sorted=false)."
-          "setInputCloud | Open3D: KDTreeFlann::SetGeometry (nanoflann, double coordinates)\n"
-       << "k-nearest, radius   the same OpenMP loop over all points (static chunks) calling knnSearch / "
-          "radiusSearch(unsorted) | nearestKSearch / radiusSearch | SearchKNN / SearchRadius\n"
-       << "normals             QorvComputeNormals(radius 3 s) | NormalEstimationOMP(threads).setRadiusSearch(3 s), "
-          "search::KdTree | PointCloud::EstimateNormals(KDTreeSearchParamRadius(3 s)); tree build included\n"
-       << "voxel filter        QorvVoxelFilter(leaf 2 s): keeps the input point nearest each voxel centre and "
-          "drops the voxel with the largest key | VoxelGrid(2 s) and VoxelDownSample(2 s): centroid of each "
-          "voxel (a new point); all three single-threaded\n"
-       << "outlier removal     QorvSORFilter(50, 3.4) | StatisticalOutlierRemoval.setMeanK(50)."
-          "setStddevMulThresh(3.4) (single-threaded) | RemoveStatisticalOutliers(50, 3.4)\n"
-       << "key points          QorvDetectAndCompute(keyPointRadius 6 s, nonMaxRadius 4 s, ratio21 = ratio32 = "
-          "0.975, maxKeyPoints 0) with featureRadius = histogramRadius = 0 (descriptors skipped; at least 9 "
-          "neighbours) | ISSKeypoint3D(salient 6 s, non-max 4 s, 0.975, 0.975, min neighbours 9, threads) | "
-          "ComputeISSKeypoints(6 s, 4 s, 0.975, 0.975, 9)\n"
-       << "descriptors         Qorv: QorvDetectAndCompute with featureRadius = histogramRadius = 5 s minus the "
-          "detection-only run | FPFHEstimationOMP(threads, radius 5 s) at the ISS key points, full cloud as "
-          "search surface | ComputeFPFHFeature(KDTreeSearchParamRadius(5 s)) for EVERY point (0.16 has no "
-          "index selection); input normals precomputed, radius 3 s\n"
-       << "key points + desc.  the two rows above in one timed call each\n"
-       << "read text file      QorvReadPointsFromASC | pcl::ASCIIReader (fields x y z) read into "
-          "PointCloud<PointXYZ> | io::ReadPointCloud(format \"xyz\"); the file is in the page cache\n"
-       << "registration        view pairs cut from dragon_res2 (lower/upper 70 % across a direction, the "
-          "second with 0.2 s Gaussian noise, moved 30-90 degrees and half a diagonal); success = rotation error "
-          "< 5 degrees and translation error < 5 % of the diagonal; one run per pair, time over pairs.\n"
-       << "                    Qorv: QorvMatchPairPointCloud(resolution r, kernelScale -1 -> RANSAC, 100000 "
-          "iterations, cross check on); its chain is outlier removal, smoothing, voxel r, normals 2 r, key points "
-          "2 r with ratios 0.01, descriptors r / 5 r.\n"
-       << "                    PCL: VoxelGrid(r), NormalEstimationOMP(2 r), FPFHEstimationOMP(5 r), "
-          "SampleConsensusPrerejective(20000 iterations, 3 samples, randomness 5, similarity 0.9, max "
-          "correspondence distance 1.5 r, inlier fraction 0.25).\n"
-       << "                    Open3D: VoxelDownSample(r), EstimateNormals(radius 2 r), ComputeFPFHFeature(radius "
-          "5 r), RegistrationRANSACBasedOnFeatureMatching(mutual filter, 1.5 r, point-to-point, 3, "
-          "[EdgeLength 0.9, Distance 1.5 r], RANSACConvergenceCriteria(100000, 0.999)); FGR: "
-          "FastGlobalRegistrationBasedOnFeatureMatching(maximum correspondence distance 0.5 r).\n"
-       << "threads             1: Qorv single-threaded variant, OMP_NUM_THREADS=1; 2: Qorv multi-threaded "
-          "variant, OMP_NUM_THREADS=2, PCL OMP classes setNumberOfThreads(2).\n```\n";
+  text
+      << "\nWhat each cell runs (the same cloud, parameters and thread count for all three; "
+         "conversion into each library's types is outside the timing):\n\n```text\n"
+      << "KD-tree build       Qorv: internal PointKdTree (leaf 10) | PCL: "
+         "KdTreeFLANN<PointXYZ>(sorted=false)."
+         "setInputCloud | Open3D: KDTreeFlann::SetGeometry (nanoflann, double coordinates)\n"
+      << "k-nearest, radius   the same OpenMP loop over all points (static chunks) calling "
+         "knnSearch / "
+         "radiusSearch(unsorted) | nearestKSearch / radiusSearch | SearchKNN / SearchRadius\n"
+      << "normals             QorvComputeNormals(radius 3 s) | "
+         "NormalEstimationOMP(threads).setRadiusSearch(3 s), "
+         "search::KdTree | PointCloud::EstimateNormals(KDTreeSearchParamRadius(3 s)); tree build "
+         "included\n"
+      << "voxel filter        QorvVoxelFilter(leaf 2 s): keeps the input point nearest each voxel "
+         "centre and "
+         "drops the voxel with the largest key | VoxelGrid(2 s) and VoxelDownSample(2 s): centroid "
+         "of each "
+         "voxel (a new point); all three single-threaded\n"
+      << "outlier removal     QorvSORFilter(50, 3.4) | StatisticalOutlierRemoval.setMeanK(50)."
+         "setStddevMulThresh(3.4) (single-threaded) | RemoveStatisticalOutliers(50, 3.4)\n"
+      << "key points          QorvDetectAndCompute(keyPointRadius 6 s, nonMaxRadius 4 s, ratio21 = "
+         "ratio32 = "
+         "0.975, maxKeyPoints 0) with featureRadius = histogramRadius = 0 (descriptors skipped; at "
+         "least 9 "
+         "neighbours) | ISSKeypoint3D(salient 6 s, non-max 4 s, 0.975, 0.975, min neighbours 9, "
+         "threads) | "
+         "ComputeISSKeypoints(6 s, 4 s, 0.975, 0.975, 9)\n"
+      << "descriptors         Qorv: QorvDetectAndCompute with featureRadius = histogramRadius = 5 "
+         "s minus the "
+         "detection-only run | FPFHEstimationOMP(threads, radius 5 s) at the ISS key points, full "
+         "cloud as "
+         "search surface | ComputeFPFHFeature(KDTreeSearchParamRadius(5 s)) for EVERY point (0.16 "
+         "has no "
+         "index selection); input normals precomputed, radius 3 s\n"
+      << "key points + desc.  the two rows above in one timed call each\n"
+      << "read text file      QorvReadPointsFromASC | pcl::ASCIIReader (fields x y z) read into "
+         "PointCloud<PointXYZ> | io::ReadPointCloud(format \"xyz\"); the file is in the page "
+         "cache\n"
+      << "registration        view pairs cut from dragon_res2 (lower/upper 70 % across a "
+         "direction, the "
+         "second with 0.2 s Gaussian noise, moved 30-90 degrees and half a diagonal); success = "
+         "rotation error "
+         "< 5 degrees and translation error < 5 % of the diagonal; one run per pair, time over "
+         "pairs.\n"
+      << "                    Qorv: QorvMatchPairPointCloud(resolution r, kernelScale -1 -> "
+         "RANSAC, 100000 "
+         "iterations, cross check on); its chain is outlier removal, smoothing, voxel r, normals 2 "
+         "r, key points "
+         "2 r with ratios 0.01, descriptors r / 5 r.\n"
+      << "                    PCL: VoxelGrid(r), NormalEstimationOMP(2 r), FPFHEstimationOMP(5 r), "
+         "SampleConsensusPrerejective(20000 iterations, 3 samples, randomness 5, similarity 0.9, "
+         "max "
+         "correspondence distance 1.5 r, inlier fraction 0.25).\n"
+      << "                    Open3D: VoxelDownSample(r), EstimateNormals(radius 2 r), "
+         "ComputeFPFHFeature(radius "
+         "5 r), RegistrationRANSACBasedOnFeatureMatching(mutual filter, 1.5 r, point-to-point, 3, "
+         "[EdgeLength 0.9, Distance 1.5 r], RANSACConvergenceCriteria(100000, 0.999)); FGR: "
+         "FastGlobalRegistrationBasedOnFeatureMatching(maximum correspondence distance 0.5 r).\n"
+      << "threads             1: Qorv single-threaded variant, OMP_NUM_THREADS=1; 2: Qorv "
+         "multi-threaded "
+         "variant, OMP_NUM_THREADS=2, PCL OMP classes setNumberOfThreads(2).\n```\n";
   std::string lossText = losses.str();
   lossText = lossText.empty() ? "\nQorv is the fastest in every measured cell.\n"
                               : "\nCells where a peer is faster than Qorv:\n\n" + lossText;
@@ -770,19 +851,32 @@ bool ParseArgs(int argc, char** argv, Options& opt) {
       }
       return argv[++i];
     };
-    if (a == "--threads") opt.threads = std::atoi(next().c_str());
-    else if (a == "--out") opt.out = next();
-    else if (a == "--library") opt.library = next();
-    else if (a == "--data") opt.dataDir = next();
-    else if (a == "--work") opt.workDir = next();
-    else if (a == "--sides") opt.sides = next();
-    else if (a == "--ops") opt.ops = next();
-    else if (a == "--large-ops") opt.largeOps = next();
-    else if (a == "--budget") opt.budget = std::atof(next().c_str());
-    else if (a == "--large") opt.largePoints = std::atoll(next().c_str());
-    else if (a == "--pairs") opt.pairs = std::atoi(next().c_str());
-    else if (a == "--reg-factor") opt.regFactor = std::atof(next().c_str());
-    else if (a == "--md") opt.md = next();
+    if (a == "--threads")
+      opt.threads = std::atoi(next().c_str());
+    else if (a == "--out")
+      opt.out = next();
+    else if (a == "--library")
+      opt.library = next();
+    else if (a == "--data")
+      opt.dataDir = next();
+    else if (a == "--work")
+      opt.workDir = next();
+    else if (a == "--sides")
+      opt.sides = next();
+    else if (a == "--ops")
+      opt.ops = next();
+    else if (a == "--large-ops")
+      opt.largeOps = next();
+    else if (a == "--budget")
+      opt.budget = std::atof(next().c_str());
+    else if (a == "--large")
+      opt.largePoints = std::atoll(next().c_str());
+    else if (a == "--pairs")
+      opt.pairs = std::atoi(next().c_str());
+    else if (a == "--reg-factor")
+      opt.regFactor = std::atof(next().c_str());
+    else if (a == "--md")
+      opt.md = next();
     else if (a == "--table") {
       while (i + 1 < argc && argv[i + 1][0] != '-') opt.tables.push_back(argv[++i]);
     } else {
@@ -803,7 +897,9 @@ int main(int argc, char** argv) {
   if (!ParseArgs(argc, argv, opt)) return 2;
   if (!opt.tables.empty()) return PrintTable(opt);
   if (opt.out.empty()) {
-    std::fprintf(stderr, "usage: qorv_peers --threads N --out FILE [options] | --table FILE... [--md FILE]\n");
+    std::fprintf(
+        stderr,
+        "usage: qorv_peers --threads N --out FILE [options] | --table FILE... [--md FILE]\n");
     return 2;
   }
   return RunMeasurements(opt);

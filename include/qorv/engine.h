@@ -36,7 +36,8 @@
 extern "C" {
 #endif
 
-/* Version of this C interface; QorvEngineApiVersion() returns the one the library was built with. */
+/* Version of this C interface; QorvEngineApiVersion() returns the one the library was built with.
+ */
 #define QORV_ENGINE_API_VERSION 1
 
 enum {
@@ -44,9 +45,9 @@ enum {
   QORV_ENGINE_ERROR_FILE = 1,             /* a file could not be opened, read or written */
   QORV_ENGINE_ERROR_FORMAT = 2,           /* a file's contents are not a cloud we can read */
   QORV_ENGINE_ERROR_INVALID_ARGUMENT = 3, /* null pointer, bad count, bad option */
-  QORV_ENGINE_ERROR_TOO_FEW_POINTS = 4,   /* a cloud has fewer finite points than the engine needs */
-  QORV_ENGINE_ERROR_ALLOCATION = 9,       /* memory ran out */
-  QORV_ENGINE_ERROR_INTERNAL = 10         /* anything else (a bug: please report it) */
+  QORV_ENGINE_ERROR_TOO_FEW_POINTS = 4, /* a cloud has fewer finite points than the engine needs */
+  QORV_ENGINE_ERROR_ALLOCATION = 9,     /* memory ran out */
+  QORV_ENGINE_ERROR_INTERNAL = 10       /* anything else (a bug: please report it) */
 };
 
 /* A cloud as the caller holds it. Only points and count are required. */
@@ -54,15 +55,15 @@ typedef struct QorvEngineCloud {
   const float* points;  /* 3 floats a point */
   const float* normals; /* 3 floats a point, or NULL: the engine estimates its own */
   int64_t count;
-  int32_t width;  /* organized layout: width * height == count; 0 when unorganized */
+  int32_t width; /* organized layout: width * height == count; 0 when unorganized */
   int32_t height;
   int32_t has_viewpoint; /* 1: viewpoint is the sensor origin in the cloud's frame */
   double viewpoint[3];
 } QorvEngineCloud;
 
 enum {
-  QORV_ENGINE_MODE_GLOBAL = 0, /* features + RANSAC, then ICP (an initial guess is tried too) */
-  QORV_ENGINE_MODE_LOCAL = 1,  /* ICP from the initial guess only (consecutive frames) */
+  QORV_ENGINE_MODE_GLOBAL = 0,  /* features + RANSAC, then ICP (an initial guess is tried too) */
+  QORV_ENGINE_MODE_LOCAL = 1,   /* ICP from the initial guess only (consecutive frames) */
   QORV_ENGINE_MODE_EVALUATE = 2 /* no motion: the measures and verdict of the initial transform */
 };
 
@@ -76,7 +77,7 @@ typedef struct QorvEngineOptions {
   int32_t threads;       /* 0: the OpenMP default; 1: serial; n: at most n */
   int32_t has_initial;   /* 1: initial holds a guess */
   double initial[16];
-  int32_t max_tries;     /* scales tried in turn while the verdict is negative (>= 1) */
+  int32_t max_tries; /* scales tried in turn while the verdict is negative (>= 1) */
   int32_t max_ransac_iterations;
   double ransac_confidence; /* RANSAC stops once a better model is this unlikely */
 } QorvEngineOptions;
@@ -102,10 +103,10 @@ typedef struct QorvEngineResult {
   double voxel;             /* the working voxel of the accepted try */
   int32_t target_points;    /* finite input points */
   int32_t source_points;
-  int32_t target_samples;   /* points after the working voxel */
+  int32_t target_samples; /* points after the working voxel */
   int32_t source_samples;
-  int32_t tries;            /* scales tried */
-  char reason[160];         /* when not registered: which check failed, in words */
+  int32_t tries;    /* scales tried */
+  char reason[160]; /* when not registered: which check failed, in words */
   int32_t stage_count;
   QorvEngineStage stages[QORV_ENGINE_MAX_STAGES];
 } QorvEngineResult;

@@ -24,20 +24,20 @@ extern "C" {
  * file are NULL. Organized clouds have height > 1 and width * height == count, with NaN
  * coordinates where there is no point. */
 typedef struct QorvEngineCloudData {
-  float* points;     /* 3 a point */
-  float* normals;    /* 3 a point, or NULL */
-  uint8_t* colours;  /* red, green, blue a point, or NULL */
-  float* intensity;  /* 1 a point, or NULL */
+  float* points;    /* 3 a point */
+  float* normals;   /* 3 a point, or NULL */
+  uint8_t* colours; /* red, green, blue a point, or NULL */
+  float* intensity; /* 1 a point, or NULL */
   int64_t count;
   int32_t width;
   int32_t height;
   int32_t has_viewpoint; /* a depth image, or a PCD frame that is organized or names a viewpoint */
-  double viewpoint[7];  /* sensor origin x y z, then its orientation quaternion w x y z */
-  int64_t non_finite;   /* points of the file with a NaN or infinite coordinate */
-  int32_t file_width;   /* the file's organized layout, also when only the finite points were */
-  int32_t file_height;  /* kept (0 when the file is unorganized) */
-  char format[32];      /* "ply (binary little endian)", "pcd (binary_compressed)", "depth image", ... */
-  char fields[256];     /* the file's per-point fields, separated by spaces (cut to fit) */
+  double viewpoint[7];   /* sensor origin x y z, then its orientation quaternion w x y z */
+  int64_t non_finite;    /* points of the file with a NaN or infinite coordinate */
+  int32_t file_width;    /* the file's organized layout, also when only the finite points were */
+  int32_t file_height;   /* kept (0 when the file is unorganized) */
+  char format[32]; /* "ply (binary little endian)", "pcd (binary_compressed)", "depth image", ... */
+  char fields[256]; /* the file's per-point fields, separated by spaces (cut to fit) */
 } QorvEngineCloudData;
 
 /* A pinhole depth camera; depth values / depth_scale = metres. */
@@ -61,14 +61,16 @@ QORV_ENGINE_API int32_t QorvEngineReadCloud(const char* path,
 QORV_ENGINE_API void QorvEngineFreeCloud(QorvEngineCloudData* cloud);
 
 enum {
-  QORV_ENGINE_ENCODING_DEFAULT = 0,   /* PLY: binary little endian; PCD: binary */
+  QORV_ENGINE_ENCODING_DEFAULT = 0, /* PLY: binary little endian; PCD: binary */
   QORV_ENGINE_ENCODING_ASCII = 1,
   QORV_ENGINE_ENCODING_BINARY = 2,
   QORV_ENGINE_ENCODING_COMPRESSED = 3 /* PCD binary_compressed (PLY: binary) */
 };
 
 /* Writes a cloud (only points and count are required; the other arrays may be NULL). */
-QORV_ENGINE_API int32_t QorvEngineWriteCloud(const char* path, const QorvEngineCloudData* cloud, int32_t encoding);
+QORV_ENGINE_API int32_t QorvEngineWriteCloud(const char* path,
+                                             const QorvEngineCloudData* cloud,
+                                             int32_t encoding);
 
 #ifdef __cplusplus
 }

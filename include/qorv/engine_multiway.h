@@ -33,10 +33,10 @@ typedef struct QorvEngineMultiwayEdge {
 } QorvEngineMultiwayEdge;
 
 /* Aligns count scans. options: as for QorvEngineRegister (NULL: the defaults; its mode and initial
- * are not used). loops: 0 for odometry only. extra (extra_count of them) are edges the caller knows,
- * added as they are. poses receives 16 doubles a scan (scan to the frame of scan 0). edges receives
- * up to edge_capacity edge reports (every pair tried, then the extra ones); edge_count the number
- * there are (may exceed the capacity). */
+ * are not used). loops: 0 for odometry only. extra (extra_count of them) are edges the caller
+ * knows, added as they are. poses receives 16 doubles a scan (scan to the frame of scan 0). edges
+ * receives up to edge_capacity edge reports (every pair tried, then the extra ones); edge_count the
+ * number there are (may exceed the capacity). */
 QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
                                            int32_t count,
                                            const QorvEngineOptions* options,

@@ -7,10 +7,10 @@
  * - Point clouds are packed float triples (x, y, z; 12 bytes a point) with an int32 count; normal
  *   arrays use the same layout. The caller owns every input and output array and allocates outputs
  *   at the size stated per export.
- * - The first parameter is the instance (except QorvCreateInstance and QorvVersion). A null instance
- *   gives QORV_ERROR_NULL_INSTANCE before anything else is looked at; then pointer and count
- *   arguments are tested in parameter order and the first failure gives QORV_ERROR_INVALID_ARGUMENT.
- *   Nothing is allocated or written before those checks pass.
+ * - The first parameter is the instance (except QorvCreateInstance and QorvVersion). A null
+ * instance gives QORV_ERROR_NULL_INSTANCE before anything else is looked at; then pointer and count
+ *   arguments are tested in parameter order and the first failure gives
+ * QORV_ERROR_INVALID_ARGUMENT. Nothing is allocated or written before those checks pass.
  * - Results of variable size are handed to a callback before the export returns. Arrays passed to a
  *   callback belong to the library and are valid only until the callback returns.
  * - Exports never throw. Should memory run out inside a processing export, it returns
@@ -20,8 +20,8 @@
  *   the neighbours of finite points from every search (zero normals, NaN smoothed points, missing
  *   key points): remove non-finite points first.
  * - Informational lines go to standard output, prefixed with "[QORV INFO] ".
- * - Rigid transforms passed out are 12 doubles, a 3 x 4 matrix [R | t] row after row (translation at
- *   elements 3, 7 and 11); R * p + t carries a point of the second cloud onto the first.
+ * - Rigid transforms passed out are 12 doubles, a 3 x 4 matrix [R | t] row after row (translation
+ * at elements 3, 7 and 11); R * p + t carries a point of the second cloud onto the first.
  *   QorvTransformPoints instead takes the nine rotation values followed by tx, ty, tz.
  * - Every processing export has a single-threaded and a multi-threaded variant, chosen by the
  *   instance's multi-thread setting, that give identical results (RANSAC aside: it is seeded from
@@ -111,7 +111,8 @@ QORV_API QorvResult QorvDisableCrossCheck(QorvInstance* inst);
 QORV_API QorvResult QorvEnableMultiThread(QorvInstance* inst);
 QORV_API QorvResult QorvDisableMultiThread(QorvInstance* inst);
 
-/* Tests out before the handle: null out gives QORV_ERROR_INVALID_ARGUMENT even with a null handle. */
+/* Tests out before the handle: null out gives QORV_ERROR_INVALID_ARGUMENT even with a null handle.
+ */
 QORV_API QorvResult QorvGetMatchNeighborNum(QorvInstance* inst, int32_t* out);
 
 /* Tests n before the handle: n < 0 gives QORV_ERROR_INVALID_ARGUMENT; 0 is accepted. */
@@ -127,9 +128,9 @@ QORV_API const char* QorvVersion(void);
  * above 5.99: 6, else 3) and numbers are grouped in file order regardless of line breaks. Words are
  * skipped; a carriage return ends a number. The callback (may be null) receives the arrays once.
  * QORV_ERROR_FILE if the file cannot be opened or read, is 4 GiB or larger, or holds no point; a
- * null path gives QORV_ERROR_FILE too. Lines may carry any number of numbers and the last line needs
- * no line feed: every number is kept. Colour numbers are truncated toward zero and keep their low 8
- * bits (NaN, infinities and magnitudes of 2^31 or more give 0). */
+ * null path gives QORV_ERROR_FILE too. Lines may carry any number of numbers and the last line
+ * needs no line feed: every number is kept. Colour numbers are truncated toward zero and keep their
+ * low 8 bits (NaN, infinities and magnitudes of 2^31 or more give 0). */
 QORV_API QorvResult QorvReadPointsFromASC(QorvInstance* inst,
                                           const char* path,
                                           QorvAscCallback callback,
@@ -147,13 +148,10 @@ QORV_API QorvResult QorvWritePointsToASC(QorvInstance* inst,
 
 /* pointsOut = R * pointsIn for n points, rotation = 9 doubles row after row (converted to float).
  * pointsOut must be pointsIn or must not overlap it. An identity matrix applied in place returns
- * without touching the array. Vector passes use SSE only, which every x86-64 processor has, and give
- * the same bits as the scalar formulas (no fused multiply-add). */
-QORV_API QorvResult QorvRotatePoints(QorvInstance* inst,
-                                     const double* rotation,
-                                     const float* pointsIn,
-                                     float* pointsOut,
-                                     int32_t n);
+ * without touching the array. Vector passes use SSE only, which every x86-64 processor has, and
+ * give the same bits as the scalar formulas (no fused multiply-add). */
+QORV_API QorvResult QorvRotatePoints(
+    QorvInstance* inst, const double* rotation, const float* pointsIn, float* pointsOut, int32_t n);
 
 /* pointsOut = R * pointsIn + t; transform = 9 rotation values row after row, then tx, ty, tz. */
 QORV_API QorvResult QorvTransformPoints(QorvInstance* inst,
@@ -166,18 +164,15 @@ QORV_API QorvResult QorvTransformPoints(QorvInstance* inst,
  * by the unit-quaternion method. out receives the 3 x 4 matrix [R | t]. The multi-thread setting
  * has no effect. Degenerate sets (n = 1, all points equal, collinear) still give a proper rotation.
  * A NaN or infinite coordinate, or sums that overflow, make all 12 values NaN. */
-QORV_API QorvResult QorvAbsoluteOrientation(QorvInstance* inst,
-                                            const float* pointsA,
-                                            const float* pointsB,
-                                            int32_t n,
-                                            double* out);
+QORV_API QorvResult QorvAbsoluteOrientation(
+    QorvInstance* inst, const float* pointsA, const float* pointsB, int32_t n, double* out);
 
 /* ---- Normals and filters --------------------------------------------------------------------- */
 
 /* One unit normal per point from the neighbours strictly inside radius; normals always have z >= 0.
  * Fewer than two neighbours, NaN points and degenerate neighbourhoods give (0, 0, 0); so may a
- * neighbourhood with a repeated eigenvalue (regular grids), while a vertical surface gives (0, 0, 0)
- * or a unit vector lying in it. Radius 0 or NaN gives all zeros; a negative radius acts as its
+ * neighbourhood with a repeated eigenvalue (regular grids), while a vertical surface gives (0, 0,
+ * 0) or a unit vector lying in it. Radius 0 or NaN gives all zeros; a negative radius acts as its
  * absolute value. orientNeighbors is accepted and ignored. */
 QORV_API QorvResult QorvComputeNormals(QorvInstance* inst,
                                        const float* points,
@@ -188,18 +183,15 @@ QORV_API QorvResult QorvComputeNormals(QorvInstance* inst,
 
 /* Re-estimates normals (input and output) and turns each new one to agree with the caller's.
  * radius must be greater than 0. */
-QORV_API QorvResult QorvReComputeNormals(QorvInstance* inst,
-                                         const float* points,
-                                         float* normals,
-                                         int32_t n,
-                                         float radius);
+QORV_API QorvResult QorvReComputeNormals(
+    QorvInstance* inst, const float* points, float* normals, int32_t n, float radius);
 
 /* Keeps, per occupied voxel of edge leafSize, the point nearest to the voxel's centre; the voxel
- * with the largest key is never kept, so a cloud inside one voxel keeps nothing. Runs on the calling
- * thread. Points with a NaN or infinite coordinate are ignored. The callback receives an empty list
- * when leafSize is not a positive finite number, when no point is finite, or when the grid cannot be
- * represented ((max - min) / leafSize must stay below 2^31 along x and y, and the cell count must
- * fit in 64 bits). Among equally near points the choice is fixed run to run. */
+ * with the largest key is never kept, so a cloud inside one voxel keeps nothing. Runs on the
+ * calling thread. Points with a NaN or infinite coordinate are ignored. The callback receives an
+ * empty list when leafSize is not a positive finite number, when no point is finite, or when the
+ * grid cannot be represented ((max - min) / leafSize must stay below 2^31 along x and y, and the
+ * cell count must fit in 64 bits). Among equally near points the choice is fixed run to run. */
 QORV_API QorvResult QorvVoxelFilter(QorvInstance* inst,
                                     const float* points,
                                     int32_t count,
@@ -231,13 +223,10 @@ QORV_API QorvResult QorvEdgeFilter(QorvInstance* inst,
                                    void* user);
 
 /* Gaussian-weighted average of the points strictly inside radius around each point. smoothed must
- * not overlap points (QORV_ERROR_INVALID_ARGUMENT). Points finding no neighbour (NaN points, radius 0
- * or NaN) come out as NaN. A negative radius acts as its absolute value. */
-QORV_API QorvResult QorvGaussianFilter(QorvInstance* inst,
-                                       const float* points,
-                                       float* smoothed,
-                                       int32_t count,
-                                       float radius);
+ * not overlap points (QORV_ERROR_INVALID_ARGUMENT). Points finding no neighbour (NaN points, radius
+ * 0 or NaN) come out as NaN. A negative radius acts as its absolute value. */
+QORV_API QorvResult QorvGaussianFilter(
+    QorvInstance* inst, const float* points, float* smoothed, int32_t count, float radius);
 
 /* ---- Key points and descriptors -------------------------------------------------------------- */
 
@@ -294,7 +283,8 @@ QORV_API QorvResult QorvDepthToVmapNmap(QorvInstance* inst,
  *   than 1.19e-7, lambda2/lambda1 < ratio21 and lambda3/lambda2 < ratio32. A NaN vertex marked
  *   valid spoils every score whose window holds it.
  * - Suppression: a scored pixel at least suppressionWindow/2 from the edges survives unless its
- *   window holds a strictly greater score (equal scores both survive; suppressionWindow <= 1: none).
+ *   window holds a strictly greater score (equal scores both survive; suppressionWindow <= 1:
+ * none).
  * - maxKeyPoints >= 1 keeps the best scores, ties going to the lower pixel index
  *   (row * width + column): the result is the same on every run and with or without threads.
  * - Descriptor of a key pixel p at least descriptorHalfWindow from every edge: the sum over the
@@ -372,10 +362,10 @@ QORV_API QorvResult QorvRansacMatchKeyPoints(QorvInstance* inst,
 /* Robust (annealed Geman-McClure) Gauss-Newton refinement of transform, which is read as the
  * starting pose. Correspondences left at maxDistance or farther are dropped. kernelScale is in
  * squared-distance units and is halved after every 8th step; the refinement stops once
- * maxDistance^2 exceeds it, so no step is taken when iterations <= 0 or maxDistance^2 > kernelScale.
- * A step whose 6 x 6 system (solved by LDLT in double) is singular or not finite (fewer than three
- * non-collinear correspondences, a NaN coordinate) leaves the pose unchanged. Correspondences whose
- * residual is NaN are kept. */
+ * maxDistance^2 exceeds it, so no step is taken when iterations <= 0 or maxDistance^2 >
+ * kernelScale. A step whose 6 x 6 system (solved by LDLT in double) is singular or not finite
+ * (fewer than three non-collinear correspondences, a NaN coordinate) leaves the pose unchanged.
+ * Correspondences whose residual is NaN are kept. */
 QORV_API QorvResult QorvIterativeMatchKeyPoints(QorvInstance* inst,
                                                 const float* points1,
                                                 const float* descriptors1,
@@ -395,20 +385,19 @@ QORV_API QorvResult QorvIterativeMatchKeyPoints(QorvInstance* inst,
  * voxel thinning with edge s, and normals within 2s (all facing +z). Key points are then detected
  * within 2s under lambda2/lambda1 < 0.01 and lambda3/lambda2 < 0.01, suppressed within s/3, and
  * described with featureRadius s and histogramRadius 5s. kernelScale > 0 runs the iterative matcher
- * from the caller's transform (distance bound s); otherwise (0 included) RANSAC runs with edge ratio
- * 0.995 and inlier distance s, seeded from the clock. The callback receives the surviving pairs;
- * their indices refer to the key points the pipeline detected. The iterative path gives identical
- * results single- and multi-threaded.
- * The detector bounds are fixed at 0.01, which only nearly linear neighbourhoods meet. On smooth
- * scanned surfaces no point does (on the sample dragon and bunny not one point has lambda2/lambda1
- * below 0.1 at 1-3 spacings). There the pipeline finds no key points: RANSAC writes the all-zero
- * matrix, the iterative path returns the caller's matrix unchanged (rounded to float), and the
- * callback is called once with no pair. To register scans, compose the chain from the exports with
- * looser detector bounds (the qorv tool's `register` command does).
- * normals1 and normals2 are never read: normals are always estimated after thinning. Points with a
- * NaN coordinate are dropped before the chain, so NaN-free input is processed exactly as described.
- * A resolution that is not a positive finite number leaves no points. With fewer than three
- * correspondences RANSAC writes the all-zero matrix and the iterative matcher leaves the pose
+ * from the caller's transform (distance bound s); otherwise (0 included) RANSAC runs with edge
+ * ratio 0.995 and inlier distance s, seeded from the clock. The callback receives the surviving
+ * pairs; their indices refer to the key points the pipeline detected. The iterative path gives
+ * identical results single- and multi-threaded. The detector bounds are fixed at 0.01, which only
+ * nearly linear neighbourhoods meet. On smooth scanned surfaces no point does (on the sample dragon
+ * and bunny not one point has lambda2/lambda1 below 0.1 at 1-3 spacings). There the pipeline finds
+ * no key points: RANSAC writes the all-zero matrix, the iterative path returns the caller's matrix
+ * unchanged (rounded to float), and the callback is called once with no pair. To register scans,
+ * compose the chain from the exports with looser detector bounds (the qorv tool's `register`
+ * command does). normals1 and normals2 are never read: normals are always estimated after thinning.
+ * Points with a NaN coordinate are dropped before the chain, so NaN-free input is processed exactly
+ * as described. A resolution that is not a positive finite number leaves no points. With fewer than
+ * three correspondences RANSAC writes the all-zero matrix and the iterative matcher leaves the pose
  * unchanged. */
 QORV_API QorvResult QorvMatchPairPointCloud(QorvInstance* inst,
                                             const float* points1,
@@ -428,11 +417,8 @@ QORV_API QorvResult QorvMatchPairPointCloud(QorvInstance* inst,
  * neighbour, the point itself counting as the first; k = 2 gives the typical spacing. Points with a
  * NaN coordinate, and every point when k exceeds the number of NaN-free points, count as the float
  * maximum (distance 1.8446743e19) and sort among the largest values. */
-QORV_API QorvResult QorvCheckDistance(QorvInstance* inst,
-                                      const float* points,
-                                      int32_t count,
-                                      int32_t k,
-                                      float* meanDistance);
+QORV_API QorvResult QorvCheckDistance(
+    QorvInstance* inst, const float* points, int32_t count, int32_t k, float* meanDistance);
 
 #ifdef __cplusplus
 }

@@ -47,7 +47,8 @@ CompatibilityGraph BuildCompatibility(const Cloud& source,
   graph.offsets.assign(static_cast<size_t>(m) + 1, 0);
   for (int32_t i = 0; i < m; ++i) {
     graph.offsets[static_cast<size_t>(i) + 1] =
-        graph.offsets[static_cast<size_t>(i)] + static_cast<int64_t>(lists[static_cast<size_t>(i)].size());
+        graph.offsets[static_cast<size_t>(i)] +
+        static_cast<int64_t>(lists[static_cast<size_t>(i)].size());
   }
   graph.neighbours.reserve(static_cast<size_t>(graph.offsets.back()));
   for (std::vector<int32_t>& list : lists) {

@@ -19,9 +19,12 @@ struct CompatibilityGraph {
   std::vector<int32_t> neighbours;
 
   int32_t degree(int32_t i) const {
-    return static_cast<int32_t>(offsets[static_cast<size_t>(i) + 1] - offsets[static_cast<size_t>(i)]);
+    return static_cast<int32_t>(offsets[static_cast<size_t>(i) + 1] -
+                                offsets[static_cast<size_t>(i)]);
   }
-  const int32_t* begin(int32_t i) const { return neighbours.data() + offsets[static_cast<size_t>(i)]; }
+  const int32_t* begin(int32_t i) const {
+    return neighbours.data() + offsets[static_cast<size_t>(i)];
+  }
   bool linked(int32_t i, int32_t j) const;
 };
 

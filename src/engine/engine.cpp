@@ -28,9 +28,9 @@ constexpr int32_t kNormalNeighbours = 30;
 constexpr int32_t kFineNormalNeighbours = 12;
 constexpr float kFeatureRadius = 5.0f;
 constexpr float kHistogramRadius = 2.5f;
-constexpr float kInlierDistance = 1.5f;      // RANSAC and consistent pairs
-constexpr float kCompatibility = 1.5f;       // pair lengths agree within this
-constexpr float kMinPairLength = 3.0f;       // shorter pairs say little about rotation
+constexpr float kInlierDistance = 1.5f;  // RANSAC and consistent pairs
+constexpr float kCompatibility = 1.5f;   // pair lengths agree within this
+constexpr float kMinPairLength = 3.0f;   // shorter pairs say little about rotation
 constexpr int32_t kMaxMatches = 3000;
 constexpr int32_t kMinMutual = 30;
 constexpr float kCoarseIcpDistance = 2.0f;
@@ -40,13 +40,15 @@ constexpr double kNarrowKernel = 3.0;    // x the residual scale of the wide pas
 constexpr double kNarrowFloor = 0.25;    // x the fine voxel
 constexpr double kNarrowDistance = 2.0;  // x the narrow kernel
 constexpr float kVerdictDistance = 1.5f;
-constexpr double kSpacingFloor = 1.5;        // the matching voxel is never below 1.5 x the spacing
+constexpr double kSpacingFloor = 1.5;  // the matching voxel is never below 1.5 x the spacing
 constexpr int32_t kMinPoints = 5;
-constexpr double kDistinctAngle = 0.175;  // radians (10 degrees): motions further apart are distinct
-constexpr double kDistinctShift = 5.0;    // voxels: likewise for translations
+constexpr double kDistinctAngle =
+    0.175;                              // radians (10 degrees): motions further apart are distinct
+constexpr double kDistinctShift = 5.0;  // voxels: likewise for translations
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kChanceMargin = 4.0;  // consistent matches needed, in units of the chance level
-// Scale of each try in turn while the verdict is negative: coarser (noise), then finer (small clouds).
+// Scale of each try in turn while the verdict is negative: coarser (noise), then finer (small
+// clouds).
 constexpr double kTryScales[] = {1.0, 1.6, 1.0 / 1.6, 2.5, 1.0 / 2.5, 4.0, 1.0 / 4.0, 6.0};
 
 class StageClock {
@@ -124,14 +126,17 @@ TryResult TryScale(const Level& fineTarget,
     out.best.pose = options.initial;
     return out;
   }
-  const Features ft = DescribePoints(*target.tree, target.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
-  const Features fs = DescribePoints(*source.tree, source.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
+  const Features ft =
+      DescribePoints(*target.tree, target.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
+  const Features fs =
+      DescribePoints(*source.tree, source.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
   clock.lap("features");
   std::vector<Match> matches = MatchFeatures(fs, ft, kMinMutual);
   if (static_cast<int32_t>(matches.size()) > kMaxMatches) {
     // Keep the closest descriptors, then restore the source order.
-    std::stable_sort(matches.begin(), matches.end(),
-                     [](const Match& a, const Match& b) { return a.distance < b.distance; });
+    std::stable_sort(matches.begin(), matches.end(), [](const Match& a, const Match& b) {
+      return a.distance < b.distance;
+    });
     matches.resize(kMaxMatches);
     std::stable_sort(matches.begin(), matches.end(), [](const Match& a, const Match& b) {
       return a.source < b.source || (a.source == b.source && a.target < b.target);
@@ -140,7 +145,8 @@ TryResult TryScale(const Level& fineTarget,
   out.matches = static_cast<int32_t>(matches.size());
   clock.lap("matching");
   auto consistent = [&](const Pose& pose) {
-    return static_cast<int32_t>(InlierMatches(source.cloud, target.cloud, matches, pose, kInlierDistance * vf).size());
+    return static_cast<int32_t>(
+        InlierMatches(source.cloud, target.cloud, matches, pose, kInlierDistance * vf).size());
   };
   if (options.mode == Mode::kEvaluate) {
     out.best.pose = options.initial;
@@ -149,8 +155,8 @@ TryResult TryScale(const Level& fineTarget,
   }
 
   std::vector<Pose> starts;
-  const CompatibilityGraph graph =
-      BuildCompatibility(source.cloud, target.cloud, matches, kCompatibility * vf, kMinPairLength * vf);
+  const CompatibilityGraph graph = BuildCompatibility(
+      source.cloud, target.cloud, matches, kCompatibility * vf, kMinPairLength * vf);
   RansacParams rp;
   rp.inlierDistance = kInlierDistance * vf;
   rp.maxIterations = options.maxRansacIterations;
@@ -160,7 +166,8 @@ TryResult TryScale(const Level& fineTarget,
   rp.distinctShift = kDistinctShift * v;
   rp.centre = source.cloud.points.cast<double>().rowwise().mean();
   int32_t iterations = 0;
-  for (const Hypothesis& h : EstimateByRansac(source.cloud, target.cloud, matches, graph, rp, iterations)) {
+  for (const Hypothesis& h :
+       EstimateByRansac(source.cloud, target.cloud, matches, graph, rp, iterations)) {
     starts.push_back(h.pose);
   }
   clock.lap("ransac");
@@ -175,15 +182,16 @@ TryResult TryScale(const Level& fineTarget,
     ip.stopShift = 1e-3 * v;
     Candidate c;
     c.pose = RefinePointToPlane(source.cloud, target.cloud, *target.tree, start, ip).pose;
-    c.overlap = MeasureOverlap(source.cloud, *source.tree, target.cloud, *target.tree, c.pose,
-                               kInlierDistance * vf);
+    c.overlap = MeasureOverlap(
+        source.cloud, *source.tree, target.cloud, *target.tree, c.pose, kInlierDistance * vf);
     c.score = Score(c.overlap);
     refined.push_back(c);
   }
   clock.lap("refine");
   // Best first; the rival is the best-scoring candidate distinct from it.
-  std::stable_sort(refined.begin(), refined.end(),
-                   [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
+  std::stable_sort(refined.begin(), refined.end(), [](const Candidate& a, const Candidate& b) {
+    return a.score > b.score;
+  });
   if (!refined.empty()) {
     out.best = refined.front();
     out.candidates = refined;
@@ -211,9 +219,9 @@ int32_t Register(const CloudView& targetView,
     result.targetPoints = t.cloud.size();
     result.sourcePoints = s.cloud.size();
     if (t.cloud.size() < kMinPoints || s.cloud.size() < kMinPoints) {
-      error = "the " + std::string(t.cloud.size() < kMinPoints ? "target" : "source") + " cloud has " +
-              std::to_string(std::min(t.cloud.size(), s.cloud.size())) + " finite points; at least " +
-              std::to_string(kMinPoints) + " are needed";
+      error = "the " + std::string(t.cloud.size() < kMinPoints ? "target" : "source") +
+              " cloud has " + std::to_string(std::min(t.cloud.size(), s.cloud.size())) +
+              " finite points; at least " + std::to_string(kMinPoints) + " are needed";
       return kTooFewPoints;
     }
     for (const Level* level : {&t, &s}) {
@@ -253,9 +261,13 @@ int32_t Register(const CloudView& targetView,
     v = std::max(v, kSpacingFloor * spacing);
   }
   const double fineVoxel = std::min(spacing, v);
-  EstimateNormals(*fineTarget.tree, kNormalRadius * static_cast<float>(fineVoxel), kFineNormalNeighbours,
+  EstimateNormals(*fineTarget.tree,
+                  kNormalRadius * static_cast<float>(fineVoxel),
+                  kFineNormalNeighbours,
                   fineTarget.cloud);
-  EstimateNormals(*fineSource.tree, kNormalRadius * static_cast<float>(fineVoxel), kFineNormalNeighbours,
+  EstimateNormals(*fineSource.tree,
+                  kNormalRadius * static_cast<float>(fineVoxel),
+                  kFineNormalNeighbours,
                   fineSource.cloud);
   clock.lap("scale");
 
@@ -283,25 +295,30 @@ int32_t Register(const CloudView& targetView,
       IcpParams coarse = ip;
       coarse.maxDistance = kFineIcpDistance * static_cast<float>(tryVoxel);
       coarse.kernel = tryVoxel;
-      tr.best.pose = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, coarse).pose;
+      tr.best.pose = RefinePointToPlane(
+                         fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, coarse)
+                         .pose;
     }
     Pose pose = tr.best.pose;
     if (options.mode != Mode::kEvaluate) {
-      const IcpOutcome wide = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, pose, ip);
+      const IcpOutcome wide =
+          RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, pose, ip);
       // Then narrow to the residuals the data shows: clean scans settle on their exact overlap,
       // noisy sensors keep a kernel as wide as their noise.
       IcpParams narrow = ip;
       narrow.kernel = std::max(kNarrowKernel * wide.residualScale, kNarrowFloor * fineVoxel);
       narrow.maxDistance = static_cast<float>(std::max(kNarrowDistance * narrow.kernel, fineVoxel));
       narrow.maxIterations = 30;
-      pose = RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, wide.pose, narrow).pose;
+      pose = RefinePointToPlane(
+                 fineSource.cloud, fineTarget.cloud, *fineTarget.tree, wide.pose, narrow)
+                 .pose;
     }
     clock.lap("refine");
     // The verdict looks at the try's voxel clouds: averaging has taken the noise out of their
     // points and normals, which the fine clouds still carry.
     const float verdictDistance = static_cast<float>(kVerdictDistance * tryVoxel);
-    const Overlap overlap = MeasureOverlap(tr.source.cloud, *tr.source.tree, tr.target.cloud, *tr.target.tree,
-                                           pose, verdictDistance);
+    const Overlap overlap = MeasureOverlap(
+        tr.source.cloud, *tr.source.tree, tr.target.cloud, *tr.target.tree, pose, verdictDistance);
     // Matches that agree with a motion by chance: each lands within the inlier distance d of its
     // partner with the odds of hitting a disc of radius d on a surface of target samples spaced
     // one voxel apart. Four times that many (and at least the rule's floor) must agree.
@@ -320,7 +337,8 @@ int32_t Register(const CloudView& targetView,
         rivalShare = std::max(rivalShare, c.score / tr.best.score);
       }
     }
-    const std::string reason = Decide(overlap, verdictDistance, tr.consistentPairs, rivalShare, rules);
+    const std::string reason =
+        Decide(overlap, verdictDistance, tr.consistentPairs, rivalShare, rules);
     clock.lap("verdict");
     const double score = Score(overlap) + (reason.empty() ? 1.0 : 0.0);
     if (!haveBest || score > bestScore) {

@@ -29,8 +29,8 @@ enum class Mode { kGlobal, kLocal, kEvaluate };
 // Every length the engine uses derives from the working voxel; the budgets choose it.
 struct Options {
   Mode mode = Mode::kGlobal;
-  double voxel = 0.0;          // 0: chosen so that a cloud keeps about pointBudget voxels
-  int32_t pointBudget = 4000;  // matching: voxels a cloud keeps
+  double voxel = 0.0;            // 0: chosen so that a cloud keeps about pointBudget voxels
+  int32_t pointBudget = 4000;    // matching: voxels a cloud keeps
   int32_t refineBudget = 20000;  // dense refinement: points a cloud keeps
   uint64_t seed = 1;
   int32_t threads = 0;  // 0: OpenMP's default
@@ -48,8 +48,8 @@ struct StageTime {
 
 // The verdict's measures, taken on the refinement clouds after the final transform.
 struct Measures {
-  double fitness = 0.0;         // source samples with a target sample within inlierDistance
-  double targetOverlap = 0.0;   // target samples with a moved source sample within it
+  double fitness = 0.0;        // source samples with a target sample within inlierDistance
+  double targetOverlap = 0.0;  // target samples with a moved source sample within it
   double inlierRmse = 0.0;
   double inlierDistance = 0.0;
   int32_t consistentPairs = 0;  // feature matches the transform carries within inlierDistance

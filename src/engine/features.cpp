@@ -23,7 +23,13 @@ Features DescribePoints(const PointKdTree& tree,
   std::iota(all.begin(), all.end(), 0);
   Execution exec;
   exec.multiThread = MaxThreads() > 1;
-  ComputeDescriptors(tree, cloud.normals.data(), all.data(), n, featureRadius, histogramRadius, exec,
+  ComputeDescriptors(tree,
+                     cloud.normals.data(),
+                     all.data(),
+                     n,
+                     featureRadius,
+                     histogramRadius,
+                     exec,
                      out.descriptors.data());
   for (int32_t i = 0; i < n; ++i) {
     const float* d = out.descriptors.data() + static_cast<size_t>(i) * kDescriptorSize;

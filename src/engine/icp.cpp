@@ -25,7 +25,8 @@ Pose Increment(const Eigen::Matrix<double, 6, 1>& x) {
   Pose step = Pose::Identity();
   const Eigen::Vector3d omega = x.head<3>();
   const double angle = omega.norm();
-  if (angle > 0.0) step.topLeftCorner<3, 3>() = Eigen::AngleAxisd(angle, omega / angle).toRotationMatrix();
+  if (angle > 0.0)
+    step.topLeftCorner<3, 3>() = Eigen::AngleAxisd(angle, omega / angle).toRotationMatrix();
   step.topRightCorner<3, 1>() = x.tail<3>();
   return step;
 }
@@ -55,7 +56,8 @@ IcpOutcome RefinePointToPlane(const Cloud& source,
         const Eigen::Vector3f p = r * source.points.col(i) + shift;
         int32_t nearest = -1;
         float distSq = 0.0f;
-        if (targetTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < maxSq)) continue;
+        if (targetTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < maxSq))
+          continue;
         const Eigen::Vector3d q = target.points.col(nearest).cast<double>();
         const Eigen::Vector3d normal = target.normals.col(nearest).cast<double>();
         if (normal.squaredNorm() < 0.5) continue;

@@ -14,8 +14,8 @@ struct IcpParams {
   float maxDistance = 0.0f;  // pairs farther apart are not used
   double kernel = 0.0;       // Geman-McClure scale of the point-to-plane residual
   int32_t maxIterations = 20;
-  double stopAngle = 1e-4;   // radians: an update smaller than this and
-  double stopShift = 0.0;    // this shift ends the loop
+  double stopAngle = 1e-4;  // radians: an update smaller than this and
+  double stopShift = 0.0;   // this shift ends the loop
 };
 
 struct IcpOutcome {

@@ -17,7 +17,8 @@ std::vector<float> ValidRows(const Features& f, std::vector<int32_t>& map) {
   for (size_t i = 0; i < f.valid.size(); ++i) {
     if (!f.valid[i]) continue;
     map.push_back(static_cast<int32_t>(i));
-    rows.insert(rows.end(), f.descriptors.begin() + static_cast<long>(i * kDescriptorSize),
+    rows.insert(rows.end(),
+                f.descriptors.begin() + static_cast<long>(i * kDescriptorSize),
                 f.descriptors.begin() + static_cast<long>((i + 1) * kDescriptorSize));
   }
   return rows;
@@ -43,17 +44,20 @@ std::vector<Match> MatchFeatures(const Features& source,
     for (int32_t q = 0; q < ns; ++q) {
       const int32_t j = nearest[static_cast<size_t>(q)];
       if (j < 0) continue;
-      matches.push_back({sourceMap[static_cast<size_t>(q)], targetMap[static_cast<size_t>(j)],
+      matches.push_back({sourceMap[static_cast<size_t>(q)],
+                         targetMap[static_cast<size_t>(j)],
                          distance[static_cast<size_t>(q)]});
     }
     return matches;
   };
   // The cross check keeps a pair only when no other source is closer to its target: with the
   // source's own nearest target that makes the pair mutual.
-  MatchDescriptorsExhaustive(t.data(), nt, s.data(), ns, true, exec, nearest.data(), distance.data());
+  MatchDescriptorsExhaustive(
+      t.data(), nt, s.data(), ns, true, exec, nearest.data(), distance.data());
   std::vector<Match> matches = collect();
   if (static_cast<int32_t>(matches.size()) < minMutual) {
-    MatchDescriptorsExhaustive(t.data(), nt, s.data(), ns, false, exec, nearest.data(), distance.data());
+    MatchDescriptorsExhaustive(
+        t.data(), nt, s.data(), ns, false, exec, nearest.data(), distance.data());
     matches = collect();
   }
   return matches;

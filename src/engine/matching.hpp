@@ -20,8 +20,6 @@ struct Match {
 // bounded by the point budget). Mutual nearest pairs are kept; when fewer than minMutual are
 // mutual, every source's nearest target instead. Matches come out by source index. The same bits
 // for any thread count.
-std::vector<Match> MatchFeatures(const Features& source,
-                                 const Features& target,
-                                 int32_t minMutual);
+std::vector<Match> MatchFeatures(const Features& source, const Features& target, int32_t minMutual);
 
 }  // namespace qorv::engine

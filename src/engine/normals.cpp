@@ -20,8 +20,10 @@ void EstimateNormals(const PointKdTree& tree, float radius, int32_t maxNeighbour
     std::vector<int32_t> found(static_cast<size_t>(maxNeighbours));
     std::vector<float> distSq(static_cast<size_t>(maxNeighbours));
     for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
-      size_t count = tree.knnSearch(cloud.points.col(i).data(), static_cast<size_t>(maxNeighbours),
-                                    found.data(), distSq.data());
+      size_t count = tree.knnSearch(cloud.points.col(i).data(),
+                                    static_cast<size_t>(maxNeighbours),
+                                    found.data(),
+                                    distSq.data());
       while (count > 0 && !(distSq[count - 1] < radiusSq)) --count;
       if (count < 3) continue;
       Eigen::Vector3d mean = Eigen::Vector3d::Zero();

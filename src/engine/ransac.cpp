@@ -12,7 +12,10 @@
 namespace qorv::engine {
 namespace {
 
-int32_t CountInliers(const Eigen::Matrix3Xf& s, const Eigen::Matrix3Xf& t, const Pose& pose, float distance) {
+int32_t CountInliers(const Eigen::Matrix3Xf& s,
+                     const Eigen::Matrix3Xf& t,
+                     const Pose& pose,
+                     float distance) {
   const Eigen::Matrix3f r = pose.topLeftCorner<3, 3>().cast<float>();
   const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();
   const float limit = distance * distance;
@@ -23,7 +26,9 @@ int32_t CountInliers(const Eigen::Matrix3Xf& s, const Eigen::Matrix3Xf& t, const
   return count;
 }
 
-Pose FitMatches(const Eigen::Matrix3Xf& s, const Eigen::Matrix3Xf& t, const std::vector<int32_t>& which) {
+Pose FitMatches(const Eigen::Matrix3Xf& s,
+                const Eigen::Matrix3Xf& t,
+                const std::vector<int32_t>& which) {
   std::vector<Eigen::Vector3d> from, to;
   from.reserve(which.size());
   to.reserve(which.size());
@@ -34,13 +39,17 @@ Pose FitMatches(const Eigen::Matrix3Xf& s, const Eigen::Matrix3Xf& t, const std:
   return FitRigid(from, to, {});
 }
 
-std::vector<int32_t> Inliers(const Eigen::Matrix3Xf& s, const Eigen::Matrix3Xf& t, const Pose& pose, float distance) {
+std::vector<int32_t> Inliers(const Eigen::Matrix3Xf& s,
+                             const Eigen::Matrix3Xf& t,
+                             const Pose& pose,
+                             float distance) {
   const Eigen::Matrix3f r = pose.topLeftCorner<3, 3>().cast<float>();
   const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();
   const float limit = distance * distance;
   std::vector<int32_t> out;
   for (Eigen::Index i = 0; i < s.cols(); ++i) {
-    if (((r * s.col(i) + shift) - t.col(i)).squaredNorm() < limit) out.push_back(static_cast<int32_t>(i));
+    if (((r * s.col(i) + shift) - t.col(i)).squaredNorm() < limit)
+      out.push_back(static_cast<int32_t>(i));
   }
   return out;
 }
@@ -80,8 +89,9 @@ std::vector<Hypothesis> EstimateByRansac(const Cloud& source,
     if (graph.degree(i) >= 2) seeds.push_back(i);
   }
   if (seeds.empty()) return {};
-  std::stable_sort(seeds.begin(), seeds.end(),
-                   [&](int32_t a, int32_t b) { return graph.degree(a) > graph.degree(b); });
+  std::stable_sort(seeds.begin(), seeds.end(), [&](int32_t a, int32_t b) {
+    return graph.degree(a) > graph.degree(b);
+  });
   seeds.resize(std::max<size_t>(std::min<size_t>(seeds.size(), 20), seeds.size() / 5));
 
   constexpr int32_t kBatch = 256, kSub = 32;
@@ -123,9 +133,11 @@ std::vector<Hypothesis> EstimateByRansac(const Cloud& source,
         }
       }
       if (!merged) kept.push_back(h);
-      std::stable_sort(kept.begin(), kept.end(),
-                       [](const Hypothesis& x, const Hypothesis& y) { return x.inliers > y.inliers; });
-      if (static_cast<int32_t>(kept.size()) > params.keep) kept.resize(static_cast<size_t>(params.keep));
+      std::stable_sort(kept.begin(), kept.end(), [](const Hypothesis& x, const Hypothesis& y) {
+        return x.inliers > y.inliers;
+      });
+      if (static_cast<int32_t>(kept.size()) > params.keep)
+        kept.resize(static_cast<size_t>(params.keep));
     }
     iterations = start + count;
     if (iterations < params.minIterations || best == 0) continue;
@@ -146,8 +158,9 @@ std::vector<Hypothesis> EstimateByRansac(const Cloud& source,
       h.inliers = score;
     }
   }
-  std::stable_sort(kept.begin(), kept.end(),
-                   [](const Hypothesis& x, const Hypothesis& y) { return x.inliers > y.inliers; });
+  std::stable_sort(kept.begin(), kept.end(), [](const Hypothesis& x, const Hypothesis& y) {
+    return x.inliers > y.inliers;
+  });
   return kept;
 }
 

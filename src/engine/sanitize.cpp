@@ -22,7 +22,8 @@ Cloud Sanitize(const CloudView& view) {
     if (!(std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]))) continue;
     cloud.points.col(k) = Eigen::Vector3f(p[0], p[1], p[2]);
     if (normalsUsable) {
-      const Eigen::Vector3f n(view.normals[3 * i], view.normals[3 * i + 1], view.normals[3 * i + 2]);
+      const Eigen::Vector3f n(
+          view.normals[3 * i], view.normals[3 * i + 1], view.normals[3 * i + 2]);
       const float length = n.norm();
       if (!std::isfinite(length) || length < 1e-6f) {
         normalsUsable = false;

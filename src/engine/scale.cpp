@@ -19,10 +19,12 @@ double VoxelForBudget(const Cloud& full, int32_t budget) {
   Cloud sample;
   if (stride > 1) {
     sample.points.resize(3, (full.size() + stride - 1) / stride);
-    for (Eigen::Index i = 0; i < sample.points.cols(); ++i) sample.points.col(i) = full.points.col(i * stride);
+    for (Eigen::Index i = 0; i < sample.points.cols(); ++i)
+      sample.points.col(i) = full.points.col(i * stride);
   }
   const Cloud& cloud = stride > 1 ? sample : full;
-  const Eigen::Vector3f extentF = cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
+  const Eigen::Vector3f extentF =
+      cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
   std::array<double, 3> extent = {extentF[0], extentF[1], extentF[2]};
   std::sort(extent.begin(), extent.end());
   double voxel = std::sqrt(std::max(extent[2] * extent[1], extent[2] * extent[2] * 1e-4) / budget);
@@ -51,7 +53,8 @@ double MedianSpacing(const PointKdTree& tree) {
     if (tree.knnSearch(tree.element(i), 2, found, distSq) == 2) nearest.push_back(distSq[1]);
   }
   if (nearest.empty()) return 0.0;
-  std::nth_element(nearest.begin(), nearest.begin() + static_cast<long>(nearest.size() / 2), nearest.end());
+  std::nth_element(
+      nearest.begin(), nearest.begin() + static_cast<long>(nearest.size() / 2), nearest.end());
   return std::sqrt(static_cast<double>(nearest[nearest.size() / 2]));
 }
 

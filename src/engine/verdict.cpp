@@ -21,7 +21,11 @@ struct Tally {
 };
 
 // Pairs every point of `from` (moved by pose) with its nearest point of `to` within distance.
-Tally Pair(const Cloud& from, const Cloud& to, const PointKdTree& toTree, const Pose& pose, float distance) {
+Tally Pair(const Cloud& from,
+           const Cloud& to,
+           const PointKdTree& toTree,
+           const Pose& pose,
+           float distance) {
   const int32_t n = from.size();
   constexpr int32_t kBlock = 2048;
   const int32_t blocks = (n + kBlock - 1) / kBlock;
@@ -40,7 +44,8 @@ Tally Pair(const Cloud& from, const Cloud& to, const PointKdTree& toTree, const 
       if (toTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < limit)) continue;
       ++part.inliers;
       part.sumSq += distSq;
-      if (normals && std::abs((r * from.normals.col(i)).dot(to.normals.col(nearest))) > cosLimit) ++part.agreeing;
+      if (normals && std::abs((r * from.normals.col(i)).dot(to.normals.col(nearest))) > cosLimit)
+        ++part.agreeing;
     }
     parts[static_cast<size_t>(block)] = part;
   });
@@ -71,7 +76,8 @@ Overlap MeasureOverlap(const Cloud& source,
   out.targetOverlap = static_cast<double>(backward.inliers) / target.size();
   if (forward.inliers > 0) {
     out.rmse = std::sqrt(forward.sumSq / static_cast<double>(forward.inliers));
-    out.normalAgreement = static_cast<double>(forward.agreeing) / static_cast<double>(forward.inliers);
+    out.normalAgreement =
+        static_cast<double>(forward.agreeing) / static_cast<double>(forward.inliers);
   }
   return out;
 }
@@ -90,16 +96,27 @@ std::string Decide(const Overlap& overlap,
   if (shared < rules.minOverlap) {
     std::snprintf(text, sizeof(text), "overlap %.2f is below %.2f", shared, rules.minOverlap);
   } else if (overlap.rmse > rules.maxRmseShare * distance) {
-    std::snprintf(text, sizeof(text), "inlier RMSE %.3g is above %.2f of the inlier distance %.3g",
-                  overlap.rmse, rules.maxRmseShare, distance);
+    std::snprintf(text,
+                  sizeof(text),
+                  "inlier RMSE %.3g is above %.2f of the inlier distance %.3g",
+                  overlap.rmse,
+                  rules.maxRmseShare,
+                  distance);
   } else if (overlap.normalAgreement < rules.minNormalAgreement) {
-    std::snprintf(text, sizeof(text), "surface normals agree on %.2f of the overlap, below %.2f",
-                  overlap.normalAgreement, rules.minNormalAgreement);
+    std::snprintf(text,
+                  sizeof(text),
+                  "surface normals agree on %.2f of the overlap, below %.2f",
+                  overlap.normalAgreement,
+                  rules.minNormalAgreement);
   } else if (consistentPairs < rules.minConsistentPairs) {
-    std::snprintf(text, sizeof(text), "%d consistent feature matches, below %d", consistentPairs,
+    std::snprintf(text,
+                  sizeof(text),
+                  "%d consistent feature matches, below %d",
+                  consistentPairs,
                   rules.minConsistentPairs);
   } else if (rivalShare > rules.maxRivalScore) {
-    std::snprintf(text, sizeof(text), "ambiguous: a distinct motion scores %.2f of the best", rivalShare);
+    std::snprintf(
+        text, sizeof(text), "ambiguous: a distinct motion scores %.2f of the best", rivalShare);
   } else {
     return {};
   }

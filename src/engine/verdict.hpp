@@ -14,9 +14,9 @@ namespace qorv::engine {
 
 // What a pose does to the two refinement clouds.
 struct Overlap {
-  double fitness = 0.0;        // source points with a target point within distance
-  double targetOverlap = 0.0;  // target points with a moved source point within distance
-  double rmse = 0.0;           // RMS distance of the source's inlier pairs
+  double fitness = 0.0;          // source points with a target point within distance
+  double targetOverlap = 0.0;    // target points with a moved source point within distance
+  double rmse = 0.0;             // RMS distance of the source's inlier pairs
   double normalAgreement = 0.0;  // inlier pairs whose normals agree within 30 degrees (share)
   int32_t inliers = 0;
 };
@@ -34,11 +34,11 @@ double Score(const Overlap& overlap);
 
 // The thresholds of the verdict (chosen on development pairs; see the header of the engine).
 struct VerdictRules {
-  double minOverlap = 0.2;         // min(fitness, targetOverlap) at least this
-  double maxRmseShare = 0.6;       // inlier RMSE at most this share of the inlier distance
+  double minOverlap = 0.2;    // min(fitness, targetOverlap) at least this
+  double maxRmseShare = 0.6;  // inlier RMSE at most this share of the inlier distance
   double minNormalAgreement = 0.7;
   int32_t minConsistentPairs = 8;
-  double maxRivalScore = 0.9;      // a distinct rival scoring above this share of the best: ambiguous
+  double maxRivalScore = 0.9;  // a distinct rival scoring above this share of the best: ambiguous
 };
 
 // Decides on a pose measured with the given inlier distance; returns "" when registered, else the

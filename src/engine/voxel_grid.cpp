@@ -79,7 +79,8 @@ int32_t NumberCells(const std::vector<uint64_t>& keys, std::vector<int32_t>& cel
 
 double MinimumVoxelFor(const Cloud& cloud) {
   if (cloud.size() == 0) return 0.0;
-  const Eigen::Vector3f extent = cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
+  const Eigen::Vector3f extent =
+      cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
   return static_cast<double>(extent.maxCoeff()) / (kAxisCells - 1.0);
 }
 
@@ -102,7 +103,8 @@ Cloud VoxelAverage(const Cloud& cloud,
   const int32_t cells = NumberCells(CellKeys(cloud, voxel), cellOf);
   const bool normals = cloud.hasNormals();
   // Sums in double, point after point in index order.
-  Eigen::Matrix<double, 7, Eigen::Dynamic> sums = Eigen::Matrix<double, 7, Eigen::Dynamic>::Zero(7, cells);
+  Eigen::Matrix<double, 7, Eigen::Dynamic> sums =
+      Eigen::Matrix<double, 7, Eigen::Dynamic>::Zero(7, cells);
   for (int32_t i = 0; i < n; ++i) {
     const double w = weights.empty() ? 1.0 : static_cast<double>(weights[static_cast<size_t>(i)]);
     auto sum = sums.col(cellOf[static_cast<size_t>(i)]);

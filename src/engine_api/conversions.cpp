@@ -15,7 +15,8 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
       in.mode != QORV_ENGINE_MODE_EVALUATE) {
     return "mode must be QORV_ENGINE_MODE_GLOBAL, _LOCAL or _EVALUATE";
   }
-  if (!std::isfinite(in.voxel) || in.voxel < 0.0) return "voxel must be 0 (automatic) or a positive length";
+  if (!std::isfinite(in.voxel) || in.voxel < 0.0)
+    return "voxel must be 0 (automatic) or a positive length";
   if (in.point_budget < 100) return "point_budget must be at least 100";
   if (in.refine_budget < 100) return "refine_budget must be at least 100";
   if (in.threads < 0) return "threads must be 0 (default) or positive";
@@ -34,10 +35,12 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   if (in.has_initial) {
     if (!initial.allFinite()) return "the initial transform holds a non-finite number";
     const Eigen::Matrix3d rotation = initial.topLeftCorner<3, 3>();
-    const double orthogonality = (rotation.transpose() * rotation - Eigen::Matrix3d::Identity()).norm();
+    const double orthogonality =
+        (rotation.transpose() * rotation - Eigen::Matrix3d::Identity()).norm();
     if (orthogonality > 1e-3 || rotation.determinant() < 0.0 ||
         (initial.row(3) - Eigen::RowVector4d(0, 0, 0, 1)).norm() > 1e-9) {
-      return "the initial transform is not a rigid motion (rotation and translation, last row 0 0 0 1)";
+      return "the initial transform is not a rigid motion (rotation and translation, last row 0 0 "
+             "0 1)";
     }
   }
   out.mode = in.mode == QORV_ENGINE_MODE_LOCAL      ? Mode::kLocal
@@ -60,11 +63,13 @@ std::string CheckCloud(const QorvEngineCloud* cloud, const char* what) {
   const std::string name(what);
   if (cloud == nullptr) return "the " + name + " cloud is null";
   if (cloud->count < 0) return "the " + name + " cloud has a negative point count";
-  if (cloud->count > 0 && cloud->points == nullptr) return "the " + name + " cloud's points are null";
-  if (cloud->count > (int64_t{1} << 31) - 1) return "the " + name + " cloud has over 2^31 - 1 points";
-  if (cloud->width < 0 || cloud->height < 0) return "the " + name + " cloud has a negative width or height";
-  if (cloud->height > 1 &&
-      static_cast<int64_t>(cloud->width) * cloud->height != cloud->count) {
+  if (cloud->count > 0 && cloud->points == nullptr)
+    return "the " + name + " cloud's points are null";
+  if (cloud->count > (int64_t{1} << 31) - 1)
+    return "the " + name + " cloud has over 2^31 - 1 points";
+  if (cloud->width < 0 || cloud->height < 0)
+    return "the " + name + " cloud has a negative width or height";
+  if (cloud->height > 1 && static_cast<int64_t>(cloud->width) * cloud->height != cloud->count) {
     return "the " + name + " cloud's width x height differs from its point count";
   }
   return {};

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // The engine's C interface: argument checks, then the C++ engine.
-#include <qorv/engine.h>
-
 #include <cstring>
 #include <exception>
 #include <new>
 #include <string>
+
+#include <qorv/engine.h>
 
 #include "engine/engine.hpp"
 #include "engine_api/conversions.hpp"

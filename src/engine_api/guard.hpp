@@ -27,7 +27,8 @@ int32_t Guarded(Body body) {
   try {
     return body();
   } catch (const io::IoError& e) {
-    return Fail(e.kind() == io::IoError::kFile ? QORV_ENGINE_ERROR_FILE : QORV_ENGINE_ERROR_FORMAT, e.what());
+    return Fail(e.kind() == io::IoError::kFile ? QORV_ENGINE_ERROR_FILE : QORV_ENGINE_ERROR_FORMAT,
+                e.what());
   } catch (const std::bad_alloc&) {
     return Fail(QORV_ENGINE_ERROR_ALLOCATION, "out of memory");
   } catch (const std::exception& e) {

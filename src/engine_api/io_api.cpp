@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // The C interface of the cloud files: argument checks, then the readers and writers.
-#include <qorv/engine_io.h>
-
-#include <cmath>
-#include <cstring>
 #include <algorithm>
 #include <climits>
+#include <cmath>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <new>
 #include <string>
+
+#include <qorv/engine_io.h>
 
 #include "engine_api/guard.hpp"
 #include "io/cloud_files.hpp"
@@ -47,23 +47,30 @@ QORV_ENGINE_API int32_t QorvEngineReadCloud(const char* path,
                                             QorvEngineCloudData** out) {
   return Guarded([&]() -> int32_t {
     if (path == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the path is null");
-    if (out == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the output pointer is null");
+    if (out == nullptr)
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the output pointer is null");
     qorv::io::DepthCamera k;
     if (camera != nullptr) {
-      const double values[5] = {camera->fx, camera->fy, camera->cx, camera->cy, camera->depth_scale};
+      const double values[5] = {
+          camera->fx, camera->fy, camera->cx, camera->cy, camera->depth_scale};
       for (double v : values) {
-        if (!std::isfinite(v)) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the depth camera holds a non-finite value");
+        if (!std::isfinite(v))
+          return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                      "the depth camera holds a non-finite value");
       }
       if (!(camera->fx > 0.0 && camera->fy > 0.0 && camera->depth_scale > 0.0)) {
-        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the depth camera's fx, fy and depth_scale must be positive");
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                    "the depth camera's fx, fy and depth_scale must be positive");
       }
       k = {camera->fx, camera->fy, camera->cx, camera->cy, camera->depth_scale};
     }
     auto owned = std::make_unique<OwnedCloud>();
     owned->cloud = qorv::io::ReadCloudFile(path, keep_organized != 0, k);
     qorv::io::CloudData& c = owned->cloud;
-    if (std::max(c.width, c.fileWidth) > INT32_MAX || std::max(c.height, c.fileHeight) > INT32_MAX) {
-      return Fail(QORV_ENGINE_ERROR_FORMAT, std::string("'") + path + "': organized size too large");
+    if (std::max(c.width, c.fileWidth) > INT32_MAX ||
+        std::max(c.height, c.fileHeight) > INT32_MAX) {
+      return Fail(QORV_ENGINE_ERROR_FORMAT,
+                  std::string("'") + path + "': organized size too large");
     }
     QorvEngineCloudData& d = owned->data;
     std::memset(&d, 0, sizeof(d));
@@ -79,7 +86,8 @@ QORV_ENGINE_API int32_t QorvEngineReadCloud(const char* path,
     d.non_finite = c.nonFinite;
     const bool fileOrganized = c.organized() || c.fileHeight > 1;
     d.file_width = fileOrganized ? static_cast<int32_t>(c.organized() ? c.width : c.fileWidth) : 0;
-    d.file_height = fileOrganized ? static_cast<int32_t>(c.organized() ? c.height : c.fileHeight) : 0;
+    d.file_height =
+        fileOrganized ? static_cast<int32_t>(c.organized() ? c.height : c.fileHeight) : 0;
     std::strncpy(d.format, c.format.c_str(), sizeof(d.format) - 1);
     std::string fields;
     for (const std::string& f : c.fields) fields += (fields.empty() ? "" : " ") + f;
@@ -95,19 +103,25 @@ QORV_ENGINE_API void QorvEngineFreeCloud(QorvEngineCloudData* cloud) {
   delete reinterpret_cast<OwnedCloud*>(cloud);
 }
 
-QORV_ENGINE_API int32_t QorvEngineWriteCloud(const char* path, const QorvEngineCloudData* cloud, int32_t encoding) {
+QORV_ENGINE_API int32_t QorvEngineWriteCloud(const char* path,
+                                             const QorvEngineCloudData* cloud,
+                                             int32_t encoding) {
   return Guarded([&]() -> int32_t {
     if (path == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the path is null");
     if (cloud == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the cloud is null");
     if (cloud->count < 0 || (cloud->count > 0 && cloud->points == nullptr)) {
-      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the cloud's count is negative or its points are null");
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                  "the cloud's count is negative or its points are null");
     }
-    if (cloud->count > qorv::io::kMaxPoints) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the cloud has too many points");
+    if (cloud->count > qorv::io::kMaxPoints)
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the cloud has too many points");
     if (encoding < QORV_ENGINE_ENCODING_DEFAULT || encoding > QORV_ENGINE_ENCODING_COMPRESSED) {
-      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "unknown encoding " + std::to_string(encoding));
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                  "unknown encoding " + std::to_string(encoding));
     }
     if (cloud->height > 1 && static_cast<int64_t>(cloud->width) * cloud->height != cloud->count) {
-      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the cloud's width x height differs from its count");
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                  "the cloud's width x height differs from its count");
     }
     qorv::io::CloudData c;
     const size_t n = static_cast<size_t>(cloud->count);
@@ -119,8 +133,10 @@ QORV_ENGINE_API int32_t QorvEngineWriteCloud(const char* path, const QorvEngineC
     c.height = cloud->height > 1 ? cloud->height : 1;
     c.hasViewpoint = cloud->has_viewpoint != 0;
     std::memcpy(c.viewpoint, cloud->viewpoint, sizeof(c.viewpoint));
-    static const qorv::io::Encoding kEncodings[] = {qorv::io::Encoding::kDefault, qorv::io::Encoding::kAscii,
-                                                    qorv::io::Encoding::kBinary, qorv::io::Encoding::kCompressed};
+    static const qorv::io::Encoding kEncodings[] = {qorv::io::Encoding::kDefault,
+                                                    qorv::io::Encoding::kAscii,
+                                                    qorv::io::Encoding::kBinary,
+                                                    qorv::io::Encoding::kCompressed};
     qorv::io::WriteCloudFile(path, c, kEncodings[encoding]);
     SetLastError("");
     return QORV_ENGINE_OK;

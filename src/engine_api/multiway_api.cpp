@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // The C interface of many-scan alignment: argument checks, then the C++ alignment.
-#include <qorv/engine_multiway.h>
-
 #include <algorithm>
 #include <exception>
 #include <new>
 #include <string>
 #include <vector>
+
+#include <qorv/engine_multiway.h>
 
 #include "engine_api/conversions.hpp"
 #include "engine_api/guard.hpp"
@@ -42,13 +42,16 @@ QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
                                            int32_t edge_capacity,
                                            int32_t* edge_count) {
   return Guarded([&]() -> int32_t {
-    if (scans == nullptr || count < 2) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "at least two scans are needed");
+    if (scans == nullptr || count < 2)
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "at least two scans are needed");
     if (extra_count < 0 || (extra_count > 0 && extra == nullptr)) {
-      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the extra edges are null or their count negative");
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                  "the extra edges are null or their count negative");
     }
     if (poses == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the poses are null");
     if (edge_capacity < 0 || (edge_capacity > 0 && edges == nullptr)) {
-      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the edges are null or their capacity negative");
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                  "the edges are null or their capacity negative");
     }
     std::vector<qorv::engine::CloudView> views;
     for (int32_t i = 0; i < count; ++i) {
@@ -75,17 +78,20 @@ QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
     for (int32_t e = 0; e < extra_count; ++e) {
       const QorvEngineMultiwayEdge& x = extra[e];
       if (x.from < 0 || x.from >= count || x.to < 0 || x.to >= count || x.from == x.to) {
-        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "extra edge " + std::to_string(e) + " names no two scans");
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                    "extra edge " + std::to_string(e) + " names no two scans");
       }
       if (!(x.rotation_sigma > 0.0) || !(x.shift_sigma > 0.0)) {
-        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "extra edge " + std::to_string(e) + " needs positive sigmas");
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                    "extra edge " + std::to_string(e) + " needs positive sigmas");
       }
       qorv::multiway::Edge edge;
       edge.from = x.from;
       edge.to = x.to;
       edge.motion = MatrixOf(x.motion);
       if (!edge.motion.allFinite()) {
-        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "extra edge " + std::to_string(e) + " holds a non-finite number");
+        return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                    "extra edge " + std::to_string(e) + " holds a non-finite number");
       }
       edge.rotationSigma = x.rotation_sigma;
       edge.shiftSigma = x.shift_sigma;
@@ -94,10 +100,12 @@ QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
     std::vector<qorv::multiway::Pose> settled;
     std::vector<qorv::multiway::EdgeReport> reports;
     std::string error;
-    const int32_t code = qorv::multiway::AlignScans(views, opts, loops != 0, given, settled, reports, error);
+    const int32_t code =
+        qorv::multiway::AlignScans(views, opts, loops != 0, given, settled, reports, error);
     if (code != QORV_ENGINE_OK) return Fail(code, error);
     for (int32_t i = 0; i < count; ++i) {
-      for (int k = 0; k < 16; ++k) poses[16 * i + k] = settled[static_cast<size_t>(i)](k / 4, k % 4);
+      for (int k = 0; k < 16; ++k)
+        poses[16 * i + k] = settled[static_cast<size_t>(i)](k / 4, k % 4);
     }
     const int32_t total = static_cast<int32_t>(reports.size());
     for (int32_t e = 0; e < std::min(total, edge_capacity); ++e) {

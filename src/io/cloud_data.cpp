@@ -7,7 +7,9 @@
 namespace qorv::io {
 namespace {
 
-bool Finite(const float* p) { return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]); }
+bool Finite(const float* p) {
+  return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
+}
 
 }  // namespace
 

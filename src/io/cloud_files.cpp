@@ -14,17 +14,21 @@
 namespace qorv::io {
 namespace {
 
-bool StartsWith(std::string_view bytes, std::string_view head) { return bytes.substr(0, head.size()) == head; }
+bool StartsWith(std::string_view bytes, std::string_view head) {
+  return bytes.substr(0, head.size()) == head;
+}
 
 bool IsTiff(std::string_view bytes) {
-  return StartsWith(bytes, std::string_view("II*\0", 4)) || StartsWith(bytes, std::string_view("MM\0*", 4));
+  return StartsWith(bytes, std::string_view("II*\0", 4)) ||
+         StartsWith(bytes, std::string_view("MM\0*", 4));
 }
 
 CloudData ParseAscText(std::string_view bytes, const std::string& path) {
   // The tokenizer wants a terminating zero byte after the text.
   std::string text(bytes);
   AscCloud asc = ParseAsc(text.c_str(), text.size());
-  if (asc.count > kMaxPoints) throw IoError(IoError::kFormat, "'" + path + "' holds more points than supported");
+  if (asc.count > kMaxPoints)
+    throw IoError(IoError::kFormat, "'" + path + "' holds more points than supported");
   CloudData cloud;
   cloud.format = "asc";
   cloud.points = std::move(asc.points);
@@ -48,20 +52,27 @@ CloudData Finish(CloudData cloud, const std::string& path, bool keepOrganized) {
 
 }  // namespace
 
-CloudData ParseCloud(std::string_view bytes, const std::string& path, bool keepOrganized, const DepthCamera& camera) {
+CloudData ParseCloud(std::string_view bytes,
+                     const std::string& path,
+                     bool keepOrganized,
+                     const DepthCamera& camera) {
   if (StartsWith(bytes, "ply\n") || StartsWith(bytes, "ply\r\n")) {
     return Finish(ParsePly(bytes, path), path, keepOrganized);
   }
   if (StartsWith(bytes, "# .PCD") || StartsWith(bytes, "VERSION") || StartsWith(bytes, "FIELDS")) {
     return Finish(ParsePcd(bytes, path), path, keepOrganized);
   }
-  if (StartsWith(bytes, "\x89PNG")) return Finish(DepthToCloud(DecodePng(bytes, path), camera), path, keepOrganized);
+  if (StartsWith(bytes, "\x89PNG"))
+    return Finish(DepthToCloud(DecodePng(bytes, path), camera), path, keepOrganized);
   const std::string ext = Extension(path);
   if (ext == ".ply" || ext == ".pcd" || ext == ".png" || ext == ".tif" || ext == ".tiff") {
-    throw IoError(IoError::kFormat, "'" + path + "' is not a " + ext.substr(1) + " file (its first bytes say otherwise)");
+    throw IoError(
+        IoError::kFormat,
+        "'" + path + "' is not a " + ext.substr(1) + " file (its first bytes say otherwise)");
   }
   CloudData cloud = ParseAscText(bytes, path);
-  if (cloud.size() == 0) throw IoError(IoError::kFormat, "'" + path + "' has no point in it (read as ASC text)");
+  if (cloud.size() == 0)
+    throw IoError(IoError::kFormat, "'" + path + "' has no point in it (read as ASC text)");
   return Finish(std::move(cloud), path, keepOrganized);
 }
 
@@ -73,10 +84,14 @@ CloudData ReadCloudFile(const std::string& path, bool keepOrganized, const Depth
 
 void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding encoding) {
   const std::string ext = Extension(path);
-  if (cloud.size() == 0) throw IoError(IoError::kFile, "nothing to write to '" + path + "': no point");
+  if (cloud.size() == 0)
+    throw IoError(IoError::kFile, "nothing to write to '" + path + "': no point");
   if (ext != ".ply" && ext != ".pcd") {
-    if (!WritePointsToAsc(path.c_str(), cloud.points.data(), cloud.normals.empty() ? nullptr : cloud.normals.data(),
-                          cloud.colours.empty() ? nullptr : cloud.colours.data(), cloud.size())) {
+    if (!WritePointsToAsc(path.c_str(),
+                          cloud.points.data(),
+                          cloud.normals.empty() ? nullptr : cloud.normals.data(),
+                          cloud.colours.empty() ? nullptr : cloud.colours.data(),
+                          cloud.size())) {
       throw IoError(IoError::kFile, "cannot write '" + path + "'");
     }
     return;

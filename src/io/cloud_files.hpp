@@ -17,7 +17,10 @@ namespace qorv::io {
 CloudData ReadCloudFile(const std::string& path, bool keepOrganized, const DepthCamera& camera);
 
 // The same from bytes already in memory (TIFF excepted: libtiff reads files).
-CloudData ParseCloud(std::string_view bytes, const std::string& path, bool keepOrganized, const DepthCamera& camera);
+CloudData ParseCloud(std::string_view bytes,
+                     const std::string& path,
+                     bool keepOrganized,
+                     const DepthCamera& camera);
 
 // Writes by the extension: .ply, .pcd, else ASC text (.asc, .xyz, .txt). Throws IoError.
 void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding encoding);

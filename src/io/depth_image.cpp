@@ -9,10 +9,10 @@
 #include <cstring>
 #include <limits>
 
+#include "features/depth_maps.hpp"
+
 #include <png.h>
 #include <tiffio.h>
-
-#include "features/depth_maps.hpp"
 
 namespace qorv::io {
 namespace {
@@ -39,9 +39,14 @@ void SilentError(png_structp png, png_const_charp) { png_longjmp(png, 1); }
 
 // The decoding itself, in C style: libpng reports errors by longjmp, which must not cross C++
 // objects with destructors. Returns an error message, or nullptr with *rows filled (big endian).
-const char* DecodePngRows(PngSource* source, png_uint_32* width, png_uint_32* height, unsigned char** pixels,
-                          char* message, size_t messageSize) {
-  png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, SilentError, SilentWarning);
+const char* DecodePngRows(PngSource* source,
+                          png_uint_32* width,
+                          png_uint_32* height,
+                          unsigned char** pixels,
+                          char* message,
+                          size_t messageSize) {
+  png_structp png =
+      png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, SilentError, SilentWarning);
   if (png == nullptr) return "out of memory";
   png_infop info = png_create_info_struct(png);
   unsigned char* volatile buffer = nullptr;
@@ -59,7 +64,10 @@ const char* DecodePngRows(PngSource* source, png_uint_32* width, png_uint_32* he
   const int depth = png_get_bit_depth(png, info), type = png_get_color_type(png, info);
   if (depth != 16 || type != PNG_COLOR_TYPE_GRAY) {
     png_destroy_read_struct(&png, &info, nullptr);
-    std::snprintf(message, messageSize, "a depth PNG must be 16-bit grey, this one is %d-bit %s", depth,
+    std::snprintf(message,
+                  messageSize,
+                  "a depth PNG must be 16-bit grey, this one is %d-bit %s",
+                  depth,
                   type == PNG_COLOR_TYPE_GRAY ? "grey" : "colour");
     return message;
   }
@@ -92,7 +100,8 @@ DepthImage DecodePng(std::string_view bytes, const std::string& path) {
   png_uint_32 width = 0, height = 0;
   unsigned char* pixels = nullptr;
   char message[160];
-  if (const char* error = DecodePngRows(&source, &width, &height, &pixels, message, sizeof(message))) {
+  if (const char* error =
+          DecodePngRows(&source, &width, &height, &pixels, message, sizeof(message))) {
     throw IoError(IoError::kFormat, "'" + path + "': " + error);
   }
   DepthImage image;
@@ -100,7 +109,8 @@ DepthImage DecodePng(std::string_view bytes, const std::string& path) {
   image.height = static_cast<int32_t>(height);
   image.depth.resize(static_cast<size_t>(width) * height);
   for (size_t i = 0; i < image.depth.size(); ++i) {
-    image.depth[i] = static_cast<float>((pixels[2 * i] << 8) | pixels[2 * i + 1]);  // PNG is big endian
+    image.depth[i] =
+        static_cast<float>((pixels[2 * i] << 8) | pixels[2 * i + 1]);  // PNG is big endian
   }
   std::free(pixels);
   return image;
@@ -123,10 +133,12 @@ DepthImage ReadTiff(const std::string& path) {
   const bool f32 = bits == 32 && format == SAMPLEFORMAT_IEEEFP;
   std::string problem;
   if (samples != 1 || !(u16 || f32)) {
-    problem = "a depth TIFF must hold one 16-bit unsigned or 32-bit float sample a pixel (this one: " +
-              std::to_string(samples) + " x " + std::to_string(bits) + "-bit)";
+    problem =
+        "a depth TIFF must hold one 16-bit unsigned or 32-bit float sample a pixel (this one: " +
+        std::to_string(samples) + " x " + std::to_string(bits) + "-bit)";
   } else if (width == 0 || height == 0 || static_cast<int64_t>(width) * height > kMaxPixels ||
-             static_cast<tmsize_t>(TIFFScanlineSize(tiff)) < static_cast<tmsize_t>(width) * (bits / 8)) {
+             static_cast<tmsize_t>(TIFFScanlineSize(tiff)) <
+                 static_cast<tmsize_t>(width) * (bits / 8)) {
     problem = "implausible TIFF size " + std::to_string(width) + " x " + std::to_string(height);
   }
   DepthImage image;
@@ -173,13 +185,16 @@ CloudData DepthToCloud(const DepthImage& image, const DepthCamera& camera) {
   }
   cloud.points.assign(3 * n, 0.0f);
   cloud.normals.assign(3 * n, 0.0f);
-  const Intrinsics k{static_cast<float>(camera.fx), static_cast<float>(camera.fy), static_cast<float>(camera.cx),
+  const Intrinsics k{static_cast<float>(camera.fx),
+                     static_cast<float>(camera.fy),
+                     static_cast<float>(camera.cx),
                      static_cast<float>(camera.cy)};
   const ImageView<const float> depthView{metres.data(), 0, image.width, image.height};
   const ImageView<float, 3> vertices{cloud.points.data(), 0, image.width, image.height};
   const ImageView<float, 3> normals{cloud.normals.data(), 0, image.width, image.height};
   DepthToVertexMap(depthView, k, vertices);
-  VertexToNormalMap(ImageView<const float, 3>{cloud.points.data(), 0, image.width, image.height}, normals);
+  VertexToNormalMap(ImageView<const float, 3>{cloud.points.data(), 0, image.width, image.height},
+                    normals);
   const float nan = std::numeric_limits<float>::quiet_NaN();
   for (size_t i = 0; i < n; ++i) {
     if (metres[i] > 0.0f) continue;

@@ -24,7 +24,8 @@ void FieldSlots::reserve(CloudData& cloud, int64_t count) const {
 }
 
 void FieldSlots::store(CloudData& cloud, size_t i, const double* values) const {
-  for (int c = 0; c < 3; ++c) cloud.points[3 * i + static_cast<size_t>(c)] = static_cast<float>(values[xyz[c]]);
+  for (int c = 0; c < 3; ++c)
+    cloud.points[3 * i + static_cast<size_t>(c)] = static_cast<float>(values[xyz[c]]);
   if (!cloud.normals.empty()) {
     for (int c = 0; c < 3; ++c) {
       cloud.normals[3 * i + static_cast<size_t>(c)] = static_cast<float>(values[normal[c]]);

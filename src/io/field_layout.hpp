@@ -22,7 +22,9 @@ struct FieldSlots {
 
   bool hasXyz() const { return xyz[0] >= 0 && xyz[1] >= 0 && xyz[2] >= 0; }
   bool hasNormals() const { return normal[0] >= 0 && normal[1] >= 0 && normal[2] >= 0; }
-  bool hasColours() const { return (colour[0] >= 0 && colour[1] >= 0 && colour[2] >= 0) || packedRgb >= 0; }
+  bool hasColours() const {
+    return (colour[0] >= 0 && colour[1] >= 0 && colour[2] >= 0) || packedRgb >= 0;
+  }
 
   // Sizes the cloud's arrays for count points.
   void reserve(CloudData& cloud, int64_t count) const;

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <vector>
 
-#include <lzf.h>
-
 #include "io/field_layout.hpp"
 #include "io/text_fields.hpp"
+
+#include <lzf.h>
 
 namespace qorv::io {
 namespace {
@@ -64,15 +64,19 @@ Header ReadHeader(const std::vector<std::string>& lines, const std::string& path
   if (h.counts.empty()) h.counts.assign(h.fields.size(), 1);
   if (h.fields.empty() || h.sizes.size() != h.fields.size() || h.types.size() != h.fields.size() ||
       h.counts.size() != h.fields.size()) {
-    throw IoError(IoError::kFormat, "'" + path + "': PCD header needs FIELDS, SIZE, TYPE (and COUNT) of equal length");
+    throw IoError(
+        IoError::kFormat,
+        "'" + path + "': PCD header needs FIELDS, SIZE, TYPE (and COUNT) of equal length");
   }
   if (h.width >= 0 && h.height > 0 &&
-      static_cast<double>(h.width) * static_cast<double>(h.height) > static_cast<double>(kMaxPoints)) {
+      static_cast<double>(h.width) * static_cast<double>(h.height) >
+          static_cast<double>(kMaxPoints)) {
     throw IoError(IoError::kFormat, "'" + path + "' holds more points than supported");
   }
   if (h.points < 0 && h.width >= 0) h.points = h.width * h.height;
   if (h.points < 0) throw IoError(IoError::kFormat, "'" + path + "': PCD header has no POINTS");
-  if (h.points > kMaxPoints) throw IoError(IoError::kFormat, "'" + path + "' holds more points than supported");
+  if (h.points > kMaxPoints)
+    throw IoError(IoError::kFormat, "'" + path + "' holds more points than supported");
   if (h.width < 0 || h.height < 1 || h.width * h.height != h.points) {
     h.width = h.points;  // an inconsistent layout is read as a plain list of points
     h.height = 1;
@@ -101,8 +105,9 @@ Scalar PcdScalar(char type, int64_t size, const std::string& path) {
         break;
     }
   }
-  throw IoError(IoError::kFormat, "'" + path + "': unsupported PCD field type " +
-                                      Quote(std::string(1, type) + std::to_string(size)));
+  throw IoError(IoError::kFormat,
+                "'" + path + "': unsupported PCD field type " +
+                    Quote(std::string(1, type) + std::to_string(size)));
 }
 
 }  // namespace
@@ -125,7 +130,8 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
   static const char* kNormals[3] = {"normal_x", "normal_y", "normal_z"};
   size_t rowBytes = 0;
   for (size_t f = 0; f < h.fields.size(); ++f) {
-    if (h.counts[f] < 1 || h.counts[f] > 4096) throw IoError(IoError::kFormat, "'" + path + "': bad PCD COUNT");
+    if (h.counts[f] < 1 || h.counts[f] > 4096)
+      throw IoError(IoError::kFormat, "'" + path + "': bad PCD COUNT");
     const Scalar type = PcdScalar(h.types[f], h.sizes[f], path);
     const int first = static_cast<int>(slots.size());
     for (int c = 0; c < 3; ++c) {
@@ -150,8 +156,9 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
   cloud.height = h.height;
   // Every PCD writer puts a VIEWPOINT line; the default one (the origin, no turn) tells where the
   // sensor sat only for an organized frame, which is in its sensor's coordinates.
-  const bool defaultViewpoint = h.viewpoint[0] == 0.0 && h.viewpoint[1] == 0.0 && h.viewpoint[2] == 0.0 &&
-                                h.viewpoint[3] == 1.0 && h.viewpoint[4] == 0.0 && h.viewpoint[5] == 0.0 &&
+  const bool defaultViewpoint = h.viewpoint[0] == 0.0 && h.viewpoint[1] == 0.0 &&
+                                h.viewpoint[2] == 0.0 && h.viewpoint[3] == 1.0 &&
+                                h.viewpoint[4] == 0.0 && h.viewpoint[5] == 0.0 &&
                                 h.viewpoint[6] == 0.0;
   cloud.hasViewpoint = h.hasViewpoint && (h.height > 1 || !defaultViewpoint);
   std::memcpy(cloud.viewpoint, h.viewpoint, sizeof(h.viewpoint));
@@ -189,22 +196,27 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
       throw IoError(IoError::kFormat, "'" + path + "': PCD data ends early");
     }
   } else {
-    if (available < 8) throw IoError(IoError::kFormat, "'" + path + "': PCD compressed data ends early");
+    if (available < 8)
+      throw IoError(IoError::kFormat, "'" + path + "': PCD compressed data ends early");
     uint32_t packedSize = 0, fullSize = 0;
     std::memcpy(&packedSize, data, 4);
     std::memcpy(&fullSize, data + 4, 4);
-    if (packedSize > available - 8) throw IoError(IoError::kFormat, "'" + path + "': PCD compressed data ends early");
+    if (packedSize > available - 8)
+      throw IoError(IoError::kFormat, "'" + path + "': PCD compressed data ends early");
     if (static_cast<uint64_t>(fullSize) != points * rowBytes) {
-      throw IoError(IoError::kFormat, "'" + path + "': PCD compressed data holds " + std::to_string(fullSize) +
-                                          " bytes, the header asks for " + std::to_string(points * rowBytes));
+      throw IoError(IoError::kFormat,
+                    "'" + path + "': PCD compressed data holds " + std::to_string(fullSize) +
+                        " bytes, the header asks for " + std::to_string(points * rowBytes));
     }
     if (static_cast<uint64_t>(fullSize) > kMaxLzfRatio * packedSize + 64) {
-      throw IoError(IoError::kFormat, "'" + path + "': PCD compressed size is implausible for its data");
+      throw IoError(IoError::kFormat,
+                    "'" + path + "': PCD compressed size is implausible for its data");
     }
     inflated.resize(fullSize);
     if (fullSize > 0) {
       const unsigned int got = lzf_decompress(data + 8, packedSize, inflated.data(), fullSize);
-      if (got != fullSize) throw IoError(IoError::kFormat, "'" + path + "': PCD compressed data is corrupt");
+      if (got != fullSize)
+        throw IoError(IoError::kFormat, "'" + path + "': PCD compressed data is corrupt");
     }
     data = inflated.data();
     // Field after field: each slot's values lie in a run of their own.
@@ -222,7 +234,8 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
   }
   keep.reserve(cloud, h.points);
   auto at = [&](const Slot& slot, uint64_t i) {
-    return rowStride > 0 ? data + i * rowStride + slot.offsetInRow : data + slot.offsetInBlock + i * slot.stride;
+    return rowStride > 0 ? data + i * rowStride + slot.offsetInRow
+                         : data + slot.offsetInBlock + i * slot.stride;
   };
   // Each kept attribute is copied column by column; 4-byte floats (nearly every file) straight.
   auto column = [&](int slotIndex, float* out, size_t outStride) {
@@ -231,7 +244,8 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
     if (slot.type == Scalar::kFloat32) {
       for (uint64_t i = 0; i < points; ++i) std::memcpy(out + i * outStride, at(slot, i), 4);
     } else {
-      for (uint64_t i = 0; i < points; ++i) out[i * outStride] = static_cast<float>(DecodeScalar(at(slot, i), slot.type, false));
+      for (uint64_t i = 0; i < points; ++i)
+        out[i * outStride] = static_cast<float>(DecodeScalar(at(slot, i), slot.type, false));
     }
   };
   if (points == 0) {

@@ -25,13 +25,22 @@ struct Element {
 };
 
 Scalar PlyScalar(const std::string& name, const std::string& path) {
-  static const std::pair<const char*, Scalar> kNames[] = {
-      {"char", Scalar::kInt8},     {"int8", Scalar::kInt8},       {"uchar", Scalar::kUint8},
-      {"uint8", Scalar::kUint8},   {"short", Scalar::kInt16},     {"int16", Scalar::kInt16},
-      {"ushort", Scalar::kUint16}, {"uint16", Scalar::kUint16},   {"int", Scalar::kInt32},
-      {"int32", Scalar::kInt32},   {"uint", Scalar::kUint32},     {"uint32", Scalar::kUint32},
-      {"float", Scalar::kFloat32}, {"float32", Scalar::kFloat32}, {"double", Scalar::kFloat64},
-      {"float64", Scalar::kFloat64}};
+  static const std::pair<const char*, Scalar> kNames[] = {{"char", Scalar::kInt8},
+                                                          {"int8", Scalar::kInt8},
+                                                          {"uchar", Scalar::kUint8},
+                                                          {"uint8", Scalar::kUint8},
+                                                          {"short", Scalar::kInt16},
+                                                          {"int16", Scalar::kInt16},
+                                                          {"ushort", Scalar::kUint16},
+                                                          {"uint16", Scalar::kUint16},
+                                                          {"int", Scalar::kInt32},
+                                                          {"int32", Scalar::kInt32},
+                                                          {"uint", Scalar::kUint32},
+                                                          {"uint32", Scalar::kUint32},
+                                                          {"float", Scalar::kFloat32},
+                                                          {"float32", Scalar::kFloat32},
+                                                          {"double", Scalar::kFloat64},
+                                                          {"float64", Scalar::kFloat64}};
   for (const auto& [text, type] : kNames) {
     if (name == text) return type;
   }
@@ -73,7 +82,8 @@ CloudData ParsePly(std::string_view bytes, const std::string& path) {
   std::vector<Element> elements;
   for (const std::string& line : lines) {
     const std::vector<std::string> w = Words(line);
-    if (w.empty() || w[0] == "comment" || w[0] == "obj_info" || w[0] == "ply" || w[0] == "end_header") {
+    if (w.empty() || w[0] == "comment" || w[0] == "obj_info" || w[0] == "ply" ||
+        w[0] == "end_header") {
       continue;
     }
     if (w[0] == "format" && w.size() >= 2) {
@@ -104,14 +114,19 @@ CloudData ParsePly(std::string_view bytes, const std::string& path) {
     throw IoError(IoError::kFormat, "'" + path + "': unsupported PLY format " + Quote(format));
   }
   CloudData cloud;
-  cloud.format = std::string("ply (") + (ascii ? "ascii" : bigEndian ? "binary big endian" : "binary little endian") + ")";
+  cloud.format = std::string("ply (") +
+                 (ascii       ? "ascii"
+                  : bigEndian ? "binary big endian"
+                              : "binary little endian") +
+                 ")";
   TextNumbers text(bytes, body, path);
   size_t pos = body;
   const auto* raw = reinterpret_cast<const unsigned char*>(bytes.data());
   auto value = [&](Scalar type) {
     if (ascii) return text.next();
     const size_t size = static_cast<size_t>(ScalarSize(type));
-    if (bytes.size() - pos < size) throw IoError(IoError::kFormat, "'" + path + "': PLY data ends early");
+    if (bytes.size() - pos < size)
+      throw IoError(IoError::kFormat, "'" + path + "': PLY data ends early");
     const double v = DecodeScalar(raw + pos, type, bigEndian);
     pos += size;
     return v;
@@ -122,7 +137,8 @@ CloudData ParsePly(std::string_view bytes, const std::string& path) {
     FieldSlots slots;
     if (isVertex) {
       slots = VertexSlots(element);
-      if (!slots.hasXyz()) throw IoError(IoError::kFormat, "'" + path + "': PLY vertex element lacks x, y or z");
+      if (!slots.hasXyz())
+        throw IoError(IoError::kFormat, "'" + path + "': PLY vertex element lacks x, y or z");
       if (element.count > kMaxPoints) {
         throw IoError(IoError::kFormat, "'" + path + "' holds more points than supported");
       }
@@ -143,7 +159,8 @@ CloudData ParsePly(std::string_view bytes, const std::string& path) {
         const Property& property = element.properties[p];
         if (property.isList) {
           const double n = value(property.countType);
-          if (!(n >= 0) || n > 1e6) throw IoError(IoError::kFormat, "'" + path + "': bad PLY list length");
+          if (!(n >= 0) || n > 1e6)
+            throw IoError(IoError::kFormat, "'" + path + "': bad PLY list length");
           for (int64_t k = 0; k < static_cast<int64_t>(n); ++k) value(property.type);
           values[p] = 0.0;
         } else {

@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
-#include <filesystem>
 
 #include "io/cloud_data.hpp"
 
@@ -84,17 +84,23 @@ double TextNumbers::next() {
   if (pos_ >= text_.size()) throw IoError(IoError::kFormat, "'" + path_ + "': data ends early");
   // strtod needs a terminated string: copy the word (numbers are short).
   size_t end = pos_;
-  while (end < text_.size() && !std::isspace(static_cast<unsigned char>(text_[end])) && end - pos_ < 64) ++end;
+  while (end < text_.size() && !std::isspace(static_cast<unsigned char>(text_[end])) &&
+         end - pos_ < 64)
+    ++end;
   const std::string word(text_.substr(pos_, end - pos_));
   char* stop = nullptr;
   const double value = std::strtod(word.c_str(), &stop);
-  if (stop == word.c_str()) throw IoError(IoError::kFormat, "'" + path_ + "': not a number: " + Quote(word));
+  if (stop == word.c_str())
+    throw IoError(IoError::kFormat, "'" + path_ + "': not a number: " + Quote(word));
   pos_ += static_cast<size_t>(stop - word.c_str());
   return value;
 }
 
-size_t SplitHeader(std::string_view bytes, const std::string& last, const std::string& path,
-                   const char* format, std::vector<std::string>& lines) {
+size_t SplitHeader(std::string_view bytes,
+                   const std::string& last,
+                   const std::string& path,
+                   const char* format,
+                   std::vector<std::string>& lines) {
   size_t pos = 0;
   while (pos < bytes.size() && lines.size() < 10000) {
     const size_t end = bytes.find('\n', pos);
@@ -106,7 +112,8 @@ size_t SplitHeader(std::string_view bytes, const std::string& last, const std::s
     const std::vector<std::string> w = Words(line);
     if (!w.empty() && w[0] == last) return pos;
   }
-  throw IoError(IoError::kFormat, "'" + path + "': " + format + " header has no '" + last + "' line");
+  throw IoError(IoError::kFormat,
+                "'" + path + "': " + format + " header has no '" + last + "' line");
 }
 
 std::vector<std::string> Words(const std::string& line) {
@@ -136,7 +143,8 @@ std::string Quote(std::string_view text) {
 
 std::string ReadFileBytes(const std::string& path) {
   std::error_code error;
-  if (std::filesystem::is_directory(path, error)) throw IoError(IoError::kFile, "'" + path + "' is a folder");
+  if (std::filesystem::is_directory(path, error))
+    throw IoError(IoError::kFile, "'" + path + "' is a folder");
   std::ifstream in(path, std::ios::binary | std::ios::ate);
   if (!in) throw IoError(IoError::kFile, "cannot open '" + path + "': " + std::strerror(errno));
   const std::streamoff size = in.tellg();
@@ -144,7 +152,8 @@ std::string ReadFileBytes(const std::string& path) {
   // One copy of the file, read straight into place.
   std::string bytes(static_cast<size_t>(size), '\0');
   in.seekg(0);
-  if (size > 0 && !in.read(bytes.data(), size)) throw IoError(IoError::kFile, "cannot read '" + path + "'");
+  if (size > 0 && !in.read(bytes.data(), size))
+    throw IoError(IoError::kFile, "cannot read '" + path + "'");
   return bytes;
 }
 
@@ -153,8 +162,9 @@ std::string Extension(const std::string& path) {
   const size_t slash = path.find_last_of('/');
   if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
   std::string ext = path.substr(dot);
-  std::transform(ext.begin(), ext.end(), ext.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) {
+    return static_cast<char>(std::tolower(c));
+  });
   return ext;
 }
 

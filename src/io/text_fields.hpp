@@ -10,7 +10,18 @@
 namespace qorv::io {
 
 // Scalar types of per-point fields, as PLY and PCD files name them.
-enum class Scalar { kInt8, kUint8, kInt16, kUint16, kInt32, kUint32, kInt64, kUint64, kFloat32, kFloat64 };
+enum class Scalar {
+  kInt8,
+  kUint8,
+  kInt16,
+  kUint16,
+  kInt32,
+  kUint32,
+  kInt64,
+  kUint64,
+  kFloat32,
+  kFloat64
+};
 
 int ScalarSize(Scalar type);
 
@@ -32,8 +43,11 @@ class TextNumbers {
 
 // The header lines up to and including the first whose first word is `last`; returns the offset of
 // the body. Lines may end in "\r\n". Throws IoError when no such line comes within 10,000 lines.
-size_t SplitHeader(std::string_view bytes, const std::string& last, const std::string& path,
-                   const char* format, std::vector<std::string>& lines);
+size_t SplitHeader(std::string_view bytes,
+                   const std::string& last,
+                   const std::string& path,
+                   const char* format,
+                   std::vector<std::string>& lines);
 
 std::vector<std::string> Words(const std::string& line);
 

@@ -85,8 +85,10 @@ int32_t AlignScans(const std::vector<engine::CloudView>& scans,
   if (loops) {
     for (size_t i = 0; i < n; ++i) {
       for (size_t j = i + 2; j < n; ++j) {
-        const Eigen::Vector3d ci = poses[i].topLeftCorner<3, 3>() * spheres[i].centre + poses[i].topRightCorner<3, 1>();
-        const Eigen::Vector3d cj = poses[j].topLeftCorner<3, 3>() * spheres[j].centre + poses[j].topRightCorner<3, 1>();
+        const Eigen::Vector3d ci =
+            poses[i].topLeftCorner<3, 3>() * spheres[i].centre + poses[i].topRightCorner<3, 1>();
+        const Eigen::Vector3d cj =
+            poses[j].topLeftCorner<3, 3>() * spheres[j].centre + poses[j].topRightCorner<3, 1>();
         if ((ci - cj).norm() > 0.5 * (spheres[i].radius + spheres[j].radius)) continue;
         const Pose guess = poses[i].inverse() * poses[j];
         if (const int32_t code = pair(i, j, true, &guess); code != engine::kOk) return code;

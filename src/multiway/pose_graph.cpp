@@ -2,14 +2,14 @@
 // Copyright (c) 2026 The Qorv developers
 #include "multiway/pose_graph.hpp"
 
-#include <ceres/ceres.h>
-#include <ceres/rotation.h>
+#include <array>
+#include <cmath>
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
 
-#include <array>
-#include <cmath>
+#include <ceres/ceres.h>
+#include <ceres/rotation.h>
 
 namespace qorv::multiway {
 namespace {
@@ -89,7 +89,8 @@ struct EdgeCost {
 }  // namespace
 
 double EdgeResidual(const std::vector<Pose>& poses, const Edge& edge) {
-  const Pose implied = poses[static_cast<size_t>(edge.from)].inverse() * poses[static_cast<size_t>(edge.to)];
+  const Pose implied =
+      poses[static_cast<size_t>(edge.from)].inverse() * poses[static_cast<size_t>(edge.to)];
   const Pose error = edge.motion.inverse() * implied;
   const Eigen::AngleAxisd turn(Eigen::Matrix3d(error.topLeftCorner<3, 3>()));
   const double rotation = std::abs(turn.angle()) / edge.rotationSigma;
@@ -105,7 +106,9 @@ bool Optimize(std::vector<Pose>& poses, std::vector<Edge>& edges) {
   for (const Edge& edge : edges) {
     auto* cost = new ceres::AutoDiffCostFunction<EdgeCost, 6, 6, 6>(
         new EdgeCost(edge.motion, edge.rotationSigma, edge.shiftSigma));
-    problem.AddResidualBlock(cost, new ceres::CauchyLoss(1.0), parameters[static_cast<size_t>(edge.from)].data(),
+    problem.AddResidualBlock(cost,
+                             new ceres::CauchyLoss(1.0),
+                             parameters[static_cast<size_t>(edge.from)].data(),
                              parameters[static_cast<size_t>(edge.to)].data());
   }
   for (Parameters& p : parameters) {

@@ -19,7 +19,8 @@ struct Edge {
   Pose motion = Pose::Identity();
   double rotationSigma = 0.02;
   double shiftSigma = 0.01;
-  bool rejected = false;  // set by Optimize: the settled poses disagree with it (normalised residual > 5)
+  bool rejected =
+      false;  // set by Optimize: the settled poses disagree with it (normalised residual > 5)
 };
 
 // Poses (scan to world) minimising the robust sum over the edges, scan 0 held at `poses[0]`;

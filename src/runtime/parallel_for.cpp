@@ -22,7 +22,8 @@ void ParallelFor(int32_t begin, int32_t end, RangeBody body) {
   }
   const int64_t threads = omp_get_max_threads();
   const int64_t chunk = (n + threads - 1) / threads;
-  // An exception must not leave the parallel region: keep the first one and rethrow it after the join.
+  // An exception must not leave the parallel region: keep the first one and rethrow it after the
+  // join.
   std::vector<std::exception_ptr> failures(static_cast<size_t>(threads));
 #pragma omp parallel
   {

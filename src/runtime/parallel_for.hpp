@@ -7,7 +7,8 @@
 
 namespace qorv {
 
-// body(begin, end, threadIndex): processes items begin <= i < end; must do nothing when begin >= end.
+// body(begin, end, threadIndex): processes items begin <= i < end; must do nothing when begin >=
+// end.
 using RangeBody = std::function<void(int32_t begin, int32_t end, int32_t threadIndex)>;
 
 // Splits [begin, end) into contiguous ceiling-division chunks, one per thread of a single OpenMP

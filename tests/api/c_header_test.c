@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT
  * Copyright (c) 2026 The Qorv developers */
 #include <qorv/qorv.h>
+
 #include <stdio.h>
 #include <string.h>
 

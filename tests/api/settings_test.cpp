@@ -21,7 +21,9 @@ TEST(SettingsTest, FreshInstanceHasTheDefaults) {
   EXPECT_EQ(QorvSetMatchNeighborNum(inst, -1), QORV_ERROR_INVALID_ARGUMENT);
   EXPECT_EQ(QorvGetMatchNeighborNum(inst, &n), QORV_OK);
   EXPECT_EQ(n, 0);
-  for (auto toggle : {QorvEnableCrossCheck, QorvDisableCrossCheck, QorvEnableMultiThread,
+  for (auto toggle : {QorvEnableCrossCheck,
+                      QorvDisableCrossCheck,
+                      QorvEnableMultiThread,
                       QorvDisableMultiThread}) {
     EXPECT_EQ(toggle(inst), QORV_OK);
     EXPECT_EQ(toggle(nullptr), QORV_ERROR_NULL_INSTANCE);

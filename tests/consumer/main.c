@@ -2,6 +2,7 @@
 // Copyright (c) 2026 The Qorv developers
 #include <qorv/engine.h>
 #include <qorv/qorv.h>
+
 #include <stdio.h>
 
 int main(void) {
@@ -18,8 +19,11 @@ int main(void) {
   if (!(p[0] == 0.0f && p[1] == 1.0f && p[2] == 0.0f)) return 2;
   /* The engine refuses an empty cloud with a message. */
   QorvEngineDefaultOptions(&options);
-  if (QorvEngineRegister(&empty, &empty, &options, &result) != QORV_ENGINE_ERROR_TOO_FEW_POINTS) return 3;
-  printf("qorv engine %s (interface %d): %s\n", QorvEngineVersion(), QorvEngineApiVersion(),
+  if (QorvEngineRegister(&empty, &empty, &options, &result) != QORV_ENGINE_ERROR_TOO_FEW_POINTS)
+    return 3;
+  printf("qorv engine %s (interface %d): %s\n",
+         QorvEngineVersion(),
+         QorvEngineApiVersion(),
          QorvEngineLastError());
   return QorvEngineApiVersion() == QORV_ENGINE_API_VERSION ? 0 : 4;
 }

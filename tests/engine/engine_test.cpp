@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // The engine's steps against simple oracles, and the whole engine on views of a real scan.
+#include "engine/engine.hpp"
+
+#include <cmath>
+#include <random>
+
+#include <Eigen/Geometry>
 #include <gtest/gtest.h>
 
 #include <qorv/engine.h>
 
-#include <Eigen/Geometry>
-#include <cmath>
-#include <random>
-
-#include "engine/engine.hpp"
 #include "engine/icp.hpp"
 #include "engine/normals.hpp"
 #include "engine/scale.hpp"
@@ -21,9 +22,12 @@ namespace {
 
 using Points = std::vector<float>;
 
-Eigen::Matrix4d Motion(double angleDegrees, const Eigen::Vector3d& axis, const Eigen::Vector3d& shift) {
+Eigen::Matrix4d Motion(double angleDegrees,
+                       const Eigen::Vector3d& axis,
+                       const Eigen::Vector3d& shift) {
   Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
-  m.topLeftCorner<3, 3>() = Eigen::AngleAxisd(angleDegrees * M_PI / 180.0, axis.normalized()).toRotationMatrix();
+  m.topLeftCorner<3, 3>() =
+      Eigen::AngleAxisd(angleDegrees * M_PI / 180.0, axis.normalized()).toRotationMatrix();
   m.topRightCorner<3, 1>() = shift;
   return m;
 }
@@ -31,8 +35,9 @@ Eigen::Matrix4d Motion(double angleDegrees, const Eigen::Vector3d& axis, const E
 Points Apply(const Eigen::Matrix4d& m, const Points& points) {
   Points out(points.size());
   for (size_t i = 0; i < points.size(); i += 3) {
-    const Eigen::Vector3d p = m.topLeftCorner<3, 3>() * Eigen::Vector3d(points[i], points[i + 1], points[i + 2]) +
-                              m.topRightCorner<3, 1>();
+    const Eigen::Vector3d p =
+        m.topLeftCorner<3, 3>() * Eigen::Vector3d(points[i], points[i + 1], points[i + 2]) +
+        m.topRightCorner<3, 1>();
     for (int c = 0; c < 3; ++c) out[i + static_cast<size_t>(c)] = static_cast<float>(p[c]);
   }
   return out;
@@ -48,8 +53,13 @@ Points Slab(const Points& points, const Eigen::Vector3d& direction, double lo, d
   }
   Points out;
   for (size_t i = 0; i < points.size(); i += 3) {
-    const double t = (direction.dot(Eigen::Vector3d(points[i], points[i + 1], points[i + 2])) - low) / (high - low);
-    if (t >= lo && t < hi) out.insert(out.end(), points.begin() + static_cast<long>(i), points.begin() + static_cast<long>(i + 3));
+    const double t =
+        (direction.dot(Eigen::Vector3d(points[i], points[i + 1], points[i + 2])) - low) /
+        (high - low);
+    if (t >= lo && t < hi)
+      out.insert(out.end(),
+                 points.begin() + static_cast<long>(i),
+                 points.begin() + static_cast<long>(i + 3));
   }
   return out;
 }
@@ -87,7 +97,8 @@ TEST_F(EngineOnScan, RecoversALargeMotionBetweenTwoViewsAndSaysSo) {
   const Eigen::Matrix4d truth = motion.inverse();
   EXPECT_TRUE(outcome.registered) << outcome.reason;
   EXPECT_LT(AngleDegrees(outcome.transform, truth), 0.5);
-  EXPECT_LT((outcome.transform.topRightCorner<3, 1>() - truth.topRightCorner<3, 1>()).norm(), 0.002);
+  EXPECT_LT((outcome.transform.topRightCorner<3, 1>() - truth.topRightCorner<3, 1>()).norm(),
+            0.002);
   EXPECT_GT(outcome.measures.fitness, 0.4);
   EXPECT_GT(outcome.measures.consistentPairs, 20);
   EXPECT_LE(outcome.sourceSamples, Options().pointBudget * 1.2);
@@ -120,7 +131,8 @@ TEST_F(EngineOnScan, UnrelatedCloudsAndAWrongPoseAreNotRegistered) {
     high = high.cwiseMax(Eigen::Vector3f(bunny[i], bunny[i + 1], bunny[i + 2]));
   }
   const float scale = 0.2f / (high - low).maxCoeff();
-  for (size_t i = 0; i < bunny.size(); ++i) bunny[i] = (bunny[i] - low[static_cast<int>(i % 3)]) * scale;
+  for (size_t i = 0; i < bunny.size(); ++i)
+    bunny[i] = (bunny[i] - low[static_cast<int>(i % 3)]) * scale;
   Outcome outcome;
   std::string error;
   ASSERT_EQ(Register(View(target_), View(bunny), Options(), outcome, error), 0);
@@ -197,7 +209,8 @@ TEST(EngineSteps, VoxelAverageIsTheMeanOfEachCellInFirstSeenOrder) {
 TEST(EngineSteps, BudgetVoxelKeepsAboutTheBudget) {
   const Points grid = test::GridCloud(400, 400, 0.01f);  // 160,000 points of a plane
   Cloud cloud;
-  cloud.points = Eigen::Map<const Eigen::Matrix3Xf>(grid.data(), 3, static_cast<Eigen::Index>(grid.size() / 3));
+  cloud.points = Eigen::Map<const Eigen::Matrix3Xf>(
+      grid.data(), 3, static_cast<Eigen::Index>(grid.size() / 3));
   const double voxel = VoxelForBudget(cloud, 5000);
   const double kept = static_cast<double>(CountOccupiedVoxels(cloud, voxel));
   EXPECT_GT(kept, 5000 * 0.75);
@@ -209,7 +222,8 @@ TEST(EngineSteps, PointToPlaneIcpConvergesFromAPerturbedStart) {
   const Points scan = test::LoadSample("dragon_res4.asc");
   ASSERT_FALSE(scan.empty());
   Cloud target;
-  target.points = Eigen::Map<const Eigen::Matrix3Xf>(scan.data(), 3, static_cast<Eigen::Index>(scan.size() / 3));
+  target.points = Eigen::Map<const Eigen::Matrix3Xf>(
+      scan.data(), 3, static_cast<Eigen::Index>(scan.size() / 3));
   PointKdTree tree(target.points.data(), target.size());
   EstimateNormals(tree, 0.006f, 30, target);
   const Eigen::Matrix4d motion = Motion(4.0, {0.2, 1, 0.3}, {0.003, 0.002, -0.002});
@@ -221,9 +235,11 @@ TEST(EngineSteps, PointToPlaneIcpConvergesFromAPerturbedStart) {
   params.kernel = 0.004;
   params.maxIterations = 50;
   params.stopShift = 1e-7;
-  const IcpOutcome out = RefinePointToPlane(source, target, tree, Eigen::Matrix4d::Identity(), params);
+  const IcpOutcome out =
+      RefinePointToPlane(source, target, tree, Eigen::Matrix4d::Identity(), params);
   EXPECT_LT(AngleDegrees(out.pose, motion.inverse()), 0.01);
-  EXPECT_LT((out.pose.topRightCorner<3, 1>() - motion.inverse().topRightCorner<3, 1>()).norm(), 1e-4);
+  EXPECT_LT((out.pose.topRightCorner<3, 1>() - motion.inverse().topRightCorner<3, 1>()).norm(),
+            1e-4);
 }
 
 }  // namespace

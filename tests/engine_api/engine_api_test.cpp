@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // The engine's C interface: argument checks, bad input, and the result record.
-#include <gtest/gtest.h>
-
-#include <qorv/engine.h>
-
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <qorv/engine.h>
 
 #include "support/clouds.hpp"
 
@@ -85,7 +85,8 @@ TEST(EngineApi, RefusesBadArgumentsWithAMessageAndLeavesTheResult) {
   refusedOption([](QorvEngineOptions& o) { o.point_budget = 3; }, "tiny budget");
   refusedOption([](QorvEngineOptions& o) { o.max_tries = 0; }, "no tries");
   refusedOption([](QorvEngineOptions& o) { o.ransac_confidence = 1.0; }, "confidence 1");
-  refusedOption([](QorvEngineOptions& o) { o.mode = QORV_ENGINE_MODE_LOCAL; }, "local without a guess");
+  refusedOption([](QorvEngineOptions& o) { o.mode = QORV_ENGINE_MODE_LOCAL; },
+                "local without a guess");
   refusedOption(
       [](QorvEngineOptions& o) {
         o.has_initial = 1;
@@ -106,8 +107,8 @@ TEST(EngineApi, CloudsWithoutEnoughFinitePointsAreErrors) {
   std::vector<float> mostlyBad(300, inf);  // one finite point among infinities
   mostlyBad[0] = mostlyBad[1] = mostlyBad[2] = 0.0f;
   const std::vector<float> coincident(600, 0.5f);
-  for (const std::vector<float>* cloud :
-       std::initializer_list<const std::vector<float>*>{&empty, &one, &allNaN, &mostlyBad, &coincident}) {
+  for (const std::vector<float>* cloud : std::initializer_list<const std::vector<float>*>{
+           &empty, &one, &allNaN, &mostlyBad, &coincident}) {
     const QorvEngineCloud c = CloudOf(*cloud);
     ExpectRefused(QORV_ENGINE_ERROR_TOO_FEW_POINTS, &good, &c, &defaults, "unusable source");
     ExpectRefused(QORV_ENGINE_ERROR_TOO_FEW_POINTS, &c, &good, &defaults, "unusable target");
@@ -136,7 +137,8 @@ TEST(EngineApi, IdenticalAndOrganizedCloudsRegisterAtTheIdentity) {
   QorvEngineCloud organized = CloudOf(frame);
   organized.width = width;
   organized.height = height;
-  ASSERT_EQ(QorvEngineRegister(&organized, &c, nullptr, &result), QORV_ENGINE_OK) << QorvEngineLastError();
+  ASSERT_EQ(QorvEngineRegister(&organized, &c, nullptr, &result), QORV_ENGINE_OK)
+      << QorvEngineLastError();
   EXPECT_EQ(result.registered, 1) << result.reason;
   EXPECT_EQ(result.target_points, static_cast<int32_t>(scan.size() / 3));
 }

@@ -1,19 +1,20 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // The pose graph: known poses recovered from noisy relative motions, a wrong edge rejected.
-#include <gtest/gtest.h>
+#include "multiway/pose_graph.hpp"
 
-#include <Eigen/Geometry>
 #include <random>
 
-#include "multiway/pose_graph.hpp"
+#include <Eigen/Geometry>
+#include <gtest/gtest.h>
 
 namespace qorv::multiway {
 namespace {
 
 Pose Motion(double degrees, const Eigen::Vector3d& axis, const Eigen::Vector3d& shift) {
   Pose m = Pose::Identity();
-  m.topLeftCorner<3, 3>() = Eigen::AngleAxisd(degrees * M_PI / 180.0, axis.normalized()).toRotationMatrix();
+  m.topLeftCorner<3, 3>() =
+      Eigen::AngleAxisd(degrees * M_PI / 180.0, axis.normalized()).toRotationMatrix();
   m.topRightCorner<3, 1>() = shift;
   return m;
 }
@@ -22,7 +23,9 @@ TEST(PoseGraph, RecoversKnownPosesAndRejectsAWrongEdge) {
   // Eight scans around a ring, each turned 45 degrees about z.
   std::vector<Pose> truth;
   for (int i = 0; i < 8; ++i) {
-    truth.push_back(Motion(45.0 * i, {0, 0.1, 1}, {2.0 * std::cos(i * M_PI / 4), 2.0 * std::sin(i * M_PI / 4), 0.1 * i}));
+    truth.push_back(Motion(45.0 * i,
+                           {0, 0.1, 1},
+                           {2.0 * std::cos(i * M_PI / 4), 2.0 * std::sin(i * M_PI / 4), 0.1 * i}));
   }
   std::mt19937 random(11);
   std::normal_distribution<double> noise(0.0, 1.0);
@@ -30,8 +33,10 @@ TEST(PoseGraph, RecoversKnownPosesAndRejectsAWrongEdge) {
     Edge e;
     e.from = from;
     e.to = to;
-    const Pose jitter = Motion(0.2 * scale * noise(random), {noise(random), noise(random), noise(random)},
-                               0.005 * scale * Eigen::Vector3d(noise(random), noise(random), noise(random)));
+    const Pose jitter =
+        Motion(0.2 * scale * noise(random),
+               {noise(random), noise(random), noise(random)},
+               0.005 * scale * Eigen::Vector3d(noise(random), noise(random), noise(random)));
     e.motion = truth[static_cast<size_t>(from)].inverse() * truth[static_cast<size_t>(to)] * jitter;
     e.rotationSigma = 0.005;
     e.shiftSigma = 0.005;
@@ -47,7 +52,10 @@ TEST(PoseGraph, RecoversKnownPosesAndRejectsAWrongEdge) {
   // Start from the odometry chain, drifted.
   std::vector<Pose> poses(8, Pose::Identity());
   poses[0] = truth[0];
-  for (int i = 0; i + 1 < 8; ++i) poses[static_cast<size_t>(i + 1)] = poses[static_cast<size_t>(i)] * edges[static_cast<size_t>(i)].motion * Motion(2.0, {0, 0, 1}, {0.02, 0, 0});
+  for (int i = 0; i + 1 < 8; ++i)
+    poses[static_cast<size_t>(i + 1)] = poses[static_cast<size_t>(i)] *
+                                        edges[static_cast<size_t>(i)].motion *
+                                        Motion(2.0, {0, 0, 1}, {0.02, 0, 0});
   ASSERT_TRUE(Optimize(poses, edges));
   for (int i = 0; i < 8; ++i) {
     const Pose error = truth[static_cast<size_t>(i)].inverse() * poses[static_cast<size_t>(i)];

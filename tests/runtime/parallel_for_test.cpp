@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
+#include "runtime/parallel_for.hpp"
+
 #include <mutex>
 #include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <omp.h>
-
-#include "runtime/parallel_for.hpp"
 
 namespace qorv {
 namespace {
@@ -29,14 +29,14 @@ std::vector<Call> Record(int32_t begin, int32_t end, int threads, bool parallel)
     SerialFor(begin, end, body);
   }
   omp_set_num_threads(saved);
-  std::sort(calls.begin(), calls.end(),
-            [](const Call& a, const Call& b) { return std::get<2>(a) < std::get<2>(b); });
+  std::sort(calls.begin(), calls.end(), [](const Call& a, const Call& b) {
+    return std::get<2>(a) < std::get<2>(b);
+  });
   return calls;
 }
 
 TEST(ParallelForTest, SplitsIntoCeilingChunksInThreadOrder) {
-  EXPECT_EQ(Record(0, 5, 4, true),
-            (std::vector<Call>{{0, 2, 0}, {2, 4, 1}, {4, 5, 2}, {6, 5, 3}}));
+  EXPECT_EQ(Record(0, 5, 4, true), (std::vector<Call>{{0, 2, 0}, {2, 4, 1}, {4, 5, 2}, {6, 5, 3}}));
   const std::vector<Call> hundred = Record(0, 100, 8, true);
   ASSERT_EQ(hundred.size(), 8u);
   EXPECT_EQ(hundred[0], Call(0, 13, 0));
@@ -58,9 +58,11 @@ TEST(ParallelForTest, SerialForCallsOnceWithTheWholeRange) {
 TEST(ParallelForTest, EmptyBodyIsIgnoredAndExceptionsReachTheCaller) {
   ParallelFor(0, 10, RangeBody());
   SerialFor(0, 10, RangeBody());
-  EXPECT_THROW(ParallelFor(0, 100, [](int32_t lo, int32_t, int32_t) {
-                 if (lo == 0) throw std::bad_alloc();
-               }),
+  EXPECT_THROW(ParallelFor(0,
+                           100,
+                           [](int32_t lo, int32_t, int32_t) {
+                             if (lo == 0) throw std::bad_alloc();
+                           }),
                std::bad_alloc);
 }
 
