@@ -17,6 +17,8 @@
 #include "registration/distance_check.hpp"
 #include "registration/iterative_matching.hpp"
 #include "registration/ransac_matching.hpp"
+#include "support/clouds.hpp"
+#include "support/registration_data.hpp"
 
 namespace {
 
@@ -24,26 +26,8 @@ using qorv::Execution;
 using qorv::bench::CountOf;
 using qorv::bench::ExecutionFor;
 using qorv::bench::QuietStdout;
-
-std::vector<float> Descriptors(int32_t count, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> uniform(0.0f, 1.0f);
-  std::vector<float> d(static_cast<size_t>(count) * 33);
-  for (size_t block = 0; block < d.size(); block += 11) {
-    float sum = 0.0f;
-    for (size_t i = 0; i < 11; ++i) sum += d[block + i] = uniform(rng);
-    for (size_t i = 0; i < 11; ++i) d[block + i] *= 100.0f / sum;
-  }
-  return d;
-}
-
-std::vector<float> Cloud(int32_t count, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> uniform(0.0f, 1.0f);
-  std::vector<float> p(static_cast<size_t>(count) * 3);
-  for (float& v : p) v = uniform(rng);
-  return p;
-}
+using qorv::test::RandomCloud;
+using qorv::test::RandomDescriptors;
 
 // Rotation by 0.3 rad about (0, 0.6, 0.8) and a shift.
 // clang-format off
@@ -69,8 +53,8 @@ std::vector<float> Moved(const std::vector<float>& points, bool rotateOnly = fal
 void BM_MatchExhaustive(benchmark::State& state) {
   const int32_t n = static_cast<int32_t>(state.range(0));
   const bool crossCheck = state.range(1) != 0;
-  const std::vector<float> targets = Descriptors(n, 1);
-  const std::vector<float> queries = Descriptors(n, 2);
+  const std::vector<float> targets = RandomDescriptors(n, 1);
+  const std::vector<float> queries = RandomDescriptors(n, 2);
   std::vector<int32_t> indices(n);
   std::vector<float> distances(n);
   for (auto _ : state) {
@@ -97,8 +81,8 @@ BENCHMARK(BM_MatchExhaustive)
 void BM_MatchExhaustiveLiteral(benchmark::State& state) {
   const int32_t n = static_cast<int32_t>(state.range(0));
   const bool crossCheck = state.range(1) != 0;
-  const std::vector<float> targets = Descriptors(n, 1);
-  const std::vector<float> queries = Descriptors(n, 2);
+  const std::vector<float> targets = RandomDescriptors(n, 1);
+  const std::vector<float> queries = RandomDescriptors(n, 2);
   std::vector<int32_t> indices(n);
   for (auto _ : state) {
     for (int32_t q = 0; q < n; ++q) {
@@ -136,8 +120,8 @@ BENCHMARK(BM_MatchExhaustiveLiteral)
 void BM_MatchKnn(benchmark::State& state) {
   const int32_t n = static_cast<int32_t>(state.range(0));
   const int32_t k = 5;
-  const std::vector<float> targets = Descriptors(n, 1);
-  const std::vector<float> queries = Descriptors(n, 2);
+  const std::vector<float> targets = RandomDescriptors(n, 1);
+  const std::vector<float> queries = RandomDescriptors(n, 2);
   std::vector<int32_t> indices(static_cast<size_t>(n) * k);
   std::vector<float> distances(static_cast<size_t>(n) * k);
   for (auto _ : state) {
@@ -166,13 +150,13 @@ struct KeyPoints {
   std::vector<float> points1, normals1, descriptors, points2, normals2;
 
   KeyPoints(int32_t count, double inlierShare) {
-    points2 = Cloud(count, 3);
-    normals2 = Cloud(count, 4);
+    points2 = RandomCloud(count, 3);
+    normals2 = RandomCloud(count, 4);
     for (float& v : normals2) v -= 0.5f;
     points1 = Moved(points2);
     normals1 = Moved(normals2, true);
-    descriptors = Descriptors(count, 5);
-    const std::vector<float> scattered = Cloud(count, 6);
+    descriptors = RandomDescriptors(count, 5);
+    const std::vector<float> scattered = RandomCloud(count, 6);
     const int32_t kept = static_cast<int32_t>(inlierShare * count);
     for (size_t i = 3 * static_cast<size_t>(kept); i < points1.size(); ++i) {
       points1[i] = scattered[i];
@@ -217,7 +201,7 @@ BENCHMARK(BM_Ransac)
 
 void BM_RefinePose(benchmark::State& state) {
   qorv::Correspondences pairs;
-  pairs.second = Cloud(1000, 8);
+  pairs.second = RandomCloud(1000, 8);
   pairs.first = Moved(pairs.second);
   const qorv::IterativeParams params{100, 1.0f, 0.001f};
   for (auto _ : state) {

@@ -713,6 +713,25 @@ void FuzzCheckDistance(FuzzedDataProvider& in, Instances& inst) {
   Check(serial.sameBits(parallel), name, "threading changed the result");
 }
 
+// The key-point exports' shared contract: a null handle first, then either the expected argument
+// error or a result whose callback ran once, and the same bits from the multi-threaded instance.
+template <typename Run>
+void CheckKeyPointExport(
+    Run&& run, Instances& inst, const char* name, bool valid, bool withCallback) {
+  KeyPointRecord serial, parallel;
+  ExpectCode(run(nullptr, serial), QORV_ERROR_NULL_INSTANCE, name);
+  const QorvResult r = run(inst.serial, serial);
+  ExpectCode(r, valid ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT, name);
+  Check(serial.calls == (r == QORV_OK && withCallback ? 1 : 0), name, "callback calls");
+  if (r != QORV_OK) return;
+  ExpectCode(run(inst.parallel, parallel), QORV_OK, name);
+  Check(SameFloats(serial.positions, parallel.positions) &&
+            SameFloats(serial.normals, parallel.normals) &&
+            SameFloats(serial.descriptors, parallel.descriptors),
+        name,
+        "threading changed the result");
+}
+
 void FuzzDetectAndCompute(FuzzedDataProvider& in, Instances& inst) {
   const int32_t n = SomeCount(in);
   const size_t len = static_cast<size_t>(n) * 3;
@@ -741,18 +760,7 @@ void FuzzDetectAndCompute(FuzzedDataProvider& in, Instances& inst) {
                                 withCallback ? OnKeyPoints : nullptr,
                                 &rec);
   };
-  KeyPointRecord serial, parallel;
-  ExpectCode(run(nullptr, serial), QORV_ERROR_NULL_INSTANCE, name);
-  const QorvResult r = run(inst.serial, serial);
-  ExpectCode(r, breaker < 0 ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT, name);
-  Check(serial.calls == (r == QORV_OK && withCallback ? 1 : 0), name, "callback calls");
-  if (r != QORV_OK) return;
-  ExpectCode(run(inst.parallel, parallel), QORV_OK, name);
-  Check(SameFloats(serial.positions, parallel.positions) &&
-            SameFloats(serial.normals, parallel.normals) &&
-            SameFloats(serial.descriptors, parallel.descriptors),
-        name,
-        "threading changed the result");
+  CheckKeyPointExport(run, inst, name, breaker < 0, withCallback);
 }
 
 // Vertex and normal maps: from a depth image through the library, or any floats.
@@ -838,18 +846,7 @@ void FuzzDepth(FuzzedDataProvider& in, Instances& inst) {
                                         withCallback ? OnKeyPoints : nullptr,
                                         &rec);
   };
-  KeyPointRecord serial, parallel;
-  ExpectCode(run(nullptr, serial), QORV_ERROR_NULL_INSTANCE, name2);
-  const QorvResult r2 = run(inst.serial, serial);
-  ExpectCode(r2, breaker2 < 0 ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT, name2);
-  Check(serial.calls == (r2 == QORV_OK && withCallback ? 1 : 0), name2, "callback calls");
-  if (r2 != QORV_OK) return;
-  ExpectCode(run(inst.parallel, parallel), QORV_OK, name2);
-  Check(SameFloats(serial.positions, parallel.positions) &&
-            SameFloats(serial.normals, parallel.normals) &&
-            SameFloats(serial.descriptors, parallel.descriptors),
-        name2,
-        "threading changed the result");
+  CheckKeyPointExport(run, inst, name2, breaker2 < 0, withCallback);
 }
 
 void FuzzMatchDescriptor(FuzzedDataProvider& in, Instances& inst) {

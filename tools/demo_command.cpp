@@ -129,16 +129,8 @@ int RunDemo(const GlobalOptions& global, DemoOptions o) {
         std::sqrt(truthMotion.t[0] * truthMotion.t[0] + truthMotion.t[1] * truthMotion.t[1] +
                   truthMotion.t[2] * truthMotion.t[2]));
     PrintReport(report);
-    const std::array<double, 12> m = truth.matrix3x4();
     std::fprintf(out, "expected transform (inverse of the known motion):\n");
-    for (int row = 0; row < 3; ++row) {
-      std::fprintf(out,
-                   "  % .9f % .9f % .9f % .9g\n",
-                   m[4 * row],
-                   m[4 * row + 1],
-                   m[4 * row + 2],
-                   m[4 * row + 3]);
-    }
+    PrintMatrixRows(out, truth);
     std::fprintf(out,
                  "rotation error %.4f deg, translation error %.6g, mean point error %.6g "
                  "(voxel %.6g)\n",

@@ -134,6 +134,18 @@ Cloud MoveCloud(const Session& session, const Cloud& cloud, const Rigid& motion)
   return moved;
 }
 
+void PrintMatrixRows(std::FILE* out, const Rigid& motion) {
+  const std::array<double, 12> m = motion.matrix3x4();
+  for (int row = 0; row < 3; ++row) {
+    std::fprintf(out,
+                 "  % .9f % .9f % .9f % .9g\n",
+                 m[4 * row],
+                 m[4 * row + 1],
+                 m[4 * row + 2],
+                 m[4 * row + 3]);
+  }
+}
+
 RegistrationReport RegisterClouds(const Session& session,
                                   const Cloud& target,
                                   const Cloud& source,
@@ -219,15 +231,7 @@ void PrintReport(const RegistrationReport& r) {
   }
   std::fprintf(out, "  %-28s %10.1f\n", "total", total);
   std::fprintf(out, "transform (source onto target), 4 x 4:\n");
-  const std::array<double, 12> m = r.transform.matrix3x4();
-  for (int row = 0; row < 3; ++row) {
-    std::fprintf(out,
-                 "  % .9f % .9f % .9f % .9g\n",
-                 m[4 * row],
-                 m[4 * row + 1],
-                 m[4 * row + 2],
-                 m[4 * row + 3]);
-  }
+  PrintMatrixRows(out, r.transform);
   std::fprintf(out, "  % .9f % .9f % .9f % .9g\n", 0.0, 0.0, 0.0, 1.0);
   const double tn =
       std::sqrt(r.transform.t[0] * r.transform.t[0] + r.transform.t[1] * r.transform.t[1] +

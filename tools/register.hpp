@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,9 @@ Cloud MoveCloud(const Session& session, const Cloud& cloud, const Rigid& motion)
 
 // Human-readable report on Out().
 void PrintReport(const RegistrationReport& report);
+
+// Prints the three upper rows of a motion's 4 x 4 matrix, one a line.
+void PrintMatrixRows(std::FILE* out, const Rigid& motion);
 
 class JsonWriter;
 // The report's fields into an open JSON object: "registered", "transform" (4 x 4 rows), the

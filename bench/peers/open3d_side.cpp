@@ -57,30 +57,16 @@ class Open3dSide final : public Side {
         const double t = watch.seconds();
         return Timed(t, n);
       }
-      case Op::kKnn: {
+      case Op::kKnn:
         ensureTree();
-        std::vector<std::vector<int>> idx(p.threads);
-        std::vector<std::vector<double>> dist(p.threads);
-        std::vector<int64_t> found(p.threads, 0);
-        Stopwatch watch;
-        ForEachPoint(n, p.threads, [&](int64_t i, int w) {
-          found[w] += tree_->SearchKNN(cloud_->points_[i], p.k, idx[w], dist[w]);
+        return TimePerPoint(n, p.threads, Buffers(), [&](int64_t i, Buffers& b) {
+          return tree_->SearchKNN(cloud_->points_[i], p.k, b.first, b.second);
         });
-        const double t = watch.seconds();
-        return Timed(t, Sum(found));
-      }
-      case Op::kRadius: {
+      case Op::kRadius:
         ensureTree();
-        std::vector<std::vector<int>> idx(p.threads);
-        std::vector<std::vector<double>> dist(p.threads);
-        std::vector<int64_t> found(p.threads, 0);
-        Stopwatch watch;
-        ForEachPoint(n, p.threads, [&](int64_t i, int w) {
-          found[w] += tree_->SearchRadius(cloud_->points_[i], p.searchRadius, idx[w], dist[w]);
+        return TimePerPoint(n, p.threads, Buffers(), [&](int64_t i, Buffers& b) {
+          return tree_->SearchRadius(cloud_->points_[i], p.searchRadius, b.first, b.second);
         });
-        const double t = watch.seconds();
-        return Timed(t, Sum(found));
-      }
       case Op::kNormals: {
         // Existing normals would steer the orientation: start without any, as the others do.
         cloud_->normals_.clear();
@@ -201,11 +187,8 @@ class Open3dSide final : public Side {
   }
 
  private:
-  static int64_t Sum(const std::vector<int64_t>& v) {
-    int64_t s = 0;
-    for (int64_t x : v) s += x;
-    return s;
-  }
+  // Result buffers of one thread's queries.
+  using Buffers = std::pair<std::vector<int>, std::vector<double>>;
 
   void ensureTree() {
     if (tree_) return;

@@ -116,30 +116,23 @@ class OursSide final : public Side {
       case Op::kKnn: {
         ensureTree();
         const size_t k = static_cast<size_t>(p.k);
-        std::vector<std::vector<int32_t>> idx(p.threads, std::vector<int32_t>(k));
-        std::vector<std::vector<float>> dist(p.threads, std::vector<float>(k));
-        std::vector<int64_t> found(p.threads, 0);
-        Stopwatch watch;
-        ForEachPoint(n, p.threads, [&](int64_t i, int w) {
-          found[w] +=
-              static_cast<int64_t>(tree_->knnSearch(pts + 3 * i, k, idx[w].data(), dist[w].data()));
-        });
-        const double t = watch.seconds();
-        return Timed(t, Sum(found));
+        using Buffers = std::pair<std::vector<int32_t>, std::vector<float>>;
+        return TimePerPoint(n,
+                            p.threads,
+                            Buffers(std::vector<int32_t>(k), std::vector<float>(k)),
+                            [&](int64_t i, Buffers& b) {
+                              return tree_->knnSearch(
+                                  pts + 3 * i, k, b.first.data(), b.second.data());
+                            });
       }
       case Op::kRadius: {
         ensureTree();
         const float radiusSq = p.searchRadius * p.searchRadius;
-        std::vector<RadiusResult> results(p.threads);
-        std::vector<int64_t> found(p.threads, 0);
-        Stopwatch watch;
-        ForEachPoint(n, p.threads, [&](int64_t i, int w) {
-          results[w].clear();
-          tree_->radiusSearch(pts + 3 * i, radiusSq, results[w], false);
-          found[w] += static_cast<int64_t>(results[w].size());
+        return TimePerPoint(n, p.threads, RadiusResult(), [&](int64_t i, RadiusResult& r) {
+          r.clear();
+          tree_->radiusSearch(pts + 3 * i, radiusSq, r, false);
+          return r.size();
         });
-        const double t = watch.seconds();
-        return Timed(t, Sum(found));
       }
       case Op::kNormals: {
         if (api_.QorvComputeNormals == nullptr) return Missing("QorvComputeNormals");
@@ -250,12 +243,6 @@ class OursSide final : public Side {
   static constexpr int32_t kRansacIterations = 100000;
 
  private:
-  static int64_t Sum(const std::vector<int64_t>& v) {
-    int64_t s = 0;
-    for (int64_t x : v) s += x;
-    return s;
-  }
-
   void setThreads(int threads) {
     if (threads > 1) {
       api_.QorvEnableMultiThread(inst_);

@@ -105,30 +105,16 @@ class PclSide final : public Side {
         const double t = watch.seconds();
         return Timed(t, static_cast<int64_t>(tree->getInputCloud()->size()));
       }
-      case Op::kKnn: {
+      case Op::kKnn:
         ensureTree();
-        std::vector<pcl::Indices> idx(p.threads);
-        std::vector<std::vector<float>> dist(p.threads);
-        std::vector<int64_t> found(p.threads, 0);
-        Stopwatch watch;
-        ForEachPoint(n, p.threads, [&](int64_t i, int w) {
-          found[w] += tree_->nearestKSearch((*cloud_)[i], p.k, idx[w], dist[w]);
+        return TimePerPoint(n, p.threads, Buffers(), [&](int64_t i, Buffers& b) {
+          return tree_->nearestKSearch((*cloud_)[i], p.k, b.first, b.second);
         });
-        const double t = watch.seconds();
-        return Timed(t, Sum(found));
-      }
-      case Op::kRadius: {
+      case Op::kRadius:
         ensureTree();
-        std::vector<pcl::Indices> idx(p.threads);
-        std::vector<std::vector<float>> dist(p.threads);
-        std::vector<int64_t> found(p.threads, 0);
-        Stopwatch watch;
-        ForEachPoint(n, p.threads, [&](int64_t i, int w) {
-          found[w] += tree_->radiusSearch((*cloud_)[i], p.searchRadius, idx[w], dist[w]);
+        return TimePerPoint(n, p.threads, Buffers(), [&](int64_t i, Buffers& b) {
+          return tree_->radiusSearch((*cloud_)[i], p.searchRadius, b.first, b.second);
         });
-        const double t = watch.seconds();
-        return Timed(t, Sum(found));
-      }
       case Op::kNormals: {
         Stopwatch watch;
         auto normals = EstimateNormals(cloud_, p.searchRadius, p.threads);
@@ -247,11 +233,8 @@ class PclSide final : public Side {
   static constexpr int kIterations = 20000;
 
  private:
-  static int64_t Sum(const std::vector<int64_t>& v) {
-    int64_t s = 0;
-    for (int64_t x : v) s += x;
-    return s;
-  }
+  // Result buffers of one thread's queries.
+  using Buffers = std::pair<pcl::Indices, std::vector<float>>;
 
   static void Prepare(const XyzCloud::ConstPtr& cloud,
                       double r,

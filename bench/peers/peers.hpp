@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <omp.h>
@@ -123,6 +124,24 @@ void ForEachPoint(int64_t count, int threads, Fn&& fn) {
   }
 }
 
+inline Outcome Timed(double seconds, int64_t count, const std::string& note = {});
+
+// Times one query per point on `threads` threads. Each thread gets its own copy of `scratch`
+// (result buffers), made before the clock starts; query(i, scratch) returns what it found.
+template <typename Scratch, typename Query>
+Outcome TimePerPoint(int64_t count, int threads, const Scratch& scratch, Query&& query) {
+  std::vector<Scratch> own(static_cast<size_t>(threads), scratch);
+  std::vector<int64_t> found(static_cast<size_t>(threads), 0);
+  Stopwatch watch;
+  ForEachPoint(count, threads, [&](int64_t i, int w) {
+    found[static_cast<size_t>(w)] += static_cast<int64_t>(query(i, own[static_cast<size_t>(w)]));
+  });
+  const double t = watch.seconds();
+  int64_t total = 0;
+  for (int64_t f : found) total += f;
+  return Timed(t, total);
+}
+
 inline Outcome NotApplicable(const std::string& note) {
   Outcome o;
   o.status = Outcome::kNotApplicable;
@@ -130,7 +149,7 @@ inline Outcome NotApplicable(const std::string& note) {
   return o;
 }
 
-inline Outcome Timed(double seconds, int64_t count, const std::string& note = {}) {
+inline Outcome Timed(double seconds, int64_t count, const std::string& note) {
   Outcome o;
   o.seconds = seconds;
   o.count = count;

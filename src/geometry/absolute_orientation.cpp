@@ -95,7 +95,7 @@ std::array<float, 12> AbsoluteOrientation(const float* pointsA, const float* poi
   r[6] = 2.0f * (x * z - w * y);
   r[7] = 2.0f * (y * z + w * x);
   r[8] = w * w - x * x - y * y + z * z;
-  for (int row = 0; row < 3; ++row) {
+  for (size_t row = 0; row < 3; ++row) {
     r[9 + row] = cA[row] - (r[3 * row] * cB[0] + r[3 * row + 1] * cB[1] + r[3 * row + 2] * cB[2]);
   }
   return result;

@@ -42,7 +42,7 @@ constexpr std::array<uint8_t, 256> MakeByteClasses() {
   classes['+'] = kNumberStart;
   classes['-'] = kNumberStart;
   classes['.'] = kNumberStart;
-  for (int d = '0'; d <= '9'; ++d) classes[d] = kNumberStart;
+  for (size_t d = '0'; d <= '9'; ++d) classes[d] = kNumberStart;
   return classes;
 }
 constexpr std::array<uint8_t, 256> kByteClass = MakeByteClasses();
@@ -74,10 +74,11 @@ double PowerOfTen(int e) {
   constexpr int kHalf = 400;
   static const std::array<double, 2 * kHalf + 1> table = [] {
     std::array<double, 2 * kHalf + 1> powers{};
-    for (int i = -kHalf; i <= kHalf; ++i) powers[i + kHalf] = std::pow(10.0, i);
+    for (int i = -kHalf; i <= kHalf; ++i)
+      powers[static_cast<size_t>(i + kHalf)] = std::pow(10.0, i);
     return powers;
   }();
-  if (e >= -kHalf && e <= kHalf) return table[e + kHalf];
+  if (e >= -kHalf && e <= kHalf) return table[static_cast<size_t>(e + kHalf)];
   return std::pow(10.0, e);
 }
 

@@ -49,8 +49,8 @@ Vec3 Apply(const float* m, const Vec3& v) {
 }
 Mat3 Multiply(const Mat3& a, const Mat3& b) {
   Mat3 c;
-  for (int r = 0; r < 3; ++r) {
-    for (int k = 0; k < 3; ++k) {
+  for (size_t r = 0; r < 3; ++r) {
+    for (size_t k = 0; k < 3; ++k) {
       c[3 * r + k] = a[3 * r] * b[k] + a[3 * r + 1] * b[3 + k] + a[3 * r + 2] * b[6 + k];
     }
   }
@@ -73,8 +73,8 @@ Mat3 Rodrigues(const Vec3& v) {
   }
   const double k[9] = {0.0, -z, y, z, 0.0, -x, -y, x, 0.0};
   Mat3 rotation;
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 3; ++c) {
+  for (size_t r = 0; r < 3; ++r) {
+    for (size_t c = 0; c < 3; ++c) {
       const double kk = k[3 * r] * k[c] + k[3 * r + 1] * k[3 + c] + k[3 * r + 2] * k[6 + c];
       const double identity = r == c ? 1.0 : 0.0;
       rotation[3 * r + c] = static_cast<float>(identity + a * k[3 * r + c] + b * kk);

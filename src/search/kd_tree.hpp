@@ -2,7 +2,6 @@
 // Copyright (c) 2026 The Qorv developers
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -63,7 +62,19 @@ class KdTree {
     float low;
     float high;
   };
-  using Box = std::array<Interval, Dim>;
+  // The bounds of a cell in every dimension, indexed by any integer type (dimensions and split
+  // features are ints or the tree's Index).
+  struct Box {
+    Interval bounds[Dim];
+    template <typename I>
+    Interval& operator[](I d) {
+      return bounds[d];
+    }
+    template <typename I>
+    const Interval& operator[](I d) const {
+      return bounds[d];
+    }
+  };
   static constexpr int kDim = Dim;
   // Searches in trees of at most kLoopMaxDepth levels of low-dimensional elements run without
   // recursion, carrying the per-dimension distances of every stacked far side.
