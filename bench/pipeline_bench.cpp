@@ -15,6 +15,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench_support.hpp"
+#include "geometry/axis_angle.hpp"
 #include "registration/correspondences.hpp"
 #include "registration/distance_check.hpp"
 #include "registration/pair_pipeline.hpp"
@@ -70,17 +71,8 @@ const ViewPair& Views() {
     v.first = Gather(scan, low);
     v.second = Gather(scan, high);
     // 60 degrees about (0.48, 0.6, 0.64), then a shift.
-    const double angle = M_PI / 3.0;
-    const double x = 0.48, y = 0.6, z = 0.64, c = std::cos(angle), s = std::sin(angle);
-    const double r[9] = {c + x * x * (1 - c),
-                         x * y * (1 - c) - z * s,
-                         x * z * (1 - c) + y * s,
-                         y * x * (1 - c) + z * s,
-                         c + y * y * (1 - c),
-                         y * z * (1 - c) - x * s,
-                         z * x * (1 - c) - y * s,
-                         z * y * (1 - c) + x * s,
-                         c + z * z * (1 - c)};
+    const double axis[3] = {0.48, 0.6, 0.64};
+    const std::array<double, 9> r = qorv::AxisAngleRotation(axis, M_PI / 3.0);
     const double t[3] = {0.05, -0.12, 0.2};
     for (size_t i = 0; i < v.second.size(); i += 3) {
       const double p[3] = {v.second[i], v.second[i + 1], v.second[i + 2]};

@@ -963,6 +963,43 @@ void FuzzRansac(FuzzedDataProvider& in, Instances& inst) {
   if (r != QORV_OK) Check(transform.untouched(), name, "output written on a failed check");
 }
 
+// What a second run on the multi-threaded instance must repeat bit for bit.
+enum class Repeatable { kNothing, kTransform, kTransformAndPairs };
+
+// The contract of the exports that refine a transform from `start`: a null handle first; on a
+// failed check the argument error, no callback and the transform untouched; otherwise one callback
+// and, as far as `repeat` says, the same bits from the multi-threaded instance.
+template <typename Run>
+void CheckTransformExport(Run&& run,
+                          Instances& inst,
+                          const std::vector<double>& start,
+                          const char* name,
+                          bool valid,
+                          bool withCallback,
+                          Repeatable repeat) {
+  Array<double> serial(start.data(), 12), parallel(start.data(), 12);
+  const Array<double> before(start.data(), 12);
+  MatchRecord recS, recP;
+  ExpectCode(run(nullptr, serial, recS), QORV_ERROR_NULL_INSTANCE, name);
+  const QorvResult r = run(inst.serial, serial, recS);
+  ExpectCode(r, valid ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT, name);
+  Check(recS.calls == (r == QORV_OK && withCallback ? 1 : 0), name, "callback calls");
+  if (r != QORV_OK) {
+    Check(serial.sameBits(before), name, "output written on a failed check");
+    return;
+  }
+  if (repeat == Repeatable::kNothing) return;
+  ExpectCode(run(inst.parallel, parallel, recP), QORV_OK, name);
+  Check(serial.sameBits(parallel), name, "threading changed the transform");
+  if (repeat != Repeatable::kTransformAndPairs) return;
+  Check(recS.pairs.size() == recP.pairs.size() &&
+            (recS.pairs.empty() || std::memcmp(recS.pairs.data(),
+                                               recP.pairs.data(),
+                                               recS.pairs.size() * sizeof(QorvMatchPair)) == 0),
+        name,
+        "threading changed the pairs");
+}
+
 void FuzzIterative(FuzzedDataProvider& in, Instances& inst) {
   const KeyPointPair k = SomeKeyPoints(in);
   const Array<float> p1(k.points1.data(), k.points1.size()), p2(k.points2.data(), k.points2.size());
@@ -994,25 +1031,8 @@ void FuzzIterative(FuzzedDataProvider& in, Instances& inst) {
                                        withCallback ? OnMatches : nullptr,
                                        &rec);
   };
-  Array<double> serial(start.data(), 12), parallel(start.data(), 12);
-  const Array<double> before(start.data(), 12);
-  MatchRecord recS, recP;
-  ExpectCode(run(nullptr, serial, recS), QORV_ERROR_NULL_INSTANCE, name);
-  const QorvResult r = run(inst.serial, serial, recS);
-  ExpectCode(r, breaker < 0 ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT, name);
-  Check(recS.calls == (r == QORV_OK && withCallback ? 1 : 0), name, "callback calls");
-  if (r != QORV_OK) {
-    Check(serial.sameBits(before), name, "output written on a failed check");
-    return;
-  }
-  ExpectCode(run(inst.parallel, parallel, recP), QORV_OK, name);
-  Check(serial.sameBits(parallel), name, "threading changed the transform");
-  Check(recS.pairs.size() == recP.pairs.size() &&
-            (recS.pairs.empty() || std::memcmp(recS.pairs.data(),
-                                               recP.pairs.data(),
-                                               recS.pairs.size() * sizeof(QorvMatchPair)) == 0),
-        name,
-        "threading changed the pairs");
+  CheckTransformExport(
+      run, inst, start, name, breaker < 0, withCallback, Repeatable::kTransformAndPairs);
 }
 
 void FuzzPipeline(FuzzedDataProvider& in, Instances& inst) {
@@ -1046,20 +1066,13 @@ void FuzzPipeline(FuzzedDataProvider& in, Instances& inst) {
                                    withCallback ? OnMatches : nullptr,
                                    &rec);
   };
-  Array<double> serial(start.data(), 12), parallel(start.data(), 12);
-  const Array<double> before(start.data(), 12);
-  MatchRecord recS, recP;
-  ExpectCode(run(nullptr, serial, recS), QORV_ERROR_NULL_INSTANCE, name);
-  const QorvResult r = run(inst.serial, serial, recS);
-  ExpectCode(r, breaker < 0 ? QORV_OK : QORV_ERROR_INVALID_ARGUMENT, name);
-  Check(recS.calls == (r == QORV_OK && withCallback ? 1 : 0), name, "callback calls");
-  if (r != QORV_OK) {
-    Check(serial.sameBits(before), name, "output written on a failed check");
-    return;
-  }
-  if (!(kernelScale > 0.0f)) return;  // RANSAC is seeded from the clock
-  ExpectCode(run(inst.parallel, parallel, recP), QORV_OK, name);
-  Check(serial.sameBits(parallel), name, "threading changed the transform");
+  // RANSAC is seeded from the clock: only the iterative path repeats.
+  CheckTransformExport(
+      run,
+      inst,
+      start,
+      name,
+      breaker<0, withCallback, kernelScale> 0.0f ? Repeatable::kTransform : Repeatable::kNothing);
 }
 
 }  // namespace

@@ -10,16 +10,12 @@ if(NOT QORV_TEST_PYTHON)
   return()
 endif()
 
-add_test(NAME tools.cli
-  COMMAND ${QORV_TEST_PYTHON} -m pytest -q -p no:cacheprovider
-          ${CMAKE_CURRENT_SOURCE_DIR}/tools/cli_test.py)
-set_tests_properties(tools.cli PROPERTIES
-  ENVIRONMENT "${QORV_PYTHON_TEST_ENV};QORV_CLI=$<TARGET_FILE:qorv_cli>"
-  FIXTURES_REQUIRED qorv_python_site LABELS tools TIMEOUT 600)
-
-add_test(NAME tools.batch
-  COMMAND ${QORV_TEST_PYTHON} -m pytest -q -p no:cacheprovider
-          ${CMAKE_CURRENT_SOURCE_DIR}/tools/batch_test.py)
-set_tests_properties(tools.batch PROPERTIES
-  ENVIRONMENT "${QORV_PYTHON_TEST_ENV};QORV_CLI=$<TARGET_FILE:qorv_cli>"
-  FIXTURES_REQUIRED qorv_python_site LABELS tools TIMEOUT 600)
+# tools.cli runs tests/tools/cli_test.py, tools.batch tests/tools/batch_test.py.
+foreach(suite cli batch)
+  add_test(NAME tools.${suite}
+    COMMAND ${QORV_TEST_PYTHON} -m pytest -q -p no:cacheprovider
+            ${CMAKE_CURRENT_SOURCE_DIR}/tools/${suite}_test.py)
+  set_tests_properties(tools.${suite} PROPERTIES
+    ENVIRONMENT "${QORV_PYTHON_TEST_ENV};QORV_CLI=$<TARGET_FILE:qorv_cli>"
+    FIXTURES_REQUIRED qorv_python_site LABELS tools TIMEOUT 600)
+endforeach()

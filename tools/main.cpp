@@ -13,14 +13,10 @@
 
 #include <CLI/CLI.hpp>
 
-#ifndef QORV_TOOL_VERSION
-#define QORV_TOOL_VERSION "unknown"
-#endif
-
 namespace {
 
 std::string VersionText() {
-  return std::string("qorv ") + QORV_TOOL_VERSION + " (library " + QorvVersion() + ")";
+  return std::string("qorv ") + QORV_VERSION_TEXT + " (library " + QorvVersion() + ")";
 }
 
 // What a missing command is reported as: the command that wants one of its own, an unknown name,

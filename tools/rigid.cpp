@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "geometry/axis_angle.hpp"
 #include "session.hpp"
 
 namespace qorv::tools {
@@ -39,19 +40,8 @@ std::array<double, 12> Rigid::transformLayout() const {
 Rigid Rigid::FromAxisAngle(const std::array<double, 3>& axis,
                            double angleRadians,
                            const std::array<double, 3>& translation) {
-  const double length = std::sqrt(axis[0] * axis[0] + axis[1] * axis[1] + axis[2] * axis[2]);
-  const double x = axis[0] / length, y = axis[1] / length, z = axis[2] / length;
-  const double c = std::cos(angleRadians), s = std::sin(angleRadians), v = 1.0 - c;
   Rigid out;
-  out.r = {c + x * x * v,
-           x * y * v - z * s,
-           x * z * v + y * s,
-           y * x * v + z * s,
-           c + y * y * v,
-           y * z * v - x * s,
-           z * x * v - y * s,
-           z * y * v + x * s,
-           c + z * z * v};
+  out.r = AxisAngleRotation(axis.data(), angleRadians);
   out.t = translation;
   return out;
 }

@@ -24,6 +24,7 @@
 
 #include <omp.h>
 
+#include "geometry/axis_angle.hpp"
 #include "peers.hpp"
 #include "search/kd_tree.hpp"
 
@@ -331,24 +332,11 @@ struct ViewPair {
 Rigid RandomMotion(std::mt19937& rng, double diagonal) {
   std::normal_distribution<double> gauss(0.0, 1.0);
   std::uniform_real_distribution<double> uniform(0.0, 1.0);
-  double axis[3] = {gauss(rng), gauss(rng), gauss(rng)};
-  const double len = std::sqrt(axis[0] * axis[0] + axis[1] * axis[1] + axis[2] * axis[2]);
-  for (double& a : axis) a /= len;
+  const double axis[3] = {gauss(rng), gauss(rng), gauss(rng)};
   const double angle = (30.0 + 60.0 * uniform(rng)) * M_PI / 180.0;
-  const double c = std::cos(angle);
-  const double s = std::sin(angle);
-  const double x = axis[0], y = axis[1], z = axis[2];
   Rigid m;
-  const double r[9] = {c + x * x * (1 - c),
-                       x * y * (1 - c) - z * s,
-                       x * z * (1 - c) + y * s,
-                       y * x * (1 - c) + z * s,
-                       c + y * y * (1 - c),
-                       y * z * (1 - c) - x * s,
-                       z * x * (1 - c) - y * s,
-                       z * y * (1 - c) + x * s,
-                       c + z * z * (1 - c)};
-  std::copy(r, r + 9, m.r);
+  const std::array<double, 9> r = AxisAngleRotation(axis, angle);
+  std::copy(r.begin(), r.end(), m.r);
   double dir[3] = {gauss(rng), gauss(rng), gauss(rng)};
   const double dlen = std::sqrt(dir[0] * dir[0] + dir[1] * dir[1] + dir[2] * dir[2]);
   for (int d = 0; d < 3; ++d) m.t[d] = dir[d] / dlen * 0.5 * diagonal;

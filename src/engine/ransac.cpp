@@ -12,17 +12,27 @@
 namespace qorv::engine {
 namespace {
 
+// Calls visit(i) for every match i that `pose` brings within `distance` of its target.
+template <typename Visit>
+void ForEachInlier(const Eigen::Matrix3Xf& s,
+                   const Eigen::Matrix3Xf& t,
+                   const Pose& pose,
+                   float distance,
+                   Visit&& visit) {
+  const Eigen::Matrix3f r = pose.topLeftCorner<3, 3>().cast<float>();
+  const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();
+  const float limit = distance * distance;
+  for (Eigen::Index i = 0; i < s.cols(); ++i) {
+    if (((r * s.col(i) + shift) - t.col(i)).squaredNorm() < limit) visit(i);
+  }
+}
+
 int32_t CountInliers(const Eigen::Matrix3Xf& s,
                      const Eigen::Matrix3Xf& t,
                      const Pose& pose,
                      float distance) {
-  const Eigen::Matrix3f r = pose.topLeftCorner<3, 3>().cast<float>();
-  const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();
-  const float limit = distance * distance;
   int32_t count = 0;
-  for (Eigen::Index i = 0; i < s.cols(); ++i) {
-    count += ((r * s.col(i) + shift) - t.col(i)).squaredNorm() < limit;
-  }
+  ForEachInlier(s, t, pose, distance, [&](Eigen::Index) { ++count; });
   return count;
 }
 
@@ -43,14 +53,9 @@ std::vector<int32_t> Inliers(const Eigen::Matrix3Xf& s,
                              const Eigen::Matrix3Xf& t,
                              const Pose& pose,
                              float distance) {
-  const Eigen::Matrix3f r = pose.topLeftCorner<3, 3>().cast<float>();
-  const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();
-  const float limit = distance * distance;
   std::vector<int32_t> out;
-  for (Eigen::Index i = 0; i < s.cols(); ++i) {
-    if (((r * s.col(i) + shift) - t.col(i)).squaredNorm() < limit)
-      out.push_back(static_cast<int32_t>(i));
-  }
+  ForEachInlier(
+      s, t, pose, distance, [&](Eigen::Index i) { out.push_back(static_cast<int32_t>(i)); });
   return out;
 }
 

@@ -118,22 +118,16 @@ Outcome RunWorkload(QorvInstance* inst, const Workload& w) {
   const int32_t n = k.count();
   o.matchIndices.assign(static_cast<size_t>(n) * 3, -2);
   o.matchDistances.assign(o.matchIndices.size(), -2.0f);
-  o.codes.push_back(QorvMatchDescriptor(inst,
-                                        k.descriptors1.data(),
-                                        n,
-                                        k.descriptors2.data(),
-                                        o.matchIndices.data(),
-                                        o.matchDistances.data(),
-                                        3,
-                                        n));
-  o.codes.push_back(QorvMatchDescriptor(inst,
-                                        k.descriptors1.data(),
-                                        n,
-                                        k.descriptors2.data(),
-                                        o.matchIndices.data(),
-                                        o.matchDistances.data(),
-                                        1,
-                                        n));
+  for (const int32_t neighbours : {3, 1}) {
+    o.codes.push_back(QorvMatchDescriptor(inst,
+                                          k.descriptors1.data(),
+                                          n,
+                                          k.descriptors2.data(),
+                                          o.matchIndices.data(),
+                                          o.matchDistances.data(),
+                                          neighbours,
+                                          n));
+  }
   o.iterative = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
   o.codes.push_back(QorvIterativeMatchKeyPoints(inst,
                                                 k.points1.data(),

@@ -2,9 +2,12 @@
 // Copyright (c) 2026 The Qorv developers
 #pragma once
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <vector>
+
+#include "geometry/axis_angle.hpp"
 
 // Synthetic clouds with known key points and analytic normals, for the key-point and descriptor
 // tests.
@@ -96,17 +99,8 @@ inline OrientedCloud WavySurface(int nx, int ny, float h) {
 // Applies the rotation about the axis (1, 2, 3)/|.| by `angle` and the translation t to points and
 // normals (normals rotated only).
 inline OrientedCloud RigidlyMoved(const OrientedCloud& in, float angle, const float* t) {
-  const double ax = 1.0 / std::sqrt(14.0), ay = 2.0 / std::sqrt(14.0), az = 3.0 / std::sqrt(14.0);
-  const double c = std::cos(angle), s = std::sin(angle), C = 1.0 - c;
-  const double r[9] = {c + ax * ax * C,
-                       ax * ay * C - az * s,
-                       ax * az * C + ay * s,
-                       ay * ax * C + az * s,
-                       c + ay * ay * C,
-                       ay * az * C - ax * s,
-                       az * ax * C - ay * s,
-                       az * ay * C + ax * s,
-                       c + az * az * C};
+  const double axis[3] = {1.0, 2.0, 3.0};
+  const std::array<double, 9> r = AxisAngleRotation(axis, angle);
   OrientedCloud out;
   for (int32_t i = 0; i < in.count(); ++i) {
     const float* p = &in.points[static_cast<size_t>(i) * 3];

@@ -14,8 +14,4 @@ bool SameBits(const std::vector<T>& a, const std::vector<T>& b) {
          (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
 }
 
-// True when a point (3 floats) has a NaN coordinate. The export tests see only the public header,
-// so they keep this copy of the library's own.
-inline bool HasNaN(const float* p) { return p[0] != p[0] || p[1] != p[1] || p[2] != p[2]; }
-
 }  // namespace qorv::test
