@@ -8,8 +8,6 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "json_writer.hpp"
-
 namespace qorv::tools {
 
 void CollectIndices(const int32_t* indices, int32_t count, void* user) {
@@ -20,14 +18,12 @@ void CollectIndices(const int32_t* indices, int32_t count, void* user) {
 void ReportWritten(const GlobalOptions& global, const Written& w, const std::string& note) {
   FlushAll();
   if (global.json) {
-    JsonWriter json;
-    json.beginObject();
-    json.key("command").value(w.command);
-    json.key("input").value(w.input).key("points_in").value(w.pointsIn);
-    json.key("output").value(w.output).key("points_out").value(w.pointsOut);
-    json.key("ms").value(std::round(w.ms * 1000.0) / 1000.0);
-    json.endObject();
-    std::fputs(json.str().c_str(), Out());
+    PrintJson({{"command", w.command},
+               {"input", w.input},
+               {"points_in", w.pointsIn},
+               {"output", w.output},
+               {"points_out", w.pointsOut},
+               {"ms", std::round(w.ms * 1000.0) / 1000.0}});
   } else {
     std::fprintf(Out(),
                  "%s: %lld of %lld points written to %s%s (%.1f ms)\n",
@@ -54,6 +50,10 @@ void MakeParentFolder(const std::string& path) {
   std::error_code error;
   std::filesystem::create_directories(parent, error);
   if (error) throw ToolError("cannot create folder '" + parent.string() + "': " + error.message());
+}
+
+void PrintJson(const nlohmann::ordered_json& doc) {
+  std::fprintf(Out(), "%s\n", doc.dump(2).c_str());
 }
 
 void CheckSnapshotPath(const std::string& path) {

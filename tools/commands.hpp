@@ -17,6 +17,7 @@
 #include "snapshot.hpp"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 namespace qorv::tools {
 
@@ -123,6 +124,9 @@ struct Written {
 // One summary line, or a JSON object, for a command that turned its input into its output; the
 // line gets `note` after the output's name.
 void ReportWritten(const GlobalOptions& global, const Written& w, const std::string& note = "");
+
+// Prints a command's JSON document on the tool's output, indented, with a final newline.
+void PrintJson(const nlohmann::ordered_json& doc);
 
 // Reads a cloud and records the time taken as `stage`.
 Cloud ReadTimed(const std::string& path, const char* stage, std::vector<StageTime>& stages);

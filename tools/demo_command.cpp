@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "commands.hpp"
-#include "json_writer.hpp"
 
 namespace qorv::tools {
 namespace {
@@ -101,23 +100,20 @@ int RunDemo(const GlobalOptions& global, DemoOptions o) {
   FlushAll();
   std::FILE* out = Out();
   if (global.json) {
-    JsonWriter json;
-    json.beginObject();
-    json.key("command").value("demo");
-    json.key("version").value(std::string(QorvVersion()));
-    json.key("threads").value(static_cast<int32_t>(session.threads()));
-    WriteReportJson(json, report);
+    nlohmann::ordered_json doc = {
+        {"command", "demo"}, {"version", QorvVersion()}, {"threads", session.threads()}};
+    AddReportJson(doc, report);
     const std::array<double, 12> m = truth.matrix3x4();
-    json.key("truth").beginArray();
-    for (int row = 0; row < 3; ++row) json.numbers(&m[4 * row], 4);
-    json.endArray();
-    json.key("rotation_error_degrees").value(rotationError);
-    json.key("translation_error").value(translationError);
-    json.key("mean_point_error").value(pointError);
-    json.key("recovered").value(recovered);
-    json.key("snapshot").value(o.snapshot);
-    json.endObject();
-    std::fputs(json.str().c_str(), out);
+    nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+    for (size_t row = 0; row < 3; ++row)
+      rows.push_back({m[4 * row], m[4 * row + 1], m[4 * row + 2], m[4 * row + 3]});
+    doc["truth"] = rows;
+    doc["rotation_error_degrees"] = rotationError;
+    doc["translation_error"] = translationError;
+    doc["mean_point_error"] = pointError;
+    doc["recovered"] = recovered;
+    doc["snapshot"] = o.snapshot;
+    PrintJson(doc);
   } else {
     std::fprintf(
         out,

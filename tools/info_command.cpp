@@ -7,7 +7,6 @@
 #include <limits>
 
 #include "commands.hpp"
-#include "json_writer.hpp"
 
 namespace qorv::tools {
 namespace {
@@ -38,30 +37,24 @@ int RunInfo(const GlobalOptions& global, const std::string& path) {
   FlushAll();
   std::FILE* out = Out();
   if (global.json) {
-    JsonWriter json;
-    json.beginObject();
-    json.key("path").value(path).key("format").value(cloud.format);
-    json.key("points").value(cloud.size());
-    json.key("normals").value(cloud.hasNormals()).key("colours").value(cloud.hasColours());
-    json.key("dropped_non_finite").value(cloud.droppedNonFinite);
-    json.key("fields").value(cloud.fields);
-    json.key("organized");
-    if (cloud.height > 1) {
-      json.beginObject()
-          .key("width")
-          .value(cloud.width)
-          .key("height")
-          .value(cloud.height)
-          .endObject();
-    } else {
-      json.null();
-    }
-    json.key("min").numbers(lo, 3).key("max").numbers(hi, 3).key("extent").numbers(extent, 3);
-    json.key("centroid").numbers(centroid, 3);
-    json.key("spacing").value(static_cast<double>(spacing));
-    json.key("read_ms").value(std::round(readMs * 1000.0) / 1000.0);
-    json.endObject();
-    std::fputs(json.str().c_str(), out);
+    auto triple = [](const double* v) { return nlohmann::ordered_json{v[0], v[1], v[2]}; };
+    PrintJson({{"path", path},
+               {"format", cloud.format},
+               {"points", cloud.size()},
+               {"normals", cloud.hasNormals()},
+               {"colours", cloud.hasColours()},
+               {"dropped_non_finite", cloud.droppedNonFinite},
+               {"fields", cloud.fields},
+               {"organized",
+                cloud.height > 1
+                    ? nlohmann::ordered_json{{"width", cloud.width}, {"height", cloud.height}}
+                    : nlohmann::ordered_json()},
+               {"min", triple(lo)},
+               {"max", triple(hi)},
+               {"extent", triple(extent)},
+               {"centroid", triple(centroid)},
+               {"spacing", static_cast<double>(spacing)},
+               {"read_ms", std::round(readMs * 1000.0) / 1000.0}});
   } else {
     std::fprintf(out, "file      %s (%s)\n", path.c_str(), cloud.format.c_str());
     std::fprintf(out,

@@ -7,8 +7,6 @@
 #include <cmath>
 #include <cstdio>
 
-#include "json_writer.hpp"
-
 namespace qorv::tools {
 namespace {
 
@@ -255,48 +253,42 @@ void PrintReport(const RegistrationReport& r) {
   std::fflush(out);
 }
 
-void WriteReportJson(JsonWriter& json, const RegistrationReport& r) {
+void AddReportJson(nlohmann::ordered_json& doc, const RegistrationReport& r) {
   const QorvEngineResult& v = r.verdict;
-  auto cloud = [&json](const char* name, const CloudSummary& c) {
-    json.key(name).beginObject();
-    json.key("path").value(c.path);
-    json.key("format").value(c.format);
-    json.key("points").value(c.points);
-    json.key("samples").value(c.samples);
-    json.endObject();
+  auto cloud = [](const CloudSummary& c) {
+    return nlohmann::ordered_json{
+        {"path", c.path}, {"format", c.format}, {"points", c.points}, {"samples", c.samples}};
   };
-  json.key("registered").value(r.registered());
   const std::array<double, 16> m = Matrix4x4(r.transform);
-  json.key("transform").beginArray();
-  for (int row = 0; row < 4; ++row) json.numbers(&m[static_cast<size_t>(4 * row)], 4);
-  json.endArray();
-  json.key("reason");
-  r.registered() ? json.null() : json.value(std::string(v.reason));
-  json.key("fitness").value(v.fitness);
-  json.key("target_overlap").value(v.target_overlap);
-  json.key("inlier_rmse").value(v.inlier_rmse);
-  json.key("inlier_distance").value(v.inlier_distance);
-  json.key("consistent_pairs").value(v.consistent_pairs);
-  json.key("matches").value(v.matches);
-  json.key("voxel").value(v.voxel);
-  json.key("tries").value(v.tries);
-  json.key("method").value(r.method);
-  if (r.method.rfind("pipeline", 0) == 0) {
-    json.key("pipeline_correspondences").value(static_cast<int64_t>(r.pipelineCorrespondences));
-  }
-  json.key("rotation_degrees").value(r.transform.rotationAngleDegrees());
-  json.key("translation").numbers(r.transform.t.data(), 3);
-  cloud("target", r.target);
-  cloud("source", r.source);
-  json.key("stages").beginArray();
+  nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+  for (size_t row = 0; row < 4; ++row)
+    rows.push_back({m[4 * row], m[4 * row + 1], m[4 * row + 2], m[4 * row + 3]});
+  doc["registered"] = r.registered();
+  doc["transform"] = rows;
+  doc["reason"] = r.registered() ? nlohmann::ordered_json() : nlohmann::ordered_json(v.reason);
+  doc["fitness"] = v.fitness;
+  doc["target_overlap"] = v.target_overlap;
+  doc["inlier_rmse"] = v.inlier_rmse;
+  doc["inlier_distance"] = v.inlier_distance;
+  doc["consistent_pairs"] = v.consistent_pairs;
+  doc["matches"] = v.matches;
+  doc["voxel"] = v.voxel;
+  doc["tries"] = v.tries;
+  doc["method"] = r.method;
+  if (r.method.rfind("pipeline", 0) == 0)
+    doc["pipeline_correspondences"] = r.pipelineCorrespondences;
+  doc["rotation_degrees"] = r.transform.rotationAngleDegrees();
+  doc["translation"] = r.transform.t;
+  doc["target"] = cloud(r.target);
+  doc["source"] = cloud(r.source);
+  nlohmann::ordered_json stages = nlohmann::ordered_json::array();
   double total = 0.0;
   for (const StageTime& stage : r.stages) {
-    json.beginObject().key("name").value(stage.name);
-    json.key("ms").value(std::round(stage.ms * 1000.0) / 1000.0).endObject();
+    stages.push_back({{"name", stage.name}, {"ms", std::round(stage.ms * 1000.0) / 1000.0}});
     total += stage.ms;
   }
-  json.endArray();
-  json.key("total_ms").value(std::round(total * 1000.0) / 1000.0);
+  doc["stages"] = stages;
+  doc["total_ms"] = std::round(total * 1000.0) / 1000.0;
 }
 
 }  // namespace qorv::tools

@@ -13,6 +13,8 @@
 #include "rigid.hpp"
 #include "session.hpp"
 
+#include <nlohmann/json.hpp>
+
 namespace qorv::tools {
 
 enum class Method { kRansac, kIterative };
@@ -74,10 +76,9 @@ void PrintReport(const RegistrationReport& report);
 // Prints the three upper rows of a motion's 4 x 4 matrix, one a line.
 void PrintMatrixRows(std::FILE* out, const Rigid& motion);
 
-class JsonWriter;
 // The report's fields into an open JSON object: "registered", "transform" (4 x 4 rows), the
 // measures, "reason" and the stage times.
-void WriteReportJson(JsonWriter& json, const RegistrationReport& report);
+void AddReportJson(nlohmann::ordered_json& doc, const RegistrationReport& report);
 
 // Milliseconds on a steady clock, counted from its first reading.
 double Now();

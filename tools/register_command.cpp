@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "commands.hpp"
-#include "json_writer.hpp"
 
 namespace qorv::tools {
 namespace {
@@ -54,19 +53,15 @@ int RunRegister(const GlobalOptions& global, RegisterOptions o) {
 
   if (global.json) {
     FlushAll();
-    JsonWriter json;
-    json.beginObject();
-    json.key("command").value("register");
-    json.key("version").value(std::string(QorvVersion()));
-    json.key("threads").value(static_cast<int32_t>(session.threads()));
-    json.key("seed").value(static_cast<int64_t>(o.settings.engine.seed));
-    WriteReportJson(json, report);
-    json.key("output");
-    o.output.empty() ? json.null() : json.value(o.output);
-    json.key("snapshot");
-    o.snapshot.empty() ? json.null() : json.value(o.snapshot);
-    json.endObject();
-    std::fputs(json.str().c_str(), Out());
+    nlohmann::ordered_json doc = {{"command", "register"},
+                                  {"version", QorvVersion()},
+                                  {"threads", session.threads()},
+                                  {"seed", o.settings.engine.seed}};
+    AddReportJson(doc, report);
+    doc["output"] = o.output.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(o.output);
+    doc["snapshot"] =
+        o.snapshot.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(o.snapshot);
+    PrintJson(doc);
   } else {
     PrintReport(report);
     if (!o.output.empty()) std::fprintf(Out(), "moved source written to %s\n", o.output.c_str());
