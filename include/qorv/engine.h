@@ -38,7 +38,7 @@ extern "C" {
 
 /* Version of this C interface; QorvEngineApiVersion() returns the one the library was built with.
  */
-#define QORV_ENGINE_API_VERSION 1
+#define QORV_ENGINE_API_VERSION 2
 
 enum {
   QORV_ENGINE_OK = 0,
@@ -80,6 +80,10 @@ typedef struct QorvEngineOptions {
   int32_t max_tries; /* scales tried in turn while the verdict is negative (>= 1) */
   int32_t max_ransac_iterations;
   double ransac_confidence; /* RANSAC stops once a better model is this unlikely */
+  /* Added in interface version 2 (a caller built before it gets the default, 0). */
+  int32_t sensor_origin; /* 1: a cloud without a viewpoint was taken by a sensor at its origin
+                            (spinning LiDAR scans centred on their sensor), so the verdict may use
+                            the space the sensor saw through */
 } QorvEngineOptions;
 
 /* Time of one stage of a registration. */
@@ -109,6 +113,14 @@ typedef struct QorvEngineResult {
   char reason[160]; /* when not registered: which check failed, in words */
   int32_t stage_count;
   QorvEngineStage stages[QORV_ENGINE_MAX_STAGES];
+  /* Added in interface version 2 (written only when struct_size leaves room for them). */
+  double constrained;  /* weakest direction: share of the nearby structure's constraint that the
+                          answer satisfies (0-1) */
+  double conditioning; /* weakest over strongest constraint of the agreeing surfaces (0-1) */
+  double free_space_conflict; /* share of points in space the other sensor saw through; -1 when no
+                                 sensor origin is known */
+  double chance_pairs;        /* consistent matches a wrong motion would get by chance */
+  double rival_share;         /* best distinct motion's score over the answer's */
 } QorvEngineResult;
 
 /* Fills options with the defaults. */

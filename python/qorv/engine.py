@@ -24,7 +24,8 @@ class _Options(ctypes.Structure):
                 ("point_budget", ctypes.c_int32), ("refine_budget", ctypes.c_int32),
                 ("seed", ctypes.c_uint64), ("threads", ctypes.c_int32), ("has_initial", ctypes.c_int32),
                 ("initial", ctypes.c_double * 16), ("max_tries", ctypes.c_int32),
-                ("max_ransac_iterations", ctypes.c_int32), ("ransac_confidence", ctypes.c_double)]
+                ("max_ransac_iterations", ctypes.c_int32), ("ransac_confidence", ctypes.c_double),
+                ("sensor_origin", ctypes.c_int32)]
 
 
 class _Stage(ctypes.Structure):
@@ -40,7 +41,10 @@ class _Result(ctypes.Structure):
                 ("target_points", ctypes.c_int32), ("source_points", ctypes.c_int32),
                 ("target_samples", ctypes.c_int32), ("source_samples", ctypes.c_int32),
                 ("tries", ctypes.c_int32), ("reason", ctypes.c_char * 160),
-                ("stage_count", ctypes.c_int32), ("stages", _Stage * MAX_STAGES)]
+                ("stage_count", ctypes.c_int32), ("stages", _Stage * MAX_STAGES),
+                ("constrained", ctypes.c_double), ("conditioning", ctypes.c_double),
+                ("free_space_conflict", ctypes.c_double), ("chance_pairs", ctypes.c_double),
+                ("rival_share", ctypes.c_double)]
 
 
 def _prototypes():
@@ -62,7 +66,12 @@ class RegistrationResult:
     transform carries source points onto the target (4 x 4, float64); registered is the verdict,
     reason says why when it is False; fitness and target_overlap are the shares of each cloud within
     inlier_distance of the other, inlier_rmse their RMS distance, consistent_pairs the feature
-    matches the motion carries; stages maps each stage's name to its milliseconds.
+    matches the motion carries and chance_pairs how many a wrong motion would carry by chance;
+    constrained is the share of the nearby structure's constraint that the motion satisfies along
+    its weakest direction, conditioning how evenly the agreeing surfaces pin all six degrees of
+    freedom, free_space_conflict the share of points found in space the other sensor saw through
+    (-1 when no sensor origin is known), rival_share the best distinct motion's score over the
+    answer's; stages maps each stage's name to its milliseconds.
     """
 
     transform: np.ndarray
@@ -81,6 +90,11 @@ class RegistrationResult:
     source_samples: int
     tries: int
     stages: dict
+    constrained: float = 0.0
+    conditioning: float = 0.0
+    free_space_conflict: float = -1.0
+    chance_pairs: float = 0.0
+    rival_share: float = 0.0
 
     def __bool__(self):
         return self.registered
@@ -113,7 +127,7 @@ def _cloud(name, points, normals, viewpoint, keep):
 def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None, seed=1,
              threads=0, initial=None, mode="global", max_tries=None, max_ransac_iterations=None,
              ransac_confidence=None, target_normals=None, source_normals=None,
-             target_viewpoint=None, source_viewpoint=None):
+             target_viewpoint=None, source_viewpoint=None, sensor_origin=False):
     """Registers source onto target with the engine and judges the answer.
 
     target, source: (n, 3) points, or organized (h, w, 3) frames with NaN holes.
@@ -122,6 +136,9 @@ def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None
     threads: 0 for the OpenMP default, 1 for serial. initial: a 4 x 4 (or 3 x 4) guess.
     mode: "global" (features and RANSAC, then ICP), "local" (ICP from initial only) or "evaluate"
     (the measures and verdict of initial as it is).
+    sensor_origin: the clouds were taken by a sensor at their origin (spinning LiDAR scans centred
+    on their sensor); organized frames and given viewpoints say so on their own. The verdict then
+    also checks that no point lies in space the other sensor saw through.
     Returns a RegistrationResult; a negative verdict is not an error (result.registered is False).
     Raises QorvEngineError (a subclass of QorvError) when the clouds cannot be registered at all.
     """
@@ -134,6 +151,7 @@ def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None
     options.voxel = float(voxel)
     options.seed = int(seed)
     options.threads = int(threads)
+    options.sensor_origin = 1 if sensor_origin else 0
     for field, value in (("point_budget", point_budget), ("refine_budget", refine_budget),
                          ("max_tries", max_tries), ("max_ransac_iterations", max_ransac_iterations),
                          ("ransac_confidence", ransac_confidence)):
@@ -163,7 +181,10 @@ def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None
         source_points=result.source_points, target_samples=result.target_samples,
         source_samples=result.source_samples, tries=result.tries,
         stages={result.stages[i].name.decode(): result.stages[i].milliseconds
-                for i in range(result.stage_count)})
+                for i in range(result.stage_count)},
+        constrained=result.constrained, conditioning=result.conditioning,
+        free_space_conflict=result.free_space_conflict, chance_pairs=result.chance_pairs,
+        rival_share=result.rival_share)
 
 
 def engine_version():

@@ -7,8 +7,11 @@
 #include <cmath>
 #include <memory>
 
+#include <Eigen/LU>
+
 #include "engine/compatibility.hpp"
 #include "engine/features.hpp"
+#include "engine/free_space.hpp"
 #include "engine/icp.hpp"
 #include "engine/matching.hpp"
 #include "engine/normals.hpp"
@@ -39,14 +42,18 @@ constexpr double kFineKernel = 2.0;
 constexpr double kNarrowKernel = 3.0;    // x the residual scale of the wide pass
 constexpr double kNarrowFloor = 0.25;    // x the fine voxel
 constexpr double kNarrowDistance = 2.0;  // x the narrow kernel
-constexpr float kVerdictDistance = 1.5f;
+// The verdict's inlier distance: kVerdictNoise x the refined residual, kept between
+// kVerdictSpacing and kVerdictSpacingMax x the refinement clouds' spacing.
+constexpr double kVerdictNoise = 3.0;
+constexpr double kVerdictSpacing = 2.5;
+constexpr double kVerdictSpacingMax = 5.0;
+constexpr float kVerdictNear = 3.0f;      // x the inlier distance: structure near enough to judge
+constexpr float kFreeSpaceMargin = 2.0f;  // x the inlier distance
 constexpr double kSpacingFloor = 1.5;  // the matching voxel is never below 1.5 x the spacing
 constexpr int32_t kMinPoints = 5;
 constexpr double kDistinctAngle =
     0.175;                              // radians (10 degrees): motions further apart are distinct
 constexpr double kDistinctShift = 5.0;  // voxels: likewise for translations
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kChanceMargin = 4.0;  // consistent matches needed, in units of the chance level
 // Scale of each try in turn while the verdict is negative: coarser (noise), then finer (small
 // clouds).
 constexpr double kTryScales[] = {1.0, 1.6, 1.0 / 1.6, 2.5, 1.0 / 2.5, 4.0, 1.0 / 4.0, 6.0};
@@ -98,6 +105,7 @@ struct TryResult {
   Candidate best;
   std::vector<Candidate> candidates;  // every refined hypothesis, best first
   int32_t consistentPairs = 0;
+  double chancePairs = 0.0;
   int32_t matches = 0;
   int32_t targetSamples = 0, sourceSamples = 0;
 };
@@ -148,9 +156,13 @@ TryResult TryScale(const Level& fineTarget,
     return static_cast<int32_t>(
         InlierMatches(source.cloud, target.cloud, matches, pose, kInlierDistance * vf).size());
   };
+  auto chance = [&](const Pose& pose) {
+    return ChanceMatches(source.cloud, target.cloud, matches, pose, kInlierDistance * vf);
+  };
   if (options.mode == Mode::kEvaluate) {
     out.best.pose = options.initial;
     out.consistentPairs = consistent(options.initial);
+    out.chancePairs = chance(options.initial);
     return out;
   }
 
@@ -196,6 +208,7 @@ TryResult TryScale(const Level& fineTarget,
     out.best = refined.front();
     out.candidates = refined;
     out.consistentPairs = consistent(out.best.pose);
+    out.chancePairs = chance(out.best.pose);
   }
   return out;
 }
@@ -216,6 +229,12 @@ int32_t Register(const CloudView& targetView,
     Level t, s;
     t.cloud = Sanitize(targetView);
     s.cloud = Sanitize(sourceView);
+    for (Cloud* c : {&t.cloud, &s.cloud}) {
+      if (options.sensorOrigin && !c->hasViewpoint) {
+        c->hasViewpoint = true;  // the caller says: scans centred on their sensor
+        c->viewpoint.setZero();
+      }
+    }
     result.targetPoints = t.cloud.size();
     result.sourcePoints = s.cloud.size();
     if (t.cloud.size() < kMinPoints || s.cloud.size() < kMinPoints) {
@@ -272,11 +291,21 @@ int32_t Register(const CloudView& targetView,
   clock.lap("scale");
 
   VerdictRules rules;
-  if (options.mode == Mode::kLocal) rules.minConsistentPairs = 0;
+  if (options.mode == Mode::kLocal) rules.minConsistentPairs = 0;  // no feature matches to count
+  // What each sensor saw, where its origin is known: a right motion puts no point of one scan in
+  // space the other sensor saw through.
+  const SensorView targetSight(fineTarget.cloud), sourceSight(fineSource.cloud);
   bool haveBest = false;
-  double bestScore = -1.0;
-  std::vector<Candidate> seen;
+  double bestRank = -1.0;
+  struct Seen {
+    Pose pose;
+    double score;
+  };
+  std::vector<Seen> seen;  // densely refined answers of every try, with their fine-scale score
   const Eigen::Vector3d centre = fineSource.cloud.points.cast<double>().rowwise().mean();
+  auto distinct = [&](const Pose& a, const Pose& b, double voxel) {
+    return RotationBetween(a, b) > kDistinctAngle || ShiftBetween(a, b, centre) > kDistinctShift * voxel;
+  };
   const int32_t tries = options.mode == Mode::kGlobal ? options.maxTries : 1;
   for (int32_t attempt = 0; attempt < tries; ++attempt) {
     const double tryVoxel = v * kTryScales[attempt];
@@ -300,6 +329,7 @@ int32_t Register(const CloudView& targetView,
                          .pose;
     }
     Pose pose = tr.best.pose;
+    double residual = 0.0;
     if (options.mode != Mode::kEvaluate) {
       const IcpOutcome wide =
           RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, pose, ip);
@@ -309,49 +339,63 @@ int32_t Register(const CloudView& targetView,
       narrow.kernel = std::max(kNarrowKernel * wide.residualScale, kNarrowFloor * fineVoxel);
       narrow.maxDistance = static_cast<float>(std::max(kNarrowDistance * narrow.kernel, fineVoxel));
       narrow.maxIterations = 30;
-      pose = RefinePointToPlane(
-                 fineSource.cloud, fineTarget.cloud, *fineTarget.tree, wide.pose, narrow)
-                 .pose;
+      const IcpOutcome settled = RefinePointToPlane(
+          fineSource.cloud, fineTarget.cloud, *fineTarget.tree, wide.pose, narrow);
+      pose = settled.pose;
+      residual = settled.residualScale;
     }
     clock.lap("refine");
-    // The verdict looks at the try's voxel clouds: averaging has taken the noise out of their
-    // points and normals, which the fine clouds still carry.
-    const float verdictDistance = static_cast<float>(kVerdictDistance * tryVoxel);
-    const Overlap overlap = MeasureOverlap(
-        tr.source.cloud, *tr.source.tree, tr.target.cloud, *tr.target.tree, pose, verdictDistance);
-    // Matches that agree with a motion by chance: each lands within the inlier distance d of its
-    // partner with the odds of hitting a disc of radius d on a surface of target samples spaced
-    // one voxel apart. Four times that many (and at least the rule's floor) must agree.
-    if (options.mode != Mode::kLocal && tr.targetSamples > 0) {
-      const double chance = tr.matches * kPi * kInlierDistance * kInlierDistance / tr.targetSamples;
-      rules.minConsistentPairs = std::max(VerdictRules().minConsistentPairs,
-                                          static_cast<int32_t>(std::ceil(kChanceMargin * chance)));
+    // The verdict at the fine scale: its lengths follow the refinement clouds' spacing and the
+    // residual noise ICP measured, never the working voxel.
+    Evidence evidence;
+    evidence.distance =
+        std::clamp(kVerdictNoise * residual, kVerdictSpacing * spacing, kVerdictSpacingMax * spacing);
+    const float distance = static_cast<float>(evidence.distance);
+    evidence.overlap = MeasureOverlap(fineSource.cloud,
+                                      *fineSource.tree,
+                                      fineTarget.cloud,
+                                      *fineTarget.tree,
+                                      pose,
+                                      distance,
+                                      kVerdictNear * distance);
+    evidence.consistentPairs = tr.consistentPairs;
+    evidence.chancePairs = tr.chancePairs;
+    const float margin = kFreeSpaceMargin * distance;
+    evidence.freeSpaceConflict = std::max(targetSight.Conflict(fineSource.cloud, pose, margin),
+                                          sourceSight.Conflict(fineTarget.cloud, Pose(pose.inverse()), margin));
+    // Uniqueness, judged after dense refinement: the best distinct motion of this try is refined
+    // the same way and scored at the same scale; any try's may rival the answer (a symmetric
+    // object seen two ways).
+    const double score = Score(evidence.overlap);
+    for (const Candidate& c : tr.candidates) {
+      if (!distinct(c.pose, pose, tryVoxel)) continue;
+      const Pose rival =
+          RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, c.pose, ip).pose;
+      if (!distinct(rival, pose, tryVoxel)) break;
+      seen.push_back({rival,
+                      Score(MeasureOverlap(fineSource.cloud,
+                                           *fineSource.tree,
+                                           fineTarget.cloud,
+                                           *fineTarget.tree,
+                                           rival,
+                                           distance))});
+      break;
     }
-    // Ambiguity belongs to the scene, not to one scale: a distinct motion that scored nearly as
-    // well in any try so far makes the answer ambiguous (a symmetric object seen two ways).
-    double rivalShare = 0.0;
-    for (const Candidate& c : tr.candidates) seen.push_back(c);
-    for (const Candidate& c : seen) {
-      if (tr.best.score > 0.0 && (RotationBetween(c.pose, pose) > kDistinctAngle ||
-                                  ShiftBetween(c.pose, pose, centre) > kDistinctShift * tryVoxel)) {
-        rivalShare = std::max(rivalShare, c.score / tr.best.score);
-      }
+    for (const Seen& other : seen) {
+      if (score > 0.0 && distinct(other.pose, pose, tryVoxel))
+        evidence.rivalShare = std::max(evidence.rivalShare, other.score / score);
     }
-    const std::string reason =
-        Decide(overlap, verdictDistance, tr.consistentPairs, rivalShare, rules);
+    seen.push_back({pose, score});
+    const std::string reason = Decide(evidence, rules);
     clock.lap("verdict");
-    const double score = Score(overlap) + (reason.empty() ? 1.0 : 0.0);
-    if (!haveBest || score > bestScore) {
+    const double rank = score + (reason.empty() ? 1.0 : 0.0);
+    if (!haveBest || rank > bestRank) {
       haveBest = true;
-      bestScore = score;
+      bestRank = rank;
       result.transform = pose;
       result.registered = reason.empty();
       result.reason = reason;
-      result.measures.fitness = overlap.fitness;
-      result.measures.targetOverlap = overlap.targetOverlap;
-      result.measures.inlierRmse = overlap.rmse;
-      result.measures.inlierDistance = verdictDistance;
-      result.measures.consistentPairs = tr.consistentPairs;
+      result.evidence = evidence;
       result.matches = tr.matches;
       result.voxel = tryVoxel;
       result.targetSamples = tr.targetSamples;

@@ -8,6 +8,8 @@
 
 #include <Eigen/Core>
 
+#include "engine/verdict.hpp"
+
 namespace qorv::engine {
 
 // A caller's cloud, not copied: packed float triples, optional normals, optional organized layout
@@ -33,6 +35,7 @@ struct Options {
   int32_t pointBudget = 4000;    // matching: voxels a cloud keeps
   int32_t refineBudget = 20000;  // dense refinement: points a cloud keeps
   uint64_t seed = 1;
+  bool sensorOrigin = false;  // clouds without a viewpoint were taken by a sensor at their origin
   int32_t threads = 0;  // 0: OpenMP's default
   bool hasInitial = false;
   Eigen::Matrix4d initial = Eigen::Matrix4d::Identity();
@@ -46,20 +49,12 @@ struct StageTime {
   double milliseconds = 0.0;
 };
 
-// The verdict's measures, taken on the refinement clouds after the final transform.
-struct Measures {
-  double fitness = 0.0;        // source samples with a target sample within inlierDistance
-  double targetOverlap = 0.0;  // target samples with a moved source sample within it
-  double inlierRmse = 0.0;
-  double inlierDistance = 0.0;
-  int32_t consistentPairs = 0;  // feature matches the transform carries within inlierDistance
-};
 
 struct Outcome {
   Eigen::Matrix4d transform = Eigen::Matrix4d::Identity();
   bool registered = false;
   std::string reason;  // why not registered
-  Measures measures;
+  Evidence evidence;   // what the verdict saw, on the refinement clouds
   int32_t matches = 0;
   double voxel = 0.0;
   int32_t targetPoints = 0, sourcePoints = 0;    // finite input points

@@ -74,6 +74,36 @@ std::vector<int32_t> InlierMatches(const Cloud& source,
   return Inliers(s, t, pose, distance);
 }
 
+double ChanceMatches(const Cloud& source,
+                     const Cloud& target,
+                     const std::vector<Match>& matches,
+                     const Pose& pose,
+                     float distance) {
+  const int32_t m = static_cast<int32_t>(matches.size());
+  if (m == 0) return 0.0;
+  Eigen::Matrix3Xf t(3, m);
+  for (int32_t i = 0; i < m; ++i) t.col(i) = target.points.col(matches[static_cast<size_t>(i)].target);
+  const PointKdTree tree(t.data(), m);
+  const Eigen::Matrix3f r = pose.topLeftCorner<3, 3>().cast<float>();
+  const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();
+  constexpr int32_t kBlock = 256;
+  const int32_t blocks = (m + kBlock - 1) / kBlock;
+  std::vector<int64_t> counts(static_cast<size_t>(blocks), 0);
+  ForBlocks(blocks, [&](int32_t block) {
+    RadiusResult found;
+    for (int32_t i = block * kBlock; i < std::min(m, (block + 1) * kBlock); ++i) {
+      const Eigen::Vector3f p =
+          r * source.points.col(matches[static_cast<size_t>(i)].source) + shift;
+      found.clear();
+      tree.radiusSearch(p.data(), distance * distance, found, false);
+      counts[static_cast<size_t>(block)] += static_cast<int64_t>(found.size());
+    }
+  });
+  int64_t total = 0;
+  for (int64_t c : counts) total += c;
+  return static_cast<double>(total) / m;
+}
+
 std::vector<Hypothesis> EstimateByRansac(const Cloud& source,
                                          const Cloud& target,
                                          const std::vector<Match>& matches,

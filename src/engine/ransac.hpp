@@ -51,4 +51,15 @@ std::vector<int32_t> InlierMatches(const Cloud& source,
                                    const Pose& pose,
                                    float distance);
 
+// How many matches a pose would carry within distance if each source point were paired with a
+// target point of the matches at random: the sum over matches of the matched target points within
+// distance of the moved source point, over the number of matches. This chance level follows the
+// scene: where a wrong motion keeps the ground on the ground, many matches land near some target
+// point on it.
+double ChanceMatches(const Cloud& source,
+                     const Cloud& target,
+                     const std::vector<Match>& matches,
+                     const Pose& pose,
+                     float distance);
+
 }  // namespace qorv::engine

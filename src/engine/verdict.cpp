@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <vector>
 
+#include <Eigen/Eigenvalues>
 #include <Eigen/LU>
 
 #include "engine/parallel.hpp"
@@ -14,10 +15,23 @@
 namespace qorv::engine {
 namespace {
 
+using Matrix6 = Eigen::Matrix<double, 6, 6>;
+using Vector6 = Eigen::Matrix<double, 6, 1>;
+
 struct Tally {
   int64_t inliers = 0;
   int64_t agreeing = 0;
   double sumSq = 0.0;
+  Matrix6 agreed = Matrix6::Zero();  // H_in
+  Matrix6 nearby = Matrix6::Zero();  // H_near
+};
+
+// Where the rows of the constraint system are taken from: the moved cloud's centre and radius.
+struct Frame {
+  bool wanted = false;
+  float nearSq = 0.0f;
+  Eigen::Vector3d centre = Eigen::Vector3d::Zero();
+  double radius = 1.0;
 };
 
 // Pairs every point of `from` (moved by pose) with its nearest point of `to` within distance.
@@ -25,7 +39,8 @@ Tally Pair(const Cloud& from,
            const Cloud& to,
            const PointKdTree& toTree,
            const Pose& pose,
-           float distance) {
+           float distance,
+           const Frame& frame) {
   const int32_t n = from.size();
   constexpr int32_t kBlock = 2048;
   const int32_t blocks = (n + kBlock - 1) / kBlock;
@@ -33,6 +48,7 @@ Tally Pair(const Cloud& from,
   const Eigen::Matrix3f r = pose.topLeftCorner<3, 3>().cast<float>();
   const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();
   const float limit = distance * distance;
+  const float searchSq = frame.wanted ? std::max(limit, frame.nearSq) : limit;
   const float cosLimit = std::cos(30.0f * 3.14159265f / 180.0f);
   const bool normals = from.hasNormals() && to.hasNormals();
   ForBlocks(blocks, [&](int32_t block) {
@@ -41,11 +57,21 @@ Tally Pair(const Cloud& from,
       const Eigen::Vector3f p = r * from.points.col(i) + shift;
       int32_t nearest = -1;
       float distSq = 0.0f;
-      if (toTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < limit)) continue;
+      if (toTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < searchSq)) continue;
+      Vector6 row = Vector6::Zero();
+      if (frame.wanted && normals) {
+        const Eigen::Vector3d normal = to.normals.col(nearest).cast<double>();
+        row.head<3>() = (p.cast<double>() - frame.centre).cross(normal) / frame.radius;
+        row.tail<3>() = normal;
+        part.nearby.noalias() += row * row.transpose();
+      }
+      if (!(distSq < limit)) continue;
       ++part.inliers;
       part.sumSq += distSq;
-      if (normals && std::abs((r * from.normals.col(i)).dot(to.normals.col(nearest))) > cosLimit)
+      if (normals && std::abs((r * from.normals.col(i)).dot(to.normals.col(nearest))) > cosLimit) {
         ++part.agreeing;
+        if (frame.wanted) part.agreed.noalias() += row * row.transpose();
+      }
     }
     parts[static_cast<size_t>(block)] = part;
   });
@@ -54,8 +80,25 @@ Tally Pair(const Cloud& from,
     sum.inliers += part.inliers;
     sum.agreeing += part.agreeing;
     sum.sumSq += part.sumSq;
+    sum.agreed += part.agreed;
+    sum.nearby += part.nearby;
   }
   return sum;
+}
+
+// The smallest generalised eigenvalue of (agreed, nearby), and the agreed system's smallest over
+// largest eigenvalue.
+void Constraint(const Tally& tally, Overlap& out) {
+  const Eigen::SelfAdjointEigenSolver<Matrix6> own(tally.agreed);
+  const double largest = own.eigenvalues()(5);
+  if (!(largest > 0.0)) return;
+  out.conditioning = std::max(0.0, own.eigenvalues()(0)) / largest;
+  // A floor keeps directions no nearby surface constrains at all from dividing zero by zero.
+  Matrix6 nearby = tally.nearby;
+  nearby.diagonal().array() += 1e-6 * std::max(1.0, nearby.trace());
+  const Eigen::GeneralizedSelfAdjointEigenSolver<Matrix6> relative(tally.agreed, nearby);
+  if (relative.info() != Eigen::Success) return;
+  out.constrained = std::clamp(relative.eigenvalues()(0), 0.0, 1.0);
 }
 
 }  // namespace
@@ -65,12 +108,24 @@ Overlap MeasureOverlap(const Cloud& source,
                        const Cloud& target,
                        const PointKdTree& targetTree,
                        const Pose& pose,
-                       float distance) {
+                       float distance,
+                       float nearDistance) {
   Overlap out;
   if (source.size() == 0 || target.size() == 0) return out;
-  const Tally forward = Pair(source, target, targetTree, pose, distance);
+  Frame frame;
+  if (nearDistance > distance && source.hasNormals() && target.hasNormals()) {
+    frame.wanted = true;
+    frame.nearSq = nearDistance * nearDistance;
+    const Eigen::Matrix3Xd moved =
+        (pose.topLeftCorner<3, 3>() * source.points.cast<double>()).colwise() +
+        Eigen::Vector3d(pose.topRightCorner<3, 1>());
+    frame.centre = moved.rowwise().mean();
+    const double meanSq = (moved.colwise() - frame.centre).colwise().squaredNorm().mean();
+    frame.radius = std::sqrt(std::max(meanSq, 1e-30));
+  }
+  const Tally forward = Pair(source, target, targetTree, pose, distance, frame);
   const Pose inverse = pose.inverse();
-  const Tally backward = Pair(target, source, sourceTree, inverse, distance);
+  const Tally backward = Pair(target, source, sourceTree, inverse, distance, Frame{});
   out.inliers = static_cast<int32_t>(forward.inliers);
   out.fitness = static_cast<double>(forward.inliers) / source.size();
   out.targetOverlap = static_cast<double>(backward.inliers) / target.size();
@@ -79,6 +134,7 @@ Overlap MeasureOverlap(const Cloud& source,
     out.normalAgreement =
         static_cast<double>(forward.agreeing) / static_cast<double>(forward.inliers);
   }
+  if (frame.wanted) Constraint(forward, out);
   return out;
 }
 
@@ -86,37 +142,61 @@ double Score(const Overlap& overlap) {
   return std::min(overlap.fitness, overlap.targetOverlap) * overlap.normalAgreement;
 }
 
-std::string Decide(const Overlap& overlap,
-                   double distance,
-                   int32_t consistentPairs,
-                   double rivalShare,
-                   const VerdictRules& rules) {
+int32_t ConsistentFloor(double chancePairs, const VerdictRules& rules) {
+  const double chance = std::max(0.0, chancePairs);
+  const double floor = chance + rules.chanceSigmas * std::sqrt(chance);
+  return std::max(rules.minConsistentPairs, static_cast<int32_t>(std::floor(floor)) + 1);
+}
+
+std::string Decide(const Evidence& e, const VerdictRules& rules) {
   char text[160];
-  const double shared = std::min(overlap.fitness, overlap.targetOverlap);
+  const Overlap& o = e.overlap;
+  const double shared = std::min(o.fitness, o.targetOverlap);
+  const int32_t floor = ConsistentFloor(e.chancePairs, rules);
   if (shared < rules.minOverlap) {
     std::snprintf(text, sizeof(text), "overlap %.2f is below %.2f", shared, rules.minOverlap);
-  } else if (overlap.rmse > rules.maxRmseShare * distance) {
+  } else if (o.rmse > rules.maxRmseShare * e.distance) {
     std::snprintf(text,
                   sizeof(text),
                   "inlier RMSE %.3g is above %.2f of the inlier distance %.3g",
-                  overlap.rmse,
+                  o.rmse,
                   rules.maxRmseShare,
-                  distance);
-  } else if (overlap.normalAgreement < rules.minNormalAgreement) {
+                  e.distance);
+  } else if (o.normalAgreement < rules.minNormalAgreement) {
     std::snprintf(text,
                   sizeof(text),
                   "surface normals agree on %.2f of the overlap, below %.2f",
-                  overlap.normalAgreement,
+                  o.normalAgreement,
                   rules.minNormalAgreement);
-  } else if (consistentPairs < rules.minConsistentPairs) {
+  } else if (o.conditioning < rules.minConditioning) {
     std::snprintf(text,
                   sizeof(text),
-                  "%d consistent feature matches, below %d",
-                  consistentPairs,
-                  rules.minConsistentPairs);
-  } else if (rivalShare > rules.maxRivalScore) {
+                  "not constrained: the agreeing surfaces leave a motion free (conditioning %.3f, "
+                  "below %.3f)",
+                  o.conditioning,
+                  rules.minConditioning);
+  } else if (o.constrained < rules.minConstrained) {
+    std::snprintf(text,
+                  sizeof(text),
+                  "only %.2f of the nearby structure agrees along its weakest direction, below %.2f",
+                  o.constrained,
+                  rules.minConstrained);
+  } else if (e.freeSpaceConflict > rules.maxFreeSpaceConflict) {
+    std::snprintf(text,
+                  sizeof(text),
+                  "%.2f of the points lie in space the other sensor saw through, above %.2f",
+                  e.freeSpaceConflict,
+                  rules.maxFreeSpaceConflict);
+  } else if (rules.minConsistentPairs > 0 && e.consistentPairs < floor) {
+    std::snprintf(text,
+                  sizeof(text),
+                  "%d consistent feature matches, below %d (chance alone gives %.1f)",
+                  e.consistentPairs,
+                  floor,
+                  e.chancePairs);
+  } else if (e.rivalShare > rules.maxRivalScore) {
     std::snprintf(
-        text, sizeof(text), "ambiguous: a distinct motion scores %.2f of the best", rivalShare);
+        text, sizeof(text), "ambiguous: a distinct motion scores %.2f of the best", e.rivalShare);
   } else {
     return {};
   }

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "engine/cloud.hpp"
-#include "engine/engine.hpp"
 #include "engine/rigid_fit.hpp"
 #include "search/kd_tree.hpp"
 
@@ -19,34 +18,62 @@ struct Overlap {
   double rmse = 0.0;             // RMS distance of the source's inlier pairs
   double normalAgreement = 0.0;  // inlier pairs whose normals agree within 30 degrees (share)
   int32_t inliers = 0;
+  // How well the agreeing pairs pin the motion down (see MeasureOverlap).
+  double constrained = 0.0;  // worst direction: share of the nearby constraint that agrees
+  double conditioning = 0.0;  // weakest over strongest eigenvalue of the agreeing pairs' system
 };
 
 // Measures the pose both ways. Both clouds need normals; the trees index their points.
+//
+// With nearDistance > distance it also weighs how the overlap constrains the motion. Every source
+// point adds its point-to-plane row J = [(p - c) x n / r, n] (c, r: the moved source's centre and
+// RMS radius, so that turns and shifts compare in one unit) to H_near when the target lies within
+// nearDistance of it, and to H_in when it is an agreeing inlier. `constrained` is the smallest
+// generalised eigenvalue of H_in against H_near: along its worst direction, the share of the
+// constraint the nearby structure offers that the pose actually satisfies. A wrong motion that
+// keeps the ground or a long wall on itself scores near 0 along the slide, however high its
+// fitness. `conditioning` is the smallest over the largest eigenvalue of H_in: near 0 when the
+// agreeing surfaces (a plane, a corridor) leave a direction free.
 Overlap MeasureOverlap(const Cloud& source,
                        const PointKdTree& sourceTree,
                        const Cloud& target,
                        const PointKdTree& targetTree,
                        const Pose& pose,
-                       float distance);
+                       float distance,
+                       float nearDistance = 0.0f);
 
 // The single number hypotheses are ranked by: overlap that the geometry agrees with.
 double Score(const Overlap& overlap);
 
-// The thresholds of the verdict (chosen on development pairs; see the header of the engine).
+// Everything the verdict looks at for one answer.
+struct Evidence {
+  Overlap overlap;
+  double distance = 0.0;          // the inlier distance the overlap was measured with
+  int32_t consistentPairs = 0;    // feature matches the pose carries within the match distance
+  double chancePairs = 0.0;       // how many of them a wrong pose would carry by chance
+  double freeSpaceConflict = -1;  // share of points seen through by the other sensor; < 0: unknown
+  double rivalShare = 0.0;        // best distinct rival's score over the answer's
+};
+
+// The thresholds of the verdict (calibrated on development pairs: docs/verdict.md).
 struct VerdictRules {
   double minOverlap = 0.2;    // min(fitness, targetOverlap) at least this
   double maxRmseShare = 0.6;  // inlier RMSE at most this share of the inlier distance
-  double minNormalAgreement = 0.7;
-  int32_t minConsistentPairs = 8;
+  double minNormalAgreement = 0.5;
+  double minConstrained = 0.15;   // worst-direction share of the nearby constraint
+  double minConditioning = 0.01;  // agreeing surfaces must pin all six degrees of freedom
+  // Consistent matches must exceed chance by this many standard deviations (Poisson), and
+  // number at least minConsistentPairs; 0 turns the match test off (no matches in local mode).
+  double chanceSigmas = 4.0;
+  int32_t minConsistentPairs = 6;
+  double maxFreeSpaceConflict = 0.1;
   double maxRivalScore = 0.9;  // a distinct rival scoring above this share of the best: ambiguous
 };
 
-// Decides on a pose measured with the given inlier distance; returns "" when registered, else the
-// reason in words.
-std::string Decide(const Overlap& overlap,
-                   double distance,
-                   int32_t consistentPairs,
-                   double rivalShare,
-                   const VerdictRules& rules);
+// The consistent matches the rules ask for at a chance level.
+int32_t ConsistentFloor(double chancePairs, const VerdictRules& rules);
+
+// Decides on the evidence; returns "" when registered, else the reason in words.
+std::string Decide(const Evidence& evidence, const VerdictRules& rules);
 
 }  // namespace qorv::engine

@@ -25,6 +25,7 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   if (!(in.ransac_confidence > 0.0 && in.ransac_confidence < 1.0)) {
     return "ransac_confidence must lie strictly between 0 and 1";
   }
+  if (in.sensor_origin != 0 && in.sensor_origin != 1) return "sensor_origin must be 0 or 1";
   if (in.mode != QORV_ENGINE_MODE_GLOBAL && !in.has_initial) {
     return "the local and evaluate modes need an initial transform (has_initial = 1)";
   }
@@ -56,6 +57,7 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   out.maxTries = in.max_tries;
   out.maxRansacIterations = in.max_ransac_iterations;
   out.ransacConfidence = in.ransac_confidence;
+  out.sensorOrigin = in.sensor_origin != 0;
   return {};
 }
 
@@ -97,11 +99,17 @@ void ToC(const Outcome& in, QorvEngineResult& out) {
   for (int r = 0; r < 4; ++r) {
     for (int c = 0; c < 4; ++c) out.transform[4 * r + c] = in.transform(r, c);
   }
-  out.fitness = in.measures.fitness;
-  out.target_overlap = in.measures.targetOverlap;
-  out.inlier_rmse = in.measures.inlierRmse;
-  out.inlier_distance = in.measures.inlierDistance;
-  out.consistent_pairs = in.measures.consistentPairs;
+  const Evidence& e = in.evidence;
+  out.fitness = e.overlap.fitness;
+  out.target_overlap = e.overlap.targetOverlap;
+  out.inlier_rmse = e.overlap.rmse;
+  out.inlier_distance = e.distance;
+  out.consistent_pairs = e.consistentPairs;
+  out.constrained = e.overlap.constrained;
+  out.conditioning = e.overlap.conditioning;
+  out.free_space_conflict = e.freeSpaceConflict;
+  out.chance_pairs = e.chancePairs;
+  out.rival_share = e.rivalShare;
   out.matches = in.matches;
   out.voxel = in.voxel;
   out.target_points = in.targetPoints;

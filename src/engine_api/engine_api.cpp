@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // The engine's C interface: argument checks, then the C++ engine.
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -20,6 +22,12 @@ static_assert(static_cast<int32_t>(qorv::engine::kOk) == QORV_ENGINE_OK, "status
 static_assert(static_cast<int32_t>(qorv::engine::kTooFewPoints) == QORV_ENGINE_ERROR_TOO_FEW_POINTS,
               "status codes must agree");
 
+namespace {
+// The sizes of the structs of interface version 1, the smallest a caller may pass.
+constexpr size_t kOptionsV1 = offsetof(QorvEngineOptions, sensor_origin);
+constexpr size_t kResultV1 = offsetof(QorvEngineResult, constrained);
+}  // namespace
+
 extern "C" {
 
 QORV_ENGINE_API void QorvEngineDefaultOptions(QorvEngineOptions* options) {
@@ -38,6 +46,7 @@ QORV_ENGINE_API void QorvEngineDefaultOptions(QorvEngineOptions* options) {
   options->max_tries = defaults.maxTries;
   options->max_ransac_iterations = defaults.maxRansacIterations;
   options->ransac_confidence = defaults.ransacConfidence;
+  options->sensor_origin = defaults.sensorOrigin ? 1 : 0;
 }
 
 QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
@@ -52,17 +61,23 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
     }
     if (result == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the result is null");
-    if (result->struct_size != 0 && result->struct_size < sizeof(QorvEngineResult)) {
+    // A caller built against an older header passes smaller structs: the fields it knows are
+    // read and written, the rest take their defaults.
+    const size_t resultSize = result->struct_size == 0 ? sizeof(QorvEngineResult) : result->struct_size;
+    if (resultSize < kResultV1) {
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
-                  "the result's struct_size is smaller than this library's QorvEngineResult");
+                  "the result's struct_size is smaller than any QorvEngineResult");
     }
     qorv::engine::Options opts;
     if (options != nullptr) {
-      if (options->struct_size < sizeof(QorvEngineOptions)) {
+      if (options->struct_size < kOptionsV1) {
         return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
                     "the options' struct_size is not set: fill them with QorvEngineDefaultOptions");
       }
-      std::string bad = qorv::engine::FromC(*options, opts);
+      QorvEngineOptions known;
+      QorvEngineDefaultOptions(&known);
+      std::memcpy(&known, options, std::min<size_t>(options->struct_size, sizeof(known)));
+      std::string bad = qorv::engine::FromC(known, opts);
       if (!bad.empty()) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, bad);
     }
     qorv::engine::CloudView t = qorv::engine::ViewOf(*target);
@@ -71,7 +86,10 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
     std::string error;
     const int32_t code = qorv::engine::Register(t, s, opts, outcome, error);
     if (code != QORV_ENGINE_OK) return Fail(code, error);
-    qorv::engine::ToC(outcome, *result);
+    QorvEngineResult full;
+    qorv::engine::ToC(outcome, full);
+    full.struct_size = static_cast<uint32_t>(std::min(resultSize, sizeof(full)));
+    std::memcpy(result, &full, full.struct_size);
     SetLastError("");
     return QORV_ENGINE_OK;
   });

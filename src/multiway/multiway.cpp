@@ -62,13 +62,13 @@ int32_t AlignScans(const std::vector<engine::CloudView>& scans,
     EdgeReport report;
     report.loop = loop;
     report.registered = outcome.registered;
-    report.fitness = outcome.measures.fitness;
-    report.consistentPairs = outcome.measures.consistentPairs;
+    report.fitness = outcome.evidence.overlap.fitness;
+    report.consistentPairs = outcome.evidence.consistentPairs;
     report.edge.from = static_cast<int32_t>(i);
     report.edge.to = static_cast<int32_t>(j);
     report.edge.motion = outcome.transform;
-    const double rmse = std::max(outcome.measures.inlierRmse, 1e-3 * outcome.voxel);
-    report.edge.shiftSigma = rmse / std::sqrt(std::max(outcome.measures.fitness, 1e-3));
+    const double rmse = std::max(outcome.evidence.overlap.rmse, 1e-3 * outcome.voxel);
+    report.edge.shiftSigma = rmse / std::sqrt(std::max(outcome.evidence.overlap.fitness, 1e-3));
     report.edge.rotationSigma = report.edge.shiftSigma / std::max(spheres[j].radius, 1e-9);
     found.push_back(report);
     return engine::kOk;
