@@ -77,6 +77,7 @@ void RegistrationFlags::applyTo(RegisterSettings& s) const {
   s.crossCheck = !noCrossCheck;
   s.engine.mode = local ? QORV_ENGINE_MODE_LOCAL : QORV_ENGINE_MODE_GLOBAL;
   s.engine.seed = static_cast<uint64_t>(seed);
+  s.engine.sensor_origin = sensorOrigin ? 1 : 0;
 }
 
 void AddRegistrationOptions(CLI::App* sub, RegisterSettings& s, RegistrationFlags& flags) {
@@ -93,6 +94,11 @@ void AddRegistrationOptions(CLI::App* sub, RegisterSettings& s, RegistrationFlag
       ->capture_default_str();
   AddSeedOption(sub, flags.seed, "Seed of every random draw: same input and seed, same bits")
       ->check(CLI::NonNegativeNumber);
+  sub->add_flag("--sensor-origin",
+                flags.sensorOrigin,
+                "Each cloud was taken by a sensor at its origin (spinning LiDAR scans centred on "
+                "their sensor): the verdict also checks the space each sensor saw through. "
+                "Organized frames and PCD viewpoints say so on their own");
   sub->add_flag("--local",
                 flags.local,
                 "Only refine from --initial (consecutive frames, a known rough pose)");

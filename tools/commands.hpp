@@ -98,6 +98,7 @@ struct RegistrationFlags {
   std::string method = "ransac";
   bool noCrossCheck = false;
   bool local = false;
+  bool sensorOrigin = false;
   int64_t seed = 1;
 
   void applyTo(RegisterSettings& s) const;

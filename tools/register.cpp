@@ -271,6 +271,12 @@ void AddReportJson(nlohmann::ordered_json& doc, const RegistrationReport& r) {
   doc["inlier_rmse"] = v.inlier_rmse;
   doc["inlier_distance"] = v.inlier_distance;
   doc["consistent_pairs"] = v.consistent_pairs;
+  doc["chance_pairs"] = v.chance_pairs;
+  doc["constrained"] = v.constrained;
+  doc["conditioning"] = v.conditioning;
+  doc["free_space_conflict"] =
+      v.free_space_conflict < 0.0 ? nlohmann::ordered_json() : nlohmann::ordered_json(v.free_space_conflict);
+  doc["rival_share"] = v.rival_share;
   doc["matches"] = v.matches;
   doc["voxel"] = v.voxel;
   doc["tries"] = v.tries;

@@ -60,8 +60,11 @@ def lidar_pairs(data, rng, count):
         r = rot(2, turn)
         source = (sb - c) @ r.T
         truth = t01 @ motion(r.T, c)
-        yield ("lidar", f"key-frames {distance:.0f} m apart, turned {turn:.0f} deg, r {radius:.0f} m",
-               ta.astype(np.float32), source.astype(np.float32), truth, 2 * radius, {})
+        # Every other pair says where each sensor was (the source's sits at -R c after the re-centring).
+        sight = dict(target_viewpoint=[0.0, 0.0, 0.0], source_viewpoint=-(r @ c)) if k % 2 == 0 else {}
+        yield ("lidar", f"key-frames {distance:.0f} m apart, turned {turn:.0f} deg, r {radius:.0f} m"
+               f"{', sensors known' if sight else ''}", ta.astype(np.float32), source.astype(np.float32),
+               truth, 2 * radius, sight)
 
 
 def fragment_pairs(data, rng, count):

@@ -57,7 +57,7 @@ def rgbd_pairs(data):
         truth = np.linalg.inv(poses[0]) @ poses[j]
         finite = clouds[0][np.isfinite(clouds[0][..., 2])]
         diagonal = float(np.linalg.norm(np.ptp(finite, axis=0)))
-        yield ("rgbd", f"frames 0-{j}", clouds[0], clouds[j], truth, diagonal)
+        yield ("rgbd", f"frames 0-{j}", clouds[0], clouds[j], truth, diagonal, {})
 
 
 def laser_pairs(data):
@@ -66,7 +66,7 @@ def laser_pairs(data):
     source = read_ply_xyz(folder / "car_cloud401.ply").astype(np.float32)
     truth = np.loadtxt(folder / "T_400_401.txt").reshape(4, 4)
     yield ("laser", "car park 400-401", target, source, truth,
-           float(np.linalg.norm(np.ptp(target, axis=0))))
+           float(np.linalg.norm(np.ptp(target, axis=0))), {"sensor_origin": True})
 
 
 def random_rotation(rng):
@@ -109,7 +109,7 @@ def view_pairs(data, scans, per_scan, seed):
                 moved = source @ motion[:3, :3].T + motion[:3, 3]
                 name = f"{scan} {'noisy' if noisy else 'clean'} #{k} ({100 * overlap:.0f} % shared)"
                 yield ("views " + ("noisy" if noisy else "clean"), name, target.astype(np.float32),
-                       moved.astype(np.float32), np.linalg.inv(motion), diagonal)
+                       moved.astype(np.float32), np.linalg.inv(motion), diagonal, {})
 
 
 SCANS = ["bunny", "dragon_res4", "dragon_res3", "dragon_res2"]

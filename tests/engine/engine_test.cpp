@@ -99,8 +99,8 @@ TEST_F(EngineOnScan, RecoversALargeMotionBetweenTwoViewsAndSaysSo) {
   EXPECT_LT(AngleDegrees(outcome.transform, truth), 0.5);
   EXPECT_LT((outcome.transform.topRightCorner<3, 1>() - truth.topRightCorner<3, 1>()).norm(),
             0.002);
-  EXPECT_GT(outcome.measures.fitness, 0.4);
-  EXPECT_GT(outcome.measures.consistentPairs, 20);
+  EXPECT_GT(outcome.evidence.overlap.fitness, 0.4);
+  EXPECT_GT(outcome.evidence.consistentPairs, 20);
   EXPECT_LE(outcome.sourceSamples, Options().pointBudget * 1.2);
 }
 
@@ -116,8 +116,8 @@ TEST_F(EngineOnScan, SameBitsOnRepeatedRunsAndAnyThreadCount) {
   ASSERT_EQ(Register(View(target_), View(moved), options, serial, error), 0);
   for (const Outcome* other : {&again, &serial}) {
     EXPECT_EQ(0, std::memcmp(first.transform.data(), other->transform.data(), sizeof(double) * 16));
-    EXPECT_EQ(first.measures.fitness, other->measures.fitness);
-    EXPECT_EQ(first.measures.consistentPairs, other->measures.consistentPairs);
+    EXPECT_EQ(first.evidence.overlap.fitness, other->evidence.overlap.fitness);
+    EXPECT_EQ(first.evidence.consistentPairs, other->evidence.consistentPairs);
   }
 }
 
@@ -171,7 +171,7 @@ TEST(Engine, AFlipOfASymmetricObjectIsNotRegistered) {
   Outcome outcome;
   std::string error;
   ASSERT_EQ(Register(View(box), View(box), judge, outcome, error), 0);
-  EXPECT_GT(outcome.measures.fitness, 0.9);  // the shapes coincide ...
+  EXPECT_GT(outcome.evidence.overlap.fitness, 0.9);  // the shapes coincide ...
   EXPECT_FALSE(outcome.registered);          // ... the evidence does not
 }
 
