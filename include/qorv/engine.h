@@ -121,6 +121,7 @@ typedef struct QorvEngineResult {
                                  sensor origin is known */
   double chance_pairs;        /* consistent matches a wrong motion would get by chance */
   double rival_share;         /* best distinct motion's score over the answer's */
+  double normal_agreement;    /* share of the inlier pairs whose normals agree within 30 degrees */
 } QorvEngineResult;
 
 /* Fills options with the defaults. */

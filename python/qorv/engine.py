@@ -44,7 +44,7 @@ class _Result(ctypes.Structure):
                 ("stage_count", ctypes.c_int32), ("stages", _Stage * MAX_STAGES),
                 ("constrained", ctypes.c_double), ("conditioning", ctypes.c_double),
                 ("free_space_conflict", ctypes.c_double), ("chance_pairs", ctypes.c_double),
-                ("rival_share", ctypes.c_double)]
+                ("rival_share", ctypes.c_double), ("normal_agreement", ctypes.c_double)]
 
 
 def _prototypes():
@@ -70,7 +70,8 @@ class RegistrationResult:
     constrained is the share of the nearby structure's constraint that the motion satisfies along
     its weakest direction, conditioning how evenly the agreeing surfaces pin all six degrees of
     freedom, free_space_conflict the share of points found in space the other sensor saw through
-    (-1 when no sensor origin is known), rival_share the best distinct motion's score over the
+    (-1 when no sensor origin is known), normal_agreement the share of inlier pairs whose normals
+    agree, rival_share the best distinct motion's score over the
     answer's; stages maps each stage's name to its milliseconds.
     """
 
@@ -95,6 +96,7 @@ class RegistrationResult:
     free_space_conflict: float = -1.0
     chance_pairs: float = 0.0
     rival_share: float = 0.0
+    normal_agreement: float = 0.0
 
     def __bool__(self):
         return self.registered
@@ -184,7 +186,7 @@ def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None
                 for i in range(result.stage_count)},
         constrained=result.constrained, conditioning=result.conditioning,
         free_space_conflict=result.free_space_conflict, chance_pairs=result.chance_pairs,
-        rival_share=result.rival_share)
+        rival_share=result.rival_share, normal_agreement=result.normal_agreement)
 
 
 def engine_version():

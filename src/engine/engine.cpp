@@ -49,6 +49,7 @@ constexpr double kVerdictSpacing = 2.5;
 constexpr double kVerdictSpacingMax = 5.0;
 constexpr float kVerdictNear = 3.0f;      // x the inlier distance: structure near enough to judge
 constexpr float kFreeSpaceMargin = 2.0f;  // x the inlier distance
+constexpr double kScreenOverlap = 0.5;     // x the verdict's overlap: below it, no dense refinement
 constexpr double kSpacingFloor = 1.5;  // the matching voxel is never below 1.5 x the spacing
 constexpr int32_t kMinPoints = 5;
 constexpr double kDistinctAngle =
@@ -307,11 +308,51 @@ int32_t Register(const CloudView& targetView,
     return RotationBetween(a, b) > kDistinctAngle || ShiftBetween(a, b, centre) > kDistinctShift * voxel;
   };
   const int32_t tries = options.mode == Mode::kGlobal ? options.maxTries : 1;
+  int32_t firstSamples = 0;
   for (int32_t attempt = 0; attempt < tries; ++attempt) {
     const double tryVoxel = v * kTryScales[attempt];
     if (attempt > 0 && tryVoxel < kSpacingFloor * spacing * 0.99) continue;
+    // A finer try costs the square of its extra samples in matching: it is for small clouds,
+    // whose first try kept well under the budget.
+    if (kTryScales[attempt] < 1.0 && firstSamples * 2 > options.pointBudget) continue;
     TryResult tr = TryScale(fineTarget, fineSource, tryVoxel, options, clock);
     ++result.tries;
+    if (attempt == 0) firstSamples = std::min(tr.targetSamples, tr.sourceSamples);
+    // Screening: an answer whose feature matches do not beat chance, or that shares too little at
+    // the working scale, is judged there; dense refinement is kept for answers that may pass.
+    if (options.mode == Mode::kGlobal) {
+      Evidence coarse;
+      coarse.distance = kInlierDistance * tryVoxel;
+      coarse.overlap = MeasureOverlap(tr.source.cloud,
+                                      *tr.source.tree,
+                                      tr.target.cloud,
+                                      *tr.target.tree,
+                                      tr.best.pose,
+                                      static_cast<float>(coarse.distance),
+                                      kVerdictNear * static_cast<float>(coarse.distance));
+      coarse.consistentPairs = tr.consistentPairs;
+      coarse.chancePairs = tr.chancePairs;
+      const double shared = std::min(coarse.overlap.fitness, coarse.overlap.targetOverlap);
+      if (tr.candidates.empty() || tr.consistentPairs < ConsistentFloor(tr.chancePairs, rules) ||
+          shared < kScreenOverlap * rules.minOverlap) {
+        const double rank = Score(coarse.overlap) - 1.0;  // below any answer judged densely
+        if (!haveBest || rank > bestRank) {
+          haveBest = true;
+          bestRank = rank;
+          result.transform = tr.best.pose;
+          result.registered = false;
+          result.reason = Decide(coarse, rules);
+          if (result.reason.empty()) result.reason = "no answer worth refining";
+          result.evidence = coarse;
+          result.matches = tr.matches;
+          result.voxel = tryVoxel;
+          result.targetSamples = tr.targetSamples;
+          result.sourceSamples = tr.sourceSamples;
+        }
+        clock.lap("verdict");
+        continue;
+      }
+    }
     // Dense refinement at the fine scale, then the verdict.
     IcpParams ip;
     ip.maxDistance = kFineIcpDistance * static_cast<float>(fineVoxel);

@@ -110,6 +110,7 @@ void ToC(const Outcome& in, QorvEngineResult& out) {
   out.free_space_conflict = e.freeSpaceConflict;
   out.chance_pairs = e.chancePairs;
   out.rival_share = e.rivalShare;
+  out.normal_agreement = e.overlap.normalAgreement;
   out.matches = in.matches;
   out.voxel = in.voxel;
   out.target_points = in.targetPoints;
