@@ -274,10 +274,12 @@ void AddReportJson(nlohmann::ordered_json& doc, const RegistrationReport& r) {
   doc["chance_pairs"] = v.chance_pairs;
   doc["constrained"] = v.constrained;
   doc["conditioning"] = v.conditioning;
-  doc["free_space_conflict"] =
-      v.free_space_conflict < 0.0 ? nlohmann::ordered_json() : nlohmann::ordered_json(v.free_space_conflict);
+  doc["free_space_conflict"] = v.free_space_conflict < 0.0
+                                   ? nlohmann::ordered_json()
+                                   : nlohmann::ordered_json(v.free_space_conflict);
   doc["rival_share"] = v.rival_share;
   doc["normal_agreement"] = v.normal_agreement;
+  doc["coherence"] = v.coherence;
   doc["matches"] = v.matches;
   doc["voxel"] = v.voxel;
   doc["tries"] = v.tries;

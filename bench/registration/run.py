@@ -85,6 +85,7 @@ def run_ours(pairs, threads):
                         registered=result.registered, reason=result.reason, fitness=result.fitness,
                         target_overlap=result.target_overlap, inlier_rmse=result.inlier_rmse,
                         inlier_distance=result.inlier_distance, normal_agreement=result.normal_agreement,
+                        coherence=result.coherence,
                         tries=result.tries,
                         consistent_pairs=result.consistent_pairs, chance_pairs=result.chance_pairs,
                         constrained=result.constrained, conditioning=result.conditioning,

@@ -122,6 +122,9 @@ typedef struct QorvEngineResult {
   double chance_pairs;        /* consistent matches a wrong motion would get by chance */
   double rival_share;         /* best distinct motion's score over the answer's */
   double normal_agreement;    /* share of the inlier pairs whose normals agree within 30 degrees */
+  double
+      coherence; /* of the source points near the target, the share that lie on it: a wrong
+                    motion leaves posts, cars and corners standing beside what they should meet */
 } QorvEngineResult;
 
 /* Fills options with the defaults. */

@@ -44,7 +44,8 @@ class _Result(ctypes.Structure):
                 ("stage_count", ctypes.c_int32), ("stages", _Stage * MAX_STAGES),
                 ("constrained", ctypes.c_double), ("conditioning", ctypes.c_double),
                 ("free_space_conflict", ctypes.c_double), ("chance_pairs", ctypes.c_double),
-                ("rival_share", ctypes.c_double), ("normal_agreement", ctypes.c_double)]
+                ("rival_share", ctypes.c_double), ("normal_agreement", ctypes.c_double),
+                ("coherence", ctypes.c_double)]
 
 
 def _prototypes():
@@ -71,7 +72,7 @@ class RegistrationResult:
     its weakest direction, conditioning how evenly the agreeing surfaces pin all six degrees of
     freedom, free_space_conflict the share of points found in space the other sensor saw through
     (-1 when no sensor origin is known), normal_agreement the share of inlier pairs whose normals
-    agree, rival_share the best distinct motion's score over the
+    agree, coherence the share of source points near the target that lie on it, rival_share the best distinct motion's score over the
     answer's; stages maps each stage's name to its milliseconds.
     """
 
@@ -97,6 +98,7 @@ class RegistrationResult:
     chance_pairs: float = 0.0
     rival_share: float = 0.0
     normal_agreement: float = 0.0
+    coherence: float = 0.0
 
     def __bool__(self):
         return self.registered
@@ -186,7 +188,8 @@ def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None
                 for i in range(result.stage_count)},
         constrained=result.constrained, conditioning=result.conditioning,
         free_space_conflict=result.free_space_conflict, chance_pairs=result.chance_pairs,
-        rival_share=result.rival_share, normal_agreement=result.normal_agreement)
+        rival_share=result.rival_share, normal_agreement=result.normal_agreement,
+        coherence=result.coherence)
 
 
 def engine_version():

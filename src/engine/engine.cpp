@@ -47,10 +47,11 @@ constexpr double kNarrowDistance = 2.0;  // x the narrow kernel
 constexpr double kVerdictNoise = 3.0;
 constexpr double kVerdictSpacing = 2.5;
 constexpr double kVerdictSpacingMax = 5.0;
+constexpr double kPlaneFloor = 0.5;       // x the spacing: least plane distance that agrees
 constexpr float kVerdictNear = 3.0f;      // x the inlier distance: structure near enough to judge
 constexpr float kFreeSpaceMargin = 2.0f;  // x the inlier distance
-constexpr double kScreenOverlap = 0.5;     // x the verdict's overlap: below it, no dense refinement
-constexpr double kSpacingFloor = 1.5;  // the matching voxel is never below 1.5 x the spacing
+constexpr double kScreenOverlap = 0.5;    // x the verdict's overlap: below it, no dense refinement
+constexpr double kSpacingFloor = 1.5;     // the matching voxel is never below 1.5 x the spacing
 constexpr int32_t kMinPoints = 5;
 constexpr double kDistinctAngle =
     0.175;                              // radians (10 degrees): motions further apart are distinct
@@ -305,7 +306,8 @@ int32_t Register(const CloudView& targetView,
   std::vector<Seen> seen;  // densely refined answers of every try, with their fine-scale score
   const Eigen::Vector3d centre = fineSource.cloud.points.cast<double>().rowwise().mean();
   auto distinct = [&](const Pose& a, const Pose& b, double voxel) {
-    return RotationBetween(a, b) > kDistinctAngle || ShiftBetween(a, b, centre) > kDistinctShift * voxel;
+    return RotationBetween(a, b) > kDistinctAngle ||
+           ShiftBetween(a, b, centre) > kDistinctShift * voxel;
   };
   const int32_t tries = options.mode == Mode::kGlobal ? options.maxTries : 1;
   int32_t firstSamples = 0;
@@ -371,7 +373,13 @@ int32_t Register(const CloudView& targetView,
     }
     Pose pose = tr.best.pose;
     double residual = 0.0;
-    if (options.mode != Mode::kEvaluate) {
+    if (options.mode == Mode::kEvaluate) {
+      IcpParams probe = ip;
+      probe.maxIterations = 1;  // the residual of the pose as given; the step is not taken
+      residual =
+          RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, pose, probe)
+              .residualScale;
+    } else {
       const IcpOutcome wide =
           RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, pose, ip);
       // Then narrow to the residuals the data shows: clean scans settle on their exact overlap,
@@ -389,21 +397,29 @@ int32_t Register(const CloudView& targetView,
     // The verdict at the fine scale: its lengths follow the refinement clouds' spacing and the
     // residual noise ICP measured, never the working voxel.
     Evidence evidence;
-    evidence.distance =
-        std::clamp(kVerdictNoise * residual, kVerdictSpacing * spacing, kVerdictSpacingMax * spacing);
+    evidence.distance = std::clamp(
+        kVerdictNoise * residual, kVerdictSpacing * spacing, kVerdictSpacingMax * spacing);
     const float distance = static_cast<float>(evidence.distance);
-    evidence.overlap = MeasureOverlap(fineSource.cloud,
-                                      *fineSource.tree,
-                                      fineTarget.cloud,
-                                      *fineTarget.tree,
-                                      pose,
-                                      distance,
-                                      kVerdictNear * distance);
+    const SmoothNormals sourceSmooth{&tr.source.cloud, tr.source.tree.get()};
+    const SmoothNormals targetSmooth{&tr.target.cloud, tr.target.tree.get()};
+    evidence.overlap =
+        MeasureOverlap(fineSource.cloud,
+                       *fineSource.tree,
+                       fineTarget.cloud,
+                       *fineTarget.tree,
+                       pose,
+                       distance,
+                       kVerdictNear * distance,
+                       sourceSmooth,
+                       targetSmooth,
+                       static_cast<float>(std::clamp(
+                           kVerdictNoise * residual, kPlaneFloor * spacing, evidence.distance)));
     evidence.consistentPairs = tr.consistentPairs;
     evidence.chancePairs = tr.chancePairs;
     const float margin = kFreeSpaceMargin * distance;
-    evidence.freeSpaceConflict = std::max(targetSight.Conflict(fineSource.cloud, pose, margin),
-                                          sourceSight.Conflict(fineTarget.cloud, Pose(pose.inverse()), margin));
+    evidence.freeSpaceConflict =
+        std::max(targetSight.Conflict(fineSource.cloud, pose, margin),
+                 sourceSight.Conflict(fineTarget.cloud, Pose(pose.inverse()), margin));
     // Uniqueness, judged after dense refinement: the best distinct motion of this try is refined
     // the same way and scored at the same scale; any try's may rival the answer (a symmetric
     // object seen two ways).
@@ -419,7 +435,10 @@ int32_t Register(const CloudView& targetView,
                                            fineTarget.cloud,
                                            *fineTarget.tree,
                                            rival,
-                                           distance))});
+                                           distance,
+                                           0.0f,
+                                           sourceSmooth,
+                                           targetSmooth))});
       break;
     }
     for (const Seen& other : seen) {

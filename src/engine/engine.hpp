@@ -36,7 +36,7 @@ struct Options {
   int32_t refineBudget = 20000;  // dense refinement: points a cloud keeps
   uint64_t seed = 1;
   bool sensorOrigin = false;  // clouds without a viewpoint were taken by a sensor at their origin
-  int32_t threads = 0;  // 0: OpenMP's default
+  int32_t threads = 0;        // 0: OpenMP's default
   bool hasInitial = false;
   Eigen::Matrix4d initial = Eigen::Matrix4d::Identity();
   int32_t maxTries = 3;
@@ -48,7 +48,6 @@ struct StageTime {
   std::string name;
   double milliseconds = 0.0;
 };
-
 
 struct Outcome {
   Eigen::Matrix4d transform = Eigen::Matrix4d::Identity();

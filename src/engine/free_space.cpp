@@ -59,7 +59,8 @@ double SensorView::Conflict(const Cloud& other, const Pose& pose, float margin) 
         const Eigen::Vector3f normal = cloud_.normals.col(found[k]);
         const float facing = normal.dot(u);
         float along = q.norm();
-        if (std::abs(facing) > 0.25f) along = std::clamp(normal.dot(q) / facing, 0.5f * along, 2.0f * along);
+        if (std::abs(facing) > 0.25f)
+          along = std::clamp(normal.dot(q) / facing, 0.5f * along, 2.0f * along);
         seen = std::min(seen, along);
         measured = true;
       }

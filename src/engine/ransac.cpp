@@ -82,7 +82,8 @@ double ChanceMatches(const Cloud& source,
   const int32_t m = static_cast<int32_t>(matches.size());
   if (m == 0) return 0.0;
   Eigen::Matrix3Xf t(3, m);
-  for (int32_t i = 0; i < m; ++i) t.col(i) = target.points.col(matches[static_cast<size_t>(i)].target);
+  for (int32_t i = 0; i < m; ++i)
+    t.col(i) = target.points.col(matches[static_cast<size_t>(i)].target);
   const PointKdTree tree(t.data(), m);
   const Eigen::Matrix3f r = pose.topLeftCorner<3, 3>().cast<float>();
   const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();

@@ -21,18 +21,40 @@ using Vector6 = Eigen::Matrix<double, 6, 1>;
 struct Tally {
   int64_t inliers = 0;
   int64_t agreeing = 0;
+  int64_t near = 0, nearAgreeing = 0;  // points within the near distance; those agreeing closely
   double sumSq = 0.0;
   Matrix6 agreed = Matrix6::Zero();  // H_in
   Matrix6 nearby = Matrix6::Zero();  // H_near
+  Matrix6 smooth = Matrix6::Zero();  // H_in on the smoother normals (conditioning)
 };
 
 // Where the rows of the constraint system are taken from: the moved cloud's centre and radius.
 struct Frame {
   bool wanted = false;
   float nearSq = 0.0f;
+  float plane = INFINITY;  // H_in takes pairs whose point-to-plane residual is within this
   Eigen::Vector3d centre = Eigen::Vector3d::Zero();
   double radius = 1.0;
 };
+
+// The normal at a point of a cloud: its own, or the smoother surface's nearest sample's.
+Eigen::Vector3f NormalAt(const Cloud& cloud, int32_t i, const SmoothNormals& smooth) {
+  if (smooth.cloud == nullptr) return cloud.normals.col(i);
+  int32_t nearest = -1;
+  float distSq = 0.0f;
+  if (smooth.tree->knnSearch(cloud.points.col(i).data(), 1, &nearest, &distSq) != 1)
+    return cloud.normals.col(i);
+  return smooth.cloud->normals.col(nearest);
+}
+
+// The point-to-plane row of a moved point p with normal n: turns scaled by the frame's radius.
+Vector6 RowOf(const Eigen::Vector3f& p, const Eigen::Vector3f& n, const Frame& frame) {
+  Vector6 row;
+  const Eigen::Vector3d normal = n.cast<double>();
+  row.head<3>() = (p.cast<double>() - frame.centre).cross(normal) / frame.radius;
+  row.tail<3>() = normal;
+  return row;
+}
 
 // Pairs every point of `from` (moved by pose) with its nearest point of `to` within distance.
 Tally Pair(const Cloud& from,
@@ -40,7 +62,9 @@ Tally Pair(const Cloud& from,
            const PointKdTree& toTree,
            const Pose& pose,
            float distance,
-           const Frame& frame) {
+           const Frame& frame,
+           const SmoothNormals& fromSmooth,
+           const SmoothNormals& toSmooth) {
   const int32_t n = from.size();
   constexpr int32_t kBlock = 2048;
   const int32_t blocks = (n + kBlock - 1) / kBlock;
@@ -50,7 +74,9 @@ Tally Pair(const Cloud& from,
   const float limit = distance * distance;
   const float searchSq = frame.wanted ? std::max(limit, frame.nearSq) : limit;
   const float cosLimit = std::cos(30.0f * 3.14159265f / 180.0f);
-  const bool normals = from.hasNormals() && to.hasNormals();
+  const bool normals = from.hasNormals() && to.hasNormals() &&
+                       (fromSmooth.cloud == nullptr || fromSmooth.cloud->hasNormals()) &&
+                       (toSmooth.cloud == nullptr || toSmooth.cloud->hasNormals());
   ForBlocks(blocks, [&](int32_t block) {
     Tally part;
     for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
@@ -58,20 +84,36 @@ Tally Pair(const Cloud& from,
       int32_t nearest = -1;
       float distSq = 0.0f;
       if (toTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < searchSq)) continue;
-      Vector6 row = Vector6::Zero();
+      // Agreement is judged on the smoother normals (sensor noise does not split a surface).
+      const bool agree =
+          normals &&
+          std::abs((r * NormalAt(from, i, fromSmooth)).dot(NormalAt(to, nearest, toSmooth))) >
+              cosLimit;
       if (frame.wanted && normals) {
-        const Eigen::Vector3d normal = to.normals.col(nearest).cast<double>();
-        row.head<3>() = (p.cast<double>() - frame.centre).cross(normal) / frame.radius;
-        row.tail<3>() = normal;
+        // The constraint measure keeps each point's own normal, sharp enough to see a post or a
+        // car: the row is the constraint the moved point's own surface offers, so a post standing
+        // beside a wall it should have met pins the motion across, whatever the wall's normal.
+        const Eigen::Vector3f own = r * from.normals.col(i);
+        const Vector6 row = RowOf(p, own, frame);
         part.nearby.noalias() += row * row.transpose();
+        ++part.near;
+        const Eigen::Vector3f theirs = to.normals.col(nearest);
+        if (distSq < limit && std::abs(own.dot(theirs)) > cosLimit &&
+            std::abs(theirs.dot(p - to.points.col(nearest))) < frame.plane) {
+          part.agreed.noalias() += row * row.transpose();
+          ++part.nearAgreeing;
+        }
+        // The conditioning takes the smoother normals: noise tilts a dense cloud's normals at
+        // random, and random tilts would pose as structure that pins a slide.
+        if (distSq < limit && agree) {
+          const Vector6 calm = RowOf(p, r * NormalAt(from, i, fromSmooth), frame);
+          part.smooth.noalias() += calm * calm.transpose();
+        }
       }
       if (!(distSq < limit)) continue;
       ++part.inliers;
       part.sumSq += distSq;
-      if (normals && std::abs((r * from.normals.col(i)).dot(to.normals.col(nearest))) > cosLimit) {
-        ++part.agreeing;
-        if (frame.wanted) part.agreed.noalias() += row * row.transpose();
-      }
+      if (agree) ++part.agreeing;
     }
     parts[static_cast<size_t>(block)] = part;
   });
@@ -79,20 +121,23 @@ Tally Pair(const Cloud& from,
   for (const Tally& part : parts) {
     sum.inliers += part.inliers;
     sum.agreeing += part.agreeing;
+    sum.near += part.near;
+    sum.nearAgreeing += part.nearAgreeing;
     sum.sumSq += part.sumSq;
     sum.agreed += part.agreed;
+    sum.smooth += part.smooth;
     sum.nearby += part.nearby;
   }
   return sum;
 }
 
-// The smallest generalised eigenvalue of (agreed, nearby), and the agreed system's smallest over
-// largest eigenvalue.
+// The smallest generalised eigenvalue of (agreed, nearby), and the smooth agreed system's smallest
+// over largest eigenvalue.
 void Constraint(const Tally& tally, Overlap& out) {
-  const Eigen::SelfAdjointEigenSolver<Matrix6> own(tally.agreed);
+  const Eigen::SelfAdjointEigenSolver<Matrix6> own(tally.smooth);
   const double largest = own.eigenvalues()(5);
-  if (!(largest > 0.0)) return;
-  out.conditioning = std::max(0.0, own.eigenvalues()(0)) / largest;
+  if (largest > 0.0) out.conditioning = std::max(0.0, own.eigenvalues()(0)) / largest;
+  if (!(tally.agreed.trace() > 0.0)) return;
   // A floor keeps directions no nearby surface constrains at all from dividing zero by zero.
   Matrix6 nearby = tally.nearby;
   nearby.diagonal().array() += 1e-6 * std::max(1.0, nearby.trace());
@@ -109,13 +154,17 @@ Overlap MeasureOverlap(const Cloud& source,
                        const PointKdTree& targetTree,
                        const Pose& pose,
                        float distance,
-                       float nearDistance) {
+                       float nearDistance,
+                       const SmoothNormals& sourceSmooth,
+                       const SmoothNormals& targetSmooth,
+                       float planeDistance) {
   Overlap out;
   if (source.size() == 0 || target.size() == 0) return out;
   Frame frame;
   if (nearDistance > distance && source.hasNormals() && target.hasNormals()) {
     frame.wanted = true;
     frame.nearSq = nearDistance * nearDistance;
+    if (planeDistance > 0.0f) frame.plane = planeDistance;
     const Eigen::Matrix3Xd moved =
         (pose.topLeftCorner<3, 3>() * source.points.cast<double>()).colwise() +
         Eigen::Vector3d(pose.topRightCorner<3, 1>());
@@ -123,9 +172,11 @@ Overlap MeasureOverlap(const Cloud& source,
     const double meanSq = (moved.colwise() - frame.centre).colwise().squaredNorm().mean();
     frame.radius = std::sqrt(std::max(meanSq, 1e-30));
   }
-  const Tally forward = Pair(source, target, targetTree, pose, distance, frame);
+  const Tally forward =
+      Pair(source, target, targetTree, pose, distance, frame, sourceSmooth, targetSmooth);
   const Pose inverse = pose.inverse();
-  const Tally backward = Pair(target, source, sourceTree, inverse, distance, Frame{});
+  const Tally backward =
+      Pair(target, source, sourceTree, inverse, distance, Frame{}, targetSmooth, sourceSmooth);
   out.inliers = static_cast<int32_t>(forward.inliers);
   out.fitness = static_cast<double>(forward.inliers) / source.size();
   out.targetOverlap = static_cast<double>(backward.inliers) / target.size();
@@ -134,7 +185,11 @@ Overlap MeasureOverlap(const Cloud& source,
     out.normalAgreement =
         static_cast<double>(forward.agreeing) / static_cast<double>(forward.inliers);
   }
-  if (frame.wanted) Constraint(forward, out);
+  if (frame.wanted) {
+    Constraint(forward, out);
+    if (forward.near > 0)
+      out.coherence = static_cast<double>(forward.nearAgreeing) / static_cast<double>(forward.near);
+  }
   return out;
 }
 
@@ -176,11 +231,12 @@ std::string Decide(const Evidence& e, const VerdictRules& rules) {
                   o.conditioning,
                   rules.minConditioning);
   } else if (o.constrained < rules.minConstrained) {
-    std::snprintf(text,
-                  sizeof(text),
-                  "only %.2f of the nearby structure agrees along its weakest direction, below %.2f",
-                  o.constrained,
-                  rules.minConstrained);
+    std::snprintf(
+        text,
+        sizeof(text),
+        "only %.2f of the nearby structure agrees along its weakest direction, below %.2f",
+        o.constrained,
+        rules.minConstrained);
   } else if (e.freeSpaceConflict > rules.maxFreeSpaceConflict) {
     std::snprintf(text,
                   sizeof(text),

@@ -111,6 +111,7 @@ void ToC(const Outcome& in, QorvEngineResult& out) {
   out.chance_pairs = e.chancePairs;
   out.rival_share = e.rivalShare;
   out.normal_agreement = e.overlap.normalAgreement;
+  out.coherence = e.overlap.coherence;
   out.matches = in.matches;
   out.voxel = in.voxel;
   out.target_points = in.targetPoints;

@@ -63,7 +63,8 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
     if (result == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the result is null");
     // A caller built against an older header passes smaller structs: the fields it knows are
     // read and written, the rest take their defaults.
-    const size_t resultSize = result->struct_size == 0 ? sizeof(QorvEngineResult) : result->struct_size;
+    const size_t resultSize =
+        result->struct_size == 0 ? sizeof(QorvEngineResult) : result->struct_size;
     if (resultSize < kResultV1) {
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
                   "the result's struct_size is smaller than any QorvEngineResult");

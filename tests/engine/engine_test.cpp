@@ -172,7 +172,7 @@ TEST(Engine, AFlipOfASymmetricObjectIsNotRegistered) {
   std::string error;
   ASSERT_EQ(Register(View(box), View(box), judge, outcome, error), 0);
   EXPECT_GT(outcome.evidence.overlap.fitness, 0.9);  // the shapes coincide ...
-  EXPECT_FALSE(outcome.registered);          // ... the evidence does not
+  EXPECT_FALSE(outcome.registered);                  // ... the evidence does not
 }
 
 TEST(Engine, LocalModeRefinesAGuessOnConsecutiveViews) {
