@@ -111,3 +111,15 @@ bench-registration: deps need-data
 	cmake --build --preset release --target qorv qorv_engine_lib
 	QORV_LIBRARY=$(CURDIR)/build/libqorv.so QORV_ENGINE_LIBRARY=$(CURDIR)/build/libqorv_engine.so \
 	  /usr/bin/python3 bench/registration/run.py --data $(DATA) --split $(SPLIT)
+
+# Many-scans benchmark: qorv.multiway on collections in order, shuffled and with strangers mixed in,
+# at 1 and 2 threads, against every pair registered one by one. Needs DATA like bench-registration.
+.PHONY: bench-multiway
+bench-multiway: deps need-data
+	@dpkg-query -W -f='$${Status}\n' python3-open3d 2>/dev/null | grep -q 'install ok installed' || \
+	  (echo "Installing: python3-open3d" && $(SUDO) apt-get update -qq && \
+	   DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends python3-open3d)
+	cmake --preset release
+	cmake --build --preset release --target qorv qorv_engine_lib
+	QORV_LIBRARY=$(CURDIR)/build/libqorv.so QORV_ENGINE_LIBRARY=$(CURDIR)/build/libqorv_engine.so \
+	  /usr/bin/python3 bench/registration/multiway_bench.py --data $(DATA)

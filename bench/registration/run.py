@@ -7,6 +7,9 @@ scan. Reports success, the verdict's precision (wrong answers called registered)
 refused, and times. Prints a markdown table and writes it, with every pair's result, to the output
 folder.
 
+With QORV_BENCH_KISS_MATCHER naming a KISS-Matcher runner built outside this repository, the LiDAR
+sets run it too (see docs/BENCHMARK.md).
+
 usage: run.py --data DIR [--split dev|test|all] [--per-scan N] [--quick] [--no-peer] [--out DIR]"""
 
 import argparse
@@ -108,6 +111,35 @@ def run_open3d(pairs, jobs, threads, work):
     return out
 
 
+def write_ply(path, points):
+    points = np.asarray(points, np.float32).reshape(-1, 3)
+    points = points[np.isfinite(points).all(axis=1)]
+    with open(path, "wb") as f:
+        f.write(f"ply\nformat binary_little_endian 1.0\nelement vertex {len(points)}\nproperty float x\n"
+                f"property float y\nproperty float z\nend_header\n".encode())
+        f.write(points.tobytes())
+
+
+def run_kiss_matcher(runner, pairs, threads, work):
+    """KISS-Matcher + GICP through a runner built outside this repository (QORV_BENCH_KISS_MATCHER:
+    `runner TARGET.ply SOURCE.ply VOXEL --threads N` printing one JSON line with "transform" (16
+    numbers, source onto target) and "seconds"), at its example voxel for outdoor LiDAR, 0.3 m."""
+    out = []
+    for i, pair in enumerate(pairs):
+        if kind_of(pair) not in ("lidar", "laser") or (len(pair) > 6 and pair[6].get("mode")):
+            continue
+        write_ply(work / "kt.ply", pair[2])
+        write_ply(work / "ks.ply", pair[3])
+        done = subprocess.run([runner, str(work / "kt.ply"), str(work / "ks.ply"), "0.3", "--threads",
+                               str(threads)], capture_output=True, text=True, timeout=600)
+        answer = json.loads(done.stdout.strip().splitlines()[-1])
+        transform = np.array(answer["transform"], float).reshape(4, 4)
+        angle, shift, ok = judge(pair, transform)
+        out.append(dict(pair=i, method="kiss-matcher+gicp", voxel=0.3, voxel_choice="0.3", threads=threads,
+                        seconds=answer["seconds"], angle=angle, shift=shift, ok=ok, registered=None))
+    return out
+
+
 def table(pairs, results, command):
     rows = ["| set (pairs) | method | voxel | threads | right | said registered: wrong | right but refused "
             "| median rotation / translation error | median time | median time refused |",
@@ -177,6 +209,8 @@ def main():
         for r in run_open3d(pairs, jobs, threads, out):
             r["method"] = "open3d ransac+icp"
             results.append(r)
+        if os.environ.get("QORV_BENCH_KISS_MATCHER"):
+            results += run_kiss_matcher(os.environ["QORV_BENCH_KISS_MATCHER"], pairs, threads, out)
         print(f"[{threads} thread(s)] {len(pairs)} pairs done", file=sys.stderr)
     command = "make bench-registration DATA=../shared/data" + ("" if args.split == "all" else f" SPLIT={args.split}")
     text = table(pairs, results, command)

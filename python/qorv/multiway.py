@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # Copyright (c) 2026 The Qorv developers
-"""qorv.multiway: many scans into one frame (QorvEngineMultiway)."""
+"""qorv.multiway: many scans into one frame (QorvEngineMultiwayPlace)."""
 
 import ctypes
 import dataclasses
@@ -15,42 +15,65 @@ class _Edge(ctypes.Structure):
     _fields_ = [("from_", ctypes.c_int32), ("to", ctypes.c_int32), ("motion", ctypes.c_double * 16),
                 ("rotation_sigma", ctypes.c_double), ("shift_sigma", ctypes.c_double), ("loop", ctypes.c_int32),
                 ("registered", ctypes.c_int32), ("rejected", ctypes.c_int32), ("fitness", ctypes.c_double),
-                ("consistent_pairs", ctypes.c_int32)]
+                ("consistent_pairs", ctypes.c_int32), ("residual", ctypes.c_double)]
+
+
+class _Scan(ctypes.Structure):
+    _fields_ = [("placed", ctypes.c_int32), ("group", ctypes.c_int32)]
+
+
+_PROGRESS = ctypes.CFUNCTYPE(None, ctypes.c_int32, ctypes.c_int32, ctypes.c_int32, ctypes.c_void_p)
 
 
 @dataclasses.dataclass
 class Edge:
-    """A relative motion: `motion` carries scan `to` into scan `from`'s frame."""
+    """A relative motion: `motion` carries scan `source` into scan `target`'s frame. residual is its
+    normalised misfit under the settled poses (about 1 when it fits its sigmas; None when it is not
+    in the solution)."""
 
-    source: int  # the scan moved ("to")
-    target: int  # the scan it is carried into ("from")
+    source: int
+    target: int
     motion: np.ndarray
     loop: bool
     registered: bool
     rejected: bool
     fitness: float
     consistent_pairs: int
+    residual: float = None
 
 
 @dataclasses.dataclass
 class Alignment:
-    """poses: (n, 4, 4), scan to the frame of scan 0; edges: every pair tried and every edge given."""
+    """poses: (n, 4, 4), scan to the frame of the reference scan (the identity where not placed);
+    placed: for each scan, whether trusted edges join it to the reference (its pose is unknown
+    otherwise); groups: each scan's connected group of kept edges (the reference's is 0); edges:
+    every pair tried and every edge given."""
 
     poses: np.ndarray
+    placed: list
+    groups: list
     edges: list
 
+    @property
+    def unplaced(self):
+        return [i for i, p in enumerate(self.placed) if not p]
 
-def multiway(scans, *, loops=True, extra_edges=(), seed=1, threads=0, voxel=0.0, max_tries=None):
-    """Aligns scans ((n_i, 3) arrays or organized frames) into one frame.
+
+def multiway(scans, *, loops=True, reference=0, extra_edges=(), seed=1, threads=0, voxel=0.0, max_tries=None,
+             progress=None):
+    """Aligns scans ((n_i, 3) arrays or organized frames), in any order, into the frame of scan
+    `reference`. A scan that no trusted edge joins to it is reported unplaced (placed[i] False).
 
     extra_edges: (target, source, motion 4 x 4, rotation_sigma, shift_sigma) tuples the caller knows
     (motion carries `source` into `target`'s frame); they join the pose graph as they are.
-    Returns an Alignment; raises QorvEngineError when a scan cannot be registered at all."""
+    progress: called as progress(pairs_done, pairs_planned, edges_kept) while pairs finish.
+    Returns an Alignment; raises QorvEngineError on bad input."""
     lib = load()
-    lib.QorvEngineMultiway.restype = ctypes.c_int32
-    lib.QorvEngineMultiway.argtypes = [ctypes.POINTER(_Cloud), ctypes.c_int32, ctypes.POINTER(_Options), ctypes.c_int32,
-                                       ctypes.POINTER(_Edge), ctypes.c_int32, ctypes.c_void_p, ctypes.POINTER(_Edge),
-                                       ctypes.c_int32, ctypes.POINTER(ctypes.c_int32)]
+    lib.QorvEngineMultiwayPlace.restype = ctypes.c_int32
+    lib.QorvEngineMultiwayPlace.argtypes = [
+        ctypes.POINTER(_Cloud), ctypes.c_int32, ctypes.POINTER(_Options), ctypes.c_int32, ctypes.c_int32,
+        ctypes.POINTER(_Edge), ctypes.c_int32, _PROGRESS, ctypes.c_void_p, ctypes.c_void_p, ctypes.POINTER(_Scan),
+        ctypes.POINTER(_Edge), ctypes.c_int32, ctypes.POINTER(ctypes.c_int32)]
     lib.QorvEngineDefaultOptions.argtypes = [ctypes.POINTER(_Options)]
     keep = []
     clouds = (_Cloud * len(scans))(*[_cloud(f"scan {i}", s, None, None, keep) for i, s in enumerate(scans)])
@@ -65,13 +88,19 @@ def multiway(scans, *, loops=True, extra_edges=(), seed=1, threads=0, voxel=0.0,
         given[k].motion[:] = list(np.asarray(motion, dtype=np.float64).reshape(16))
         given[k].rotation_sigma, given[k].shift_sigma = float(rotation_sigma), float(shift_sigma)
     poses = np.zeros((len(scans), 4, 4))
+    where = (_Scan * len(scans))()
     capacity = len(scans) * len(scans) + len(extra_edges)
     edges = (_Edge * capacity)()
     count = ctypes.c_int32(0)
-    check(lib.QorvEngineMultiway(clouds, len(scans), ctypes.byref(options), 1 if loops else 0, given,
-                                 len(extra_edges), poses.ctypes.data, edges, capacity, ctypes.byref(count)),
-          "QorvEngineMultiway")
-    return Alignment(poses=poses, edges=[
-        Edge(source=e.to, target=e.from_, motion=np.array(e.motion[:]).reshape(4, 4), loop=bool(e.loop),
-             registered=bool(e.registered), rejected=bool(e.rejected), fitness=e.fitness,
-             consistent_pairs=e.consistent_pairs) for e in edges[:count.value]])
+    report = _PROGRESS((lambda done, planned, kept, user: progress(done, planned, kept)) if progress
+                       else (lambda *args: None))
+    check(lib.QorvEngineMultiwayPlace(clouds, len(scans), ctypes.byref(options), 1 if loops else 0, int(reference),
+                                      given, len(extra_edges), report, None, poses.ctypes.data, where, edges,
+                                      capacity, ctypes.byref(count)),
+          "QorvEngineMultiwayPlace")
+    return Alignment(
+        poses=poses, placed=[bool(w.placed) for w in where], groups=[int(w.group) for w in where],
+        edges=[Edge(source=e.to, target=e.from_, motion=np.array(e.motion[:]).reshape(4, 4), loop=bool(e.loop),
+                    registered=bool(e.registered), rejected=bool(e.rejected), fitness=e.fitness,
+                    consistent_pairs=e.consistent_pairs, residual=e.residual if e.residual >= 0 else None)
+               for e in edges[:count.value]])

@@ -2,6 +2,8 @@
 // Copyright (c) 2026 The Qorv developers
 // The C interface of many-scan alignment: argument checks, then the C++ alignment.
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <string>
@@ -31,19 +33,28 @@ qorv::multiway::Pose MatrixOf(const double* m) {
 
 extern "C" {
 
-QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
-                                           int32_t count,
-                                           const QorvEngineOptions* options,
-                                           int32_t loops,
-                                           const QorvEngineMultiwayEdge* extra,
-                                           int32_t extra_count,
-                                           double* poses,
-                                           QorvEngineMultiwayEdge* edges,
-                                           int32_t edge_capacity,
-                                           int32_t* edge_count) {
+QORV_ENGINE_API int32_t QorvEngineMultiwayPlace(const QorvEngineCloud* scans,
+                                                int32_t count,
+                                                const QorvEngineOptions* options,
+                                                int32_t loops,
+                                                int32_t reference,
+                                                const QorvEngineMultiwayEdge* extra,
+                                                int32_t extra_count,
+                                                QorvEngineMultiwayProgress progress,
+                                                void* user,
+                                                double* poses,
+                                                QorvEngineMultiwayScan* placed,
+                                                QorvEngineMultiwayEdge* edges,
+                                                int32_t edge_capacity,
+                                                int32_t* edge_count) {
   return Guarded([&]() -> int32_t {
     if (scans == nullptr || count < 2)
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "at least two scans are needed");
+    if (reference < 0 || reference >= count) {
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                  "the reference " + std::to_string(reference) + " names no scan (0 to " +
+                      std::to_string(count - 1) + ")");
+    }
     if (extra_count < 0 || (extra_count > 0 && extra == nullptr)) {
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
                   "the extra edges are null or their count negative");
@@ -63,11 +74,13 @@ QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
     }
     qorv::engine::Options opts;
     if (options != nullptr) {
-      if (options->struct_size < sizeof(QorvEngineOptions)) {
+      if (options->struct_size < offsetof(QorvEngineOptions, sensor_origin)) {
         return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
                     "the options' struct_size is not set: fill them with QorvEngineDefaultOptions");
       }
-      QorvEngineOptions global = *options;
+      QorvEngineOptions global;
+      QorvEngineDefaultOptions(&global);
+      std::memcpy(&global, options, std::min<size_t>(options->struct_size, sizeof(global)));
       global.mode = QORV_ENGINE_MODE_GLOBAL;
       global.has_initial = 0;
       if (std::string bad = qorv::engine::FromC(global, opts); !bad.empty()) {
@@ -97,15 +110,28 @@ QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
       edge.shiftSigma = x.shift_sigma;
       given.push_back(edge);
     }
+    qorv::multiway::MultiwayOptions multiway;
+    multiway.loops = loops != 0;
+    multiway.reference = reference;
+    if (progress != nullptr) {
+      multiway.progress = [progress, user](const qorv::multiway::Progress& p) {
+        progress(p.pairsDone, p.pairsPlanned, p.edgesKept, user);
+      };
+    }
     std::vector<qorv::multiway::Pose> settled;
+    std::vector<qorv::multiway::ScanReport> where;
     std::vector<qorv::multiway::EdgeReport> reports;
     std::string error;
     const int32_t code =
-        qorv::multiway::AlignScans(views, opts, loops != 0, given, settled, reports, error);
+        qorv::multiway::AlignScans(views, opts, multiway, given, settled, where, reports, error);
     if (code != QORV_ENGINE_OK) return Fail(code, error);
     for (int32_t i = 0; i < count; ++i) {
       for (int k = 0; k < 16; ++k)
         poses[16 * i + k] = settled[static_cast<size_t>(i)](k / 4, k % 4);
+      if (placed != nullptr) {
+        placed[i].placed = where[static_cast<size_t>(i)].placed ? 1 : 0;
+        placed[i].group = where[static_cast<size_t>(i)].group;
+      }
     }
     const int32_t total = static_cast<int32_t>(reports.size());
     for (int32_t e = 0; e < std::min(total, edge_capacity); ++e) {
@@ -121,11 +147,38 @@ QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
       out.rejected = r.edge.rejected ? 1 : 0;
       out.fitness = r.fitness;
       out.consistent_pairs = r.consistentPairs;
+      out.residual = r.residual;
     }
     if (edge_count != nullptr) *edge_count = total;
     SetLastError("");
     return QORV_ENGINE_OK;
   });
+}
+
+QORV_ENGINE_API int32_t QorvEngineMultiway(const QorvEngineCloud* scans,
+                                           int32_t count,
+                                           const QorvEngineOptions* options,
+                                           int32_t loops,
+                                           const QorvEngineMultiwayEdge* extra,
+                                           int32_t extra_count,
+                                           double* poses,
+                                           QorvEngineMultiwayEdge* edges,
+                                           int32_t edge_capacity,
+                                           int32_t* edge_count) {
+  return QorvEngineMultiwayPlace(scans,
+                                 count,
+                                 options,
+                                 loops,
+                                 0,
+                                 extra,
+                                 extra_count,
+                                 nullptr,
+                                 nullptr,
+                                 poses,
+                                 nullptr,
+                                 edges,
+                                 edge_capacity,
+                                 edge_count);
 }
 
 }  // extern "C"

@@ -98,7 +98,7 @@ double EdgeResidual(const std::vector<Pose>& poses, const Edge& edge) {
   return std::sqrt(rotation * rotation + shift * shift);
 }
 
-bool Optimize(std::vector<Pose>& poses, std::vector<Edge>& edges) {
+bool Optimize(std::vector<Pose>& poses, std::vector<Edge>& edges, int32_t fixed) {
   if (poses.size() < 2) return true;
   std::vector<Parameters> parameters;
   for (const Pose& pose : poses) parameters.push_back(ToParameters(pose));
@@ -114,7 +114,7 @@ bool Optimize(std::vector<Pose>& poses, std::vector<Edge>& edges) {
   for (Parameters& p : parameters) {
     if (!problem.HasParameterBlock(p.data())) problem.AddParameterBlock(p.data(), 6);
   }
-  problem.SetParameterBlockConstant(parameters[0].data());
+  problem.SetParameterBlockConstant(parameters[static_cast<size_t>(fixed)].data());
   ceres::Solver::Options options;
   options.linear_solver_type = ceres::SPARSE_NORMAL_CHOLESKY;
   options.max_num_iterations = 100;

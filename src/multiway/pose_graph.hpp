@@ -23,10 +23,10 @@ struct Edge {
       false;  // set by Optimize: the settled poses disagree with it (normalised residual > 5)
 };
 
-// Poses (scan to world) minimising the robust sum over the edges, scan 0 held at `poses[0]`;
+// Poses (scan to world) minimising the robust sum over the edges, scan `fixed` held where it is;
 // `poses` holds the start and receives the result. Marks the edges the result disagrees with.
 // Returns false when the solver fails (the poses are then left as they were).
-bool Optimize(std::vector<Pose>& poses, std::vector<Edge>& edges);
+bool Optimize(std::vector<Pose>& poses, std::vector<Edge>& edges, int32_t fixed = 0);
 
 // The normalised residual of an edge under the poses (about 1 for an edge that fits its sigmas).
 double EdgeResidual(const std::vector<Pose>& poses, const Edge& edge);

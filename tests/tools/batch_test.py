@@ -107,6 +107,32 @@ def test_a_worker_dying_mid_pair_has_the_pair_run_again(tmp_path, manifest):
     assert summary["registered"] == 12
 
 
+def test_multiway_reports_a_stranger_unplaced_and_exits_4(tmp_path):
+    """Three views of the dragon and the bunny: the bunny gets no pose, and the exit status says so."""
+    scan = np.loadtxt(DATA / "sample" / "dragon_res4.asc", dtype=np.float32)
+    centre = scan.mean(axis=0)
+    paths = []
+    for k in range(3):
+        direction = np.array([np.cos(2.1 * k), np.sin(2.1 * k), 0.3])
+        paths.append(tmp_path / f"v{k}.ply")
+        qorv.write_cloud(paths[-1], scan[(scan - centre) @ direction > -0.03])
+    bunny = np.loadtxt(DATA / "sample" / "bunny.asc", dtype=np.float32)
+    paths.insert(1, tmp_path / "bunny.ply")
+    qorv.write_cloud(paths[1], (bunny - bunny.mean(0)) * (np.ptp(scan, 0).max() / np.ptp(bunny, 0).max()))
+    out = tmp_path / "poses.json"
+    run = subprocess.run([CLI, "multiway", *map(str, paths), "--output", str(out)], capture_output=True,
+                         text=True, timeout=300)
+    assert run.returncode == 4, run.stderr
+    assert "scan 1" in run.stderr and "bunny.ply" in run.stderr and "not placed" in run.stderr
+    doc = json.loads(out.read_text())
+    assert [s["placed"] for s in doc["scans"]] == [True, False, True, True]
+    assert "pose" not in doc["scans"][1] and doc["summary"]["unplaced"] == 1
+    allowed = subprocess.run([CLI, "multiway", *map(str, paths), "--output", str(out), "--allow-unplaced",
+                              "--reference", "2"], capture_output=True, text=True, timeout=300)
+    assert allowed.returncode == 0, allowed.stderr
+    assert np.allclose(json.loads(out.read_text())["scans"][2]["pose"], np.eye(4))
+
+
 def test_multiway_recovers_known_poses(tmp_path):
     """Five overlapping views of the dragon sample, each moved by a known motion, into one frame."""
     rng = np.random.default_rng(3)
@@ -135,6 +161,7 @@ def test_multiway_recovers_known_poses(tmp_path):
     for pose, true in zip(poses, truth):
         expected = np.linalg.inv(truth[0]) @ true
         assert np.abs(pose - expected).max() < 2e-3
-    assert any(e["loop"] and e["registered"] for e in doc["edges"])
+    assert all(s["placed"] for s in doc["scans"]) and doc["summary"]["unplaced"] == 0
+    assert all(e["residual"] is not None for e in doc["edges"] if e["registered"] and not e["rejected"])
     assert (tmp_path / "t.log").read_text().startswith("0 0 1\n")
     assert qorv.read_cloud(tmp_path / "m.pcd").points.shape[0] > len(scan)
