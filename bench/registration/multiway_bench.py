@@ -42,13 +42,14 @@ def views_around(points, count, rng):
 
 
 def collections(data, rng, quick):
-    """(name, scans, truth poses or None for strangers, right: (degrees, length))."""
+    """(name, scans, truth poses or None for strangers, right: (degrees, length), ATE unit)."""
     folder = data / "rgbd" / "sequence_a"
     frames = [basic.read_depth_frame(f) for f in sorted((folder / "depth").glob("*.png"))]
     poses = basic.read_trajectory(folder / "trajectory.log")
-    out = [("sequence_a in order", frames, poses, (1.0, 0.03))]
+    out = [("sequence_a in order", frames, poses, (1.0, 0.03), (1000.0, "mm"))]
     order = rng.permutation(len(frames))
-    out.append(("sequence_a shuffled", [frames[i] for i in order], [poses[i] for i in order], (1.0, 0.03)))
+    out.append(("sequence_a shuffled", [frames[i] for i in order], [poses[i] for i in order], (1.0, 0.03),
+                (1000.0, "mm")))
     strangers = []
     kitti = data / "kitti" / "000000.ply"
     if kitti.exists():
@@ -60,15 +61,16 @@ def collections(data, rng, quick):
         views, truth = views_around(points, count, rng)
         diagonal = float(np.linalg.norm(np.ptp(points, axis=0)))
         right = (2.0, 0.01 * diagonal)
-        out.append((f"{count} views of {name} in order", views, truth, right))
+        unit = (100.0 / diagonal, "% of the diagonal")
+        out.append((f"{count} views of {name} in order", views, truth, right, unit))
         order = rng.permutation(count)
         shuffled = [views[i] for i in order]
-        out.append((f"{count} views of {name} shuffled", shuffled, [truth[i] for i in order], right))
+        out.append((f"{count} views of {name} shuffled", shuffled, [truth[i] for i in order], right, unit))
         other = basic.read_asc(data / ("bunny.asc" if name != "bunny" else "dragon_res4.asc")).astype(np.float32)
         out.append((f"{count} views of {name} shuffled + a stranger + {len(strangers)} LiDAR/laser scans",
                     shuffled[:3] + [other] + shuffled[3:] + strangers,
                     [truth[i] for i in order[:3]] + [None] + [truth[i] for i in order[3:]] + [None] * len(strangers),
-                    right))
+                    right, unit))
     return out
 
 
@@ -105,7 +107,7 @@ def main():
     rng = np.random.default_rng(5)
     rows = ["| collection | threads | placed right | placed wrong | unplaced (of scans with a truth) | strangers "
             "placed | ATE | time | every pair through qorv.register, one by one |", "|---|---|---|---|---|---|---|---|---|"]
-    for name, scans, truth, right in collections(pathlib.Path(args.data), rng, args.quick):
+    for name, scans, truth, right, (scale, unit) in collections(pathlib.Path(args.data), rng, args.quick):
         for threads in [int(t) for t in args.threads.split(",")]:
             start = time.perf_counter()
             result = qorv.multiway(scans, threads=threads)
@@ -120,7 +122,7 @@ def main():
                 one_by_one = f"{time.perf_counter() - start:.1f} s"
             known = sum(t is not None for t in truth)
             rows.append(f"| {name} ({len(scans)} scans) | {threads} | {good} | {wrong} | {unplaced} of {known} | "
-                        f"{strangers} of {len(scans) - known} | {1000 * ate:.2f} mm | {seconds:.1f} s | {one_by_one} |")
+                        f"{strangers} of {len(scans) - known} | {scale * ate:.2f} {unit} | {seconds:.1f} s | {one_by_one} |")
             print(rows[-1], file=sys.stderr, flush=True)
     print("\n".join(rows))
     print("\nCommand: `make bench-multiway DATA=../shared/data`")

@@ -96,6 +96,28 @@ Level Thin(const Level& from, double voxel) {
   return out;
 }
 
+// A cloud at a try's working voxel: samples with normals, and their features unless only local
+// refinement needs it.
+struct Working {
+  Level level;
+  Features features;
+};
+
+Working MakeWorking(const Level& fine, double v, bool describe, StageClock& clock) {
+  Working out;
+  out.level = Thin(fine, v);
+  out.level.index();
+  const float vf = static_cast<float>(v);
+  EstimateNormals(*out.level.tree, kNormalRadius * vf, kNormalNeighbours, out.level.cloud);
+  clock.lap("normals");
+  if (describe) {
+    out.features = DescribePoints(
+        *out.level.tree, out.level.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
+    clock.lap("features");
+  }
+  return out;
+}
+
 struct Candidate {
   Pose pose = Pose::Identity();
   Overlap overlap;
@@ -103,7 +125,9 @@ struct Candidate {
 };
 
 struct TryResult {
-  Level target, source;  // the clouds at the try's voxel, with normals
+  const Working* target = nullptr;  // the clouds at the try's voxel, with normals
+  const Working* source = nullptr;
+  std::unique_ptr<Working> ownTarget, ownSource;  // a retry's own clouds
   Candidate best;
   std::vector<Candidate> candidates;  // every refined hypothesis, best first
   int32_t consistentPairs = 0;
@@ -112,35 +136,20 @@ struct TryResult {
   int32_t targetSamples = 0, sourceSamples = 0;
 };
 
-// One try at matching voxel v: features, matches, RANSAC, coarse ICP of each hypothesis.
-TryResult TryScale(const Level& fineTarget,
-                   const Level& fineSource,
-                   double v,
-                   const Options& options,
-                   StageClock& clock) {
-  TryResult out;
-  out.target = Thin(fineTarget, v);
-  out.source = Thin(fineSource, v);
-  Level& target = out.target;
-  Level& source = out.source;
-  target.index();
-  source.index();
+// One try at matching voxel v on the working clouds: matches, RANSAC, coarse ICP of each
+// hypothesis.
+void TryScale(TryResult& out, double v, const Options& options, StageClock& clock) {
+  const Level& target = out.target->level;
+  const Level& source = out.source->level;
   out.targetSamples = target.cloud.size();
   out.sourceSamples = source.cloud.size();
   const float vf = static_cast<float>(v);
-  EstimateNormals(*target.tree, kNormalRadius * vf, kNormalNeighbours, target.cloud);
-  EstimateNormals(*source.tree, kNormalRadius * vf, kNormalNeighbours, source.cloud);
-  clock.lap("normals");
-
   if (options.mode == Mode::kLocal) {
     out.best.pose = options.initial;
-    return out;
+    return;
   }
-  const Features ft =
-      DescribePoints(*target.tree, target.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
-  const Features fs =
-      DescribePoints(*source.tree, source.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
-  clock.lap("features");
+  const Features& ft = out.target->features;
+  const Features& fs = out.source->features;
   std::vector<Match> matches = MatchFeatures(fs, ft, kMinMutual);
   if (static_cast<int32_t>(matches.size()) > kMaxMatches) {
     // Keep the closest descriptors, then restore the source order.
@@ -165,7 +174,7 @@ TryResult TryScale(const Level& fineTarget,
     out.best.pose = options.initial;
     out.consistentPairs = consistent(options.initial);
     out.chancePairs = chance(options.initial);
-    return out;
+    return;
   }
 
   std::vector<Pose> starts;
@@ -212,86 +221,88 @@ TryResult TryScale(const Level& fineTarget,
     out.consistentPairs = consistent(out.best.pose);
     out.chancePairs = chance(out.best.pose);
   }
-  return out;
 }
 
 }  // namespace
 
-int32_t Register(const CloudView& targetView,
-                 const CloudView& sourceView,
-                 const Options& options,
-                 Outcome& outcome,
-                 std::string& error) {
-  ThreadScope threads(options.threads);
-  Outcome result;
-  StageClock clock(result.stages);
+// A cloud made ready once for all its pairs: at the refinement scale with normals, and at the
+// first try's working voxel with normals and features.
+struct Prepared {
+  Level fine;
+  Working first;
+  int32_t points = 0;  // finite input points
+};
 
-  Level fineTarget, fineSource;
-  {
-    Level t, s;
-    t.cloud = Sanitize(targetView);
-    s.cloud = Sanitize(sourceView);
-    for (Cloud* c : {&t.cloud, &s.cloud}) {
-      if (options.sensorOrigin && !c->hasViewpoint) {
-        c->hasViewpoint = true;  // the caller says: scans centred on their sensor
-        c->viewpoint.setZero();
-      }
-    }
-    result.targetPoints = t.cloud.size();
-    result.sourcePoints = s.cloud.size();
-    if (t.cloud.size() < kMinPoints || s.cloud.size() < kMinPoints) {
-      error = "the " + std::string(t.cloud.size() < kMinPoints ? "target" : "source") +
-              " cloud has " + std::to_string(std::min(t.cloud.size(), s.cloud.size())) +
-              " finite points; at least " + std::to_string(kMinPoints) + " are needed";
-      return kTooFewPoints;
-    }
-    for (const Level* level : {&t, &s}) {
-      const Eigen::Vector3f extent =
-          level->cloud.points.rowwise().maxCoeff() - level->cloud.points.rowwise().minCoeff();
-      if (!(extent.maxCoeff() > 0.0f)) {
-        error = "all finite points of the " + std::string(level == &t ? "target" : "source") +
-                " cloud coincide: there is no shape to register";
-        return kTooFewPoints;
-      }
-    }
-    clock.lap("prepare");
-    // The refinement scale: the clouds thinned to the refinement budget, never below their spacing.
-    const double fine = std::max(VoxelForBudget(t.cloud, options.refineBudget),
-                                 VoxelForBudget(s.cloud, options.refineBudget));
-    t.cloud.normals.resize(3, 0);
-    s.cloud.normals.resize(3, 0);
-    if (fine > 0.0) {
-      fineTarget = Thin(t, fine);
-      fineSource = Thin(s, fine);
-    } else {
-      fineTarget = std::move(t);
-      fineSource = std::move(s);
-    }
+void PreparedDeleter::operator()(Prepared* prepared) const { delete prepared; }
+
+namespace {
+
+// The finite points of a caller's cloud, with the sensor origin the options give; an error when
+// it has no shape to register.
+int32_t SanitizeChecked(const CloudView& view,
+                        const Options& options,
+                        const char* name,
+                        Cloud& cloud,
+                        std::string& error) {
+  cloud = Sanitize(view);
+  if (options.sensorOrigin && !cloud.hasViewpoint) {
+    cloud.hasViewpoint = true;  // the caller says: scans centred on their sensor
+    cloud.viewpoint.setZero();
   }
-  fineTarget.index();
-  fineSource.index();
-  const double spacing = std::max(MedianSpacing(*fineTarget.tree), MedianSpacing(*fineSource.tree));
-  if (!(spacing > 0.0)) {
-    error = "the clouds' points all coincide: there is no scale to work at";
+  if (cloud.size() < kMinPoints) {
+    error = "the " + std::string(name) + " cloud has " + std::to_string(cloud.size()) +
+            " finite points; at least " + std::to_string(kMinPoints) + " are needed";
     return kTooFewPoints;
   }
-  double v = options.voxel;
-  if (!(v > 0.0)) {
-    v = std::max(VoxelForBudget(fineTarget.cloud, options.pointBudget),
-                 VoxelForBudget(fineSource.cloud, options.pointBudget));
-    v = std::max(v, kSpacingFloor * spacing);
+  const Eigen::Vector3f extent =
+      cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
+  if (!(extent.maxCoeff() > 0.0f)) {
+    error = "all finite points of the " + std::string(name) +
+            " cloud coincide: there is no shape to register";
+    return kTooFewPoints;
   }
-  const double fineVoxel = std::min(spacing, v);
-  EstimateNormals(*fineTarget.tree,
-                  kNormalRadius * static_cast<float>(fineVoxel),
-                  kFineNormalNeighbours,
-                  fineTarget.cloud);
-  EstimateNormals(*fineSource.tree,
-                  kNormalRadius * static_cast<float>(fineVoxel),
-                  kFineNormalNeighbours,
-                  fineSource.cloud);
-  clock.lap("scale");
+  cloud.normals.resize(3, 0);  // the engine's own normals, at its own scales
+  return kOk;
+}
 
+// The refinement level of a sanitized cloud: thinned at `thin` (0: as it is), indexed.
+Level FineLevel(Cloud cloud, double thin) {
+  Level level;
+  level.cloud = std::move(cloud);
+  if (thin > 0.0) level = Thin(level, thin);
+  level.index();
+  return level;
+}
+
+// Fine normals, then the first try's working cloud: the prepared cloud.
+std::unique_ptr<Prepared> Finish(
+    Level fine, const Scales& scales, const Options& options, int32_t points, StageClock& clock) {
+  auto prepared = std::make_unique<Prepared>();
+  prepared->points = points;
+  prepared->fine = std::move(fine);
+  EstimateNormals(*prepared->fine.tree,
+                  kNormalRadius * static_cast<float>(scales.fineVoxel),
+                  kFineNormalNeighbours,
+                  prepared->fine.cloud);
+  clock.lap("scale");
+  prepared->first = MakeWorking(prepared->fine, scales.voxel, options.mode != Mode::kLocal, clock);
+  return prepared;
+}
+
+// Registers two prepared clouds: the tries, each densely refined and judged.
+void RegisterPrepared(const Prepared& target,
+                      const Prepared& source,
+                      const Scales& scales,
+                      const Options& options,
+                      Outcome& result,
+                      StageClock& clock) {
+  const Level& fineTarget = target.fine;
+  const Level& fineSource = source.fine;
+  const double spacing = scales.spacing;
+  const double v = scales.voxel;
+  const double fineVoxel = scales.fineVoxel;
+  result.targetPoints = target.points;
+  result.sourcePoints = source.points;
   VerdictRules rules;
   if (options.mode == Mode::kLocal) rules.minConsistentPairs = 0;  // no feature matches to count
   // What each sensor saw, where its origin is known: a right motion puts no point of one scan in
@@ -317,7 +328,18 @@ int32_t Register(const CloudView& targetView,
     // A finer try costs the square of its extra samples in matching: it is for small clouds,
     // whose first try kept well under the budget.
     if (kTryScales[attempt] < 1.0 && firstSamples * 2 > options.pointBudget) continue;
-    TryResult tr = TryScale(fineTarget, fineSource, tryVoxel, options, clock);
+    TryResult tr;
+    if (attempt == 0) {
+      tr.target = &target.first;
+      tr.source = &source.first;
+    } else {
+      const bool describe = options.mode != Mode::kLocal;
+      tr.ownTarget = std::make_unique<Working>(MakeWorking(fineTarget, tryVoxel, describe, clock));
+      tr.ownSource = std::make_unique<Working>(MakeWorking(fineSource, tryVoxel, describe, clock));
+      tr.target = tr.ownTarget.get();
+      tr.source = tr.ownSource.get();
+    }
+    TryScale(tr, tryVoxel, options, clock);
     ++result.tries;
     if (attempt == 0) firstSamples = std::min(tr.targetSamples, tr.sourceSamples);
     // Screening: an answer whose feature matches do not beat chance, or that shares too little at
@@ -325,10 +347,10 @@ int32_t Register(const CloudView& targetView,
     if (options.mode == Mode::kGlobal) {
       Evidence coarse;
       coarse.distance = kInlierDistance * tryVoxel;
-      coarse.overlap = MeasureOverlap(tr.source.cloud,
-                                      *tr.source.tree,
-                                      tr.target.cloud,
-                                      *tr.target.tree,
+      coarse.overlap = MeasureOverlap(tr.source->level.cloud,
+                                      *tr.source->level.tree,
+                                      tr.target->level.cloud,
+                                      *tr.target->level.tree,
                                       tr.best.pose,
                                       static_cast<float>(coarse.distance),
                                       kVerdictNear * static_cast<float>(coarse.distance));
@@ -400,8 +422,8 @@ int32_t Register(const CloudView& targetView,
     evidence.distance = std::clamp(
         kVerdictNoise * residual, kVerdictSpacing * spacing, kVerdictSpacingMax * spacing);
     const float distance = static_cast<float>(evidence.distance);
-    const SmoothNormals sourceSmooth{&tr.source.cloud, tr.source.tree.get()};
-    const SmoothNormals targetSmooth{&tr.target.cloud, tr.target.tree.get()};
+    const SmoothNormals sourceSmooth{&tr.source->level.cloud, tr.source->level.tree.get()};
+    const SmoothNormals targetSmooth{&tr.target->level.cloud, tr.target->level.tree.get()};
     evidence.overlap =
         MeasureOverlap(fineSource.cloud,
                        *fineSource.tree,
@@ -463,6 +485,116 @@ int32_t Register(const CloudView& targetView,
     }
     if (result.registered) break;
   }
+}
+
+}  // namespace
+
+int32_t MeasureScale(const CloudView& view,
+                     const Options& options,
+                     OwnScale& scale,
+                     std::string& error) {
+  Cloud cloud;
+  if (const int32_t code = SanitizeChecked(view, options, "scan's", cloud, error); code != kOk)
+    return code;
+  scale.thin = VoxelForBudget(cloud, options.refineBudget);
+  const Level fine = FineLevel(std::move(cloud), scale.thin);
+  scale.spacing = MedianSpacing(*fine.tree);
+  scale.voxel = VoxelForBudget(fine.cloud, options.pointBudget);
+  if (!(scale.spacing > 0.0)) {
+    error = "the scan's points all coincide: there is no scale to work at";
+    return kTooFewPoints;
+  }
+  return kOk;
+}
+
+Scales CommonScales(const std::vector<OwnScale>& scales, const Options& options) {
+  Scales out;
+  if (scales.empty()) return out;
+  auto median = [&](double OwnScale::*field) {
+    std::vector<double> values;
+    for (const OwnScale& s : scales) values.push_back(s.*field);
+    std::nth_element(
+        values.begin(), values.begin() + static_cast<long>(values.size() / 2), values.end());
+    return values[values.size() / 2];
+  };
+  out.thin = median(&OwnScale::thin);
+  out.spacing = median(&OwnScale::spacing);
+  const double budgetVoxel = median(&OwnScale::voxel);
+  out.voxel =
+      options.voxel > 0.0 ? options.voxel : std::max(budgetVoxel, kSpacingFloor * out.spacing);
+  out.fineVoxel = std::min(out.spacing, out.voxel);
+  return out;
+}
+
+int32_t Prepare(const CloudView& view,
+                const Scales& scales,
+                const Options& options,
+                PreparedScan& prepared,
+                std::string& error) {
+  ThreadScope threads(options.threads);
+  std::vector<StageTime> unused;
+  StageClock clock(unused);
+  Cloud cloud;
+  if (const int32_t code = SanitizeChecked(view, options, "scan's", cloud, error); code != kOk)
+    return code;
+  const int32_t points = cloud.size();
+  prepared.reset(
+      Finish(FineLevel(std::move(cloud), scales.thin), scales, options, points, clock).release());
+  return kOk;
+}
+
+int32_t RegisterPrepared(const Prepared& target,
+                         const Prepared& source,
+                         const Scales& scales,
+                         const Options& options,
+                         Outcome& outcome) {
+  ThreadScope threads(options.threads);
+  Outcome result;
+  StageClock clock(result.stages);
+  RegisterPrepared(target, source, scales, options, result, clock);
+  outcome = std::move(result);
+  return kOk;
+}
+
+int32_t Register(const CloudView& targetView,
+                 const CloudView& sourceView,
+                 const Options& options,
+                 Outcome& outcome,
+                 std::string& error) {
+  ThreadScope threads(options.threads);
+  Outcome result;
+  StageClock clock(result.stages);
+  Cloud t, s;
+  if (const int32_t code = SanitizeChecked(targetView, options, "target", t, error); code != kOk)
+    return code;
+  if (const int32_t code = SanitizeChecked(sourceView, options, "source", s, error); code != kOk)
+    return code;
+  clock.lap("prepare");
+  const int32_t targetPoints = t.size(), sourcePoints = s.size();
+  // The pair's scales: the refinement voxel keeps both clouds within the refinement budget; the
+  // working voxel both within the point budget, never below 1.5 x the refined spacing.
+  Scales scales;
+  scales.thin =
+      std::max(VoxelForBudget(t, options.refineBudget), VoxelForBudget(s, options.refineBudget));
+  Level fineTarget = FineLevel(std::move(t), scales.thin);
+  Level fineSource = FineLevel(std::move(s), scales.thin);
+  scales.spacing = std::max(MedianSpacing(*fineTarget.tree), MedianSpacing(*fineSource.tree));
+  if (!(scales.spacing > 0.0)) {
+    error = "the clouds' points all coincide: there is no scale to work at";
+    return kTooFewPoints;
+  }
+  scales.voxel = options.voxel;
+  if (!(scales.voxel > 0.0)) {
+    scales.voxel = std::max(VoxelForBudget(fineTarget.cloud, options.pointBudget),
+                            VoxelForBudget(fineSource.cloud, options.pointBudget));
+    scales.voxel = std::max(scales.voxel, kSpacingFloor * scales.spacing);
+  }
+  scales.fineVoxel = std::min(scales.spacing, scales.voxel);
+  const std::unique_ptr<Prepared> target =
+      Finish(std::move(fineTarget), scales, options, targetPoints, clock);
+  const std::unique_ptr<Prepared> source =
+      Finish(std::move(fineSource), scales, options, sourcePoints, clock);
+  RegisterPrepared(*target, *source, scales, options, result, clock);
   outcome = std::move(result);
   return kOk;
 }

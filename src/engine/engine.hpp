@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -76,5 +77,51 @@ int32_t Register(const CloudView& target,
                  const Options& options,
                  Outcome& outcome,
                  std::string& error);
+
+// Many clouds registered together are made ready once each, at scales they share, and then
+// registered pair by pair: what Register does for one pair, split so that a cloud's samples,
+// normals and features serve all its pairs.
+
+// What a cloud asks for on its own: the refinement voxel that keeps it within the refinement
+// budget, the spacing of the refined cloud, and the working voxel that keeps it within the point
+// budget.
+struct OwnScale {
+  double thin = 0.0;
+  double spacing = 0.0;
+  double voxel = 0.0;
+};
+
+// The scales a set of alike clouds is registered at: the median of what each asks for (Register
+// takes the larger of its two clouds').
+struct Scales {
+  double thin = 0.0;       // refinement voxel (0: the clouds as they are)
+  double spacing = 0.0;    // the refined clouds' spacing
+  double voxel = 0.0;      // the first try's working voxel
+  double fineVoxel = 0.0;  // the refinement lengths' unit: min(spacing, voxel)
+};
+
+struct Prepared;
+struct PreparedDeleter {
+  void operator()(Prepared* prepared) const;
+};
+// A prepared cloud holds search trees: destroy it on the thread that prepared it.
+using PreparedScan = std::unique_ptr<Prepared, PreparedDeleter>;
+
+int32_t MeasureScale(const CloudView& view,
+                     const Options& options,
+                     OwnScale& scale,
+                     std::string& error);
+Scales CommonScales(const std::vector<OwnScale>& scales, const Options& options);
+int32_t Prepare(const CloudView& view,
+                const Scales& scales,
+                const Options& options,
+                PreparedScan& prepared,
+                std::string& error);
+// Safe to call from several threads at once on the same prepared clouds (they are only read).
+int32_t RegisterPrepared(const Prepared& target,
+                         const Prepared& source,
+                         const Scales& scales,
+                         const Options& options,
+                         Outcome& outcome);
 
 }  // namespace qorv::engine

@@ -72,6 +72,8 @@ struct Job {
 // depend on how many run at once). A pair that cannot be registered at all is an unregistered
 // edge. Progress is reported on the calling thread.
 std::vector<EdgeReport> RunPairs(const std::vector<engine::CloudView>& scans,
+                                 const std::vector<engine::PreparedScan>& prepared,
+                                 const engine::Scales& scales,
                                  const engine::Options& options,
                                  const std::vector<Shape>& shapes,
                                  const std::vector<Job>& jobs,
@@ -93,11 +95,17 @@ std::vector<EdgeReport> RunPairs(const std::vector<engine::CloudView>& scans,
       o.initial = job.guess;
       engine::Outcome outcome;
       std::string ignored;
-      const bool ran = engine::Register(scans[static_cast<size_t>(job.target)],
-                                        scans[static_cast<size_t>(job.source)],
-                                        o,
-                                        outcome,
-                                        ignored) == engine::kOk;
+      const engine::Prepared* target = prepared[static_cast<size_t>(job.target)].get();
+      const engine::Prepared* source = prepared[static_cast<size_t>(job.source)].get();
+      // Scans prepared at the collection's scales share their samples and features; a scan of
+      // another scale is registered pair by pair at the pair's own.
+      const bool ran = (target != nullptr && source != nullptr
+                            ? engine::RegisterPrepared(*target, *source, scales, o, outcome)
+                            : engine::Register(scans[static_cast<size_t>(job.target)],
+                                               scans[static_cast<size_t>(job.source)],
+                                               o,
+                                               outcome,
+                                               ignored)) == engine::kOk;
       EdgeReport& report = out[k];
       report.loop = job.loop;
       report.registered = ran && outcome.registered;
@@ -229,9 +237,53 @@ int32_t AlignScans(const std::vector<engine::CloudView>& scans,
   }
   std::vector<Shape> shapes;
   for (const engine::CloudView& scan : scans) shapes.push_back(ShapeOf(scan));
+  // Each scan made ready once, at the scales the collection shares; a scan whose own working
+  // voxel is more than twice from the collection's median (a stranger of another size) is left
+  // to its pairs.
+  Progress progress;
+  std::vector<engine::OwnScale> own(n);
+  std::vector<bool> measured(n, false);
+  std::vector<engine::OwnScale> all;
+  for (size_t i = 0; i < n; ++i) {
+    std::string ignored;
+    measured[i] = engine::MeasureScale(scans[i], options, own[i], ignored) == engine::kOk;
+    if (measured[i]) all.push_back(own[i]);
+  }
+  std::vector<engine::PreparedScan> prepared(n);
+  engine::Scales scales;
+  if (!all.empty()) {
+    auto median = [&](double engine::OwnScale::*field) {
+      std::vector<double> values;
+      for (const engine::OwnScale& s : all) values.push_back(s.*field);
+      std::nth_element(
+          values.begin(), values.begin() + static_cast<long>(values.size() / 2), values.end());
+      return values[values.size() / 2];
+    };
+    const double typicalVoxel = median(&engine::OwnScale::voxel);
+    const double typicalSpacing = median(&engine::OwnScale::spacing);
+    auto near = [](double value, double typical) {
+      return value <= 2.0 * typical && value >= 0.5 * typical;
+    };
+    std::vector<engine::OwnScale> shared;
+    std::vector<size_t> members;
+    for (size_t i = 0; i < n; ++i) {
+      if (measured[i] && near(own[i].voxel, typicalVoxel) && near(own[i].spacing, typicalSpacing)) {
+        shared.push_back(own[i]);
+        members.push_back(i);
+      }
+    }
+    scales = engine::CommonScales(shared, options);
+    for (size_t i : members) {
+      std::string ignored;
+      if (engine::Prepare(scans[i], scales, options, prepared[i], ignored) != engine::kOk) {
+        prepared[i].reset();
+      } else {
+        ++progress.scansPrepared;
+      }
+    }
+  }
   std::vector<std::vector<bool>> tried(n, std::vector<bool>(n, false));
   std::vector<EdgeReport> found;
-  Progress progress;
   auto run = [&](std::vector<Job> jobs) {
     for (const Job& j : jobs) {
       tried[static_cast<size_t>(j.target)][static_cast<size_t>(j.source)] = true;
@@ -239,7 +291,8 @@ int32_t AlignScans(const std::vector<engine::CloudView>& scans,
     }
     progress.pairsPlanned += static_cast<int32_t>(jobs.size());
     if (multiway.progress) multiway.progress(progress);
-    for (EdgeReport& r : RunPairs(scans, options, shapes, jobs, multiway, progress))
+    for (EdgeReport& r :
+         RunPairs(scans, prepared, scales, options, shapes, jobs, multiway, progress))
       found.push_back(r);
   };
   auto graphOf = [&]() {

@@ -32,7 +32,8 @@ struct ScanReport {
 struct Progress {
   int32_t pairsDone = 0;
   int32_t pairsPlanned = 0;
-  int32_t edgesKept = 0;  // registered pairs so far
+  int32_t edgesKept = 0;      // registered pairs so far
+  int32_t scansPrepared = 0;  // scans whose samples and features all their pairs share
 };
 
 struct MultiwayOptions {

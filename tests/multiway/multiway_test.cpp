@@ -110,9 +110,10 @@ TEST_F(Ring, ShuffledViewsAreAllPlacedRightWithAnyThreadCount) {
   engine::Options options;
   MultiwayOptions multiway;
   multiway.reference = 2;
-  int32_t calls = 0, lastDone = 0, planned = 0;
+  int32_t calls = 0, lastDone = 0, planned = 0, prepared = 0;
   multiway.progress = [&](const Progress& p) {
     ++calls;
+    prepared = p.scansPrepared;
     EXPECT_GE(p.pairsDone, lastDone);
     lastDone = p.pairsDone;
     planned = p.pairsPlanned;
@@ -132,6 +133,7 @@ TEST_F(Ring, ShuffledViewsAreAllPlacedRightWithAnyThreadCount) {
   EXPECT_GE(planned, 15);  // every pair of six
   EXPECT_EQ(lastDone, planned);
   EXPECT_GT(calls, 1);
+  EXPECT_EQ(prepared, 6);  // each scan's samples and features made once, for all its pairs
   for (const EdgeReport& e : edges) {
     if (e.registered && !e.edge.rejected) {
       EXPECT_LT(e.residual, 5.0);
