@@ -78,3 +78,48 @@ def test_unusable_clouds_raise(views):
         qorv.register(target, np.zeros((10, 2), np.float32))
     with pytest.raises(qorv.QorvError):  # every engine error is a QorvError
         qorv.register(np.zeros((0, 3), np.float32), target)
+
+
+def test_the_verdict_measures_and_a_sensor_origin_reach_python(views):
+    target, source, motion = views
+    truth = np.linalg.inv(np.vstack([motion, [0, 0, 0, 1]]))
+    result = qorv.register(target, source, threads=2)
+    assert 0.18 <= result.constrained <= 1.0 and 0.003 <= result.conditioning <= 1.0
+    assert result.consistent_pairs > result.chance_pairs >= 0.0
+    assert result.free_space_conflict == -1.0  # no sensor origin known
+    assert 0.5 <= result.normal_agreement <= 1.0 and 0.0 <= result.coherence <= 1.0
+    # Said to come from a sensor at the origin, the right answer finds no point in seen-through
+    # space; the source turned half a circle about its centre lands partly in front of the target.
+    seen = qorv.register(target, source, mode="evaluate", initial=truth, sensor_origin=True)
+    assert 0.0 <= seen.free_space_conflict < 0.05
+    centre = np.vstack([source.mean(axis=0)[:, None], [[1.0]]])[:, 0]
+    flip = np.eye(4)
+    flip[:3, :3] = rotation_about([0, 0, 1], 180)
+    flip[:3, 3] = (truth @ centre)[:3] - flip[:3, :3] @ (truth @ centre)[:3]
+    wrong = qorv.register(target, source, mode="local", initial=flip @ truth)
+    assert not wrong.registered or rotation_error_degrees(wrong.transform, truth) < 1.0
+
+
+def test_multiway_withholds_the_pose_of_a_stranger():
+    scan = np.loadtxt(DATA_DIR / "sample" / "dragon_res4.asc", dtype=np.float32)
+    centre = scan.mean(axis=0)
+    views, truth = [], []
+    for k in range(4):
+        d = np.array([np.cos(1.6 * k), np.sin(1.6 * k), 0.3], np.float32)
+        motion = rigid(rotation_about([1, 2, 3], 40 * k), [0.05 * k, 0, 0])
+        view = scan[(scan - centre) @ d > -0.03]
+        views.append((view.astype(np.float64) @ motion[:, :3].T + motion[:, 3]).astype(np.float32))
+        truth.append(np.linalg.inv(np.vstack([motion, [0, 0, 0, 1]])))
+    bunny = np.loadtxt(DATA_DIR / "sample" / "bunny.asc", dtype=np.float32)
+    views.insert(2, (bunny - bunny.mean(0)) * (np.ptp(scan, 0).max() / np.ptp(bunny, 0).max()))
+    seen = []
+    result = qorv.multiway(views, threads=2, reference=1, progress=lambda *counts: seen.append(counts))
+    assert result.placed == [True, True, False, True, True] and result.unplaced == [2]
+    assert result.groups[1] == 0 and result.groups[2] > 0
+    assert np.array_equal(result.poses[2], np.eye(4))
+    assert seen and seen[-1][0] == seen[-1][1] == 10  # every pair of five
+    for i, k in ((0, 0), (3, 2), (4, 3)):
+        expected = np.linalg.inv(truth[1]) @ truth[k]
+        assert rotation_error_degrees(result.poses[i], expected) < 0.5
+    kept = [e for e in result.edges if e.registered and not e.rejected]
+    assert kept and all(e.residual is not None for e in kept)
