@@ -102,24 +102,23 @@ bench-peers: deps need-data
 # the laser pair and generated views of the sample scans, at 1 and 2 threads. Needs the shared
 # development scans in DATA. Writes build/registration-bench/.
 SPLIT ?= all
-.PHONY: bench-registration
-bench-registration: deps need-data
+.PHONY: bench-registration need-open3d
+# Open3D (the peer, and the reader of the 16-bit depth frames) and the two libraries the Python
+# benchmarks load.
+need-open3d:
 	@dpkg-query -W -f='$${Status}\n' python3-open3d 2>/dev/null | grep -q 'install ok installed' || \
 	  (echo "Installing: python3-open3d" && $(SUDO) apt-get update -qq && \
 	   DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends python3-open3d)
 	cmake --preset release
 	cmake --build --preset release --target qorv qorv_engine_lib
+
+bench-registration: deps need-data need-open3d
 	QORV_LIBRARY=$(CURDIR)/build/libqorv.so QORV_ENGINE_LIBRARY=$(CURDIR)/build/libqorv_engine.so \
 	  /usr/bin/python3 bench/registration/run.py --data $(DATA) --split $(SPLIT)
 
 # Many-scans benchmark: qorv.multiway on collections in order, shuffled and with strangers mixed in,
 # at 1 and 2 threads, against every pair registered one by one. Needs DATA like bench-registration.
 .PHONY: bench-multiway
-bench-multiway: deps need-data
-	@dpkg-query -W -f='$${Status}\n' python3-open3d 2>/dev/null | grep -q 'install ok installed' || \
-	  (echo "Installing: python3-open3d" && $(SUDO) apt-get update -qq && \
-	   DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends python3-open3d)
-	cmake --preset release
-	cmake --build --preset release --target qorv qorv_engine_lib
+bench-multiway: deps need-data need-open3d
 	QORV_LIBRARY=$(CURDIR)/build/libqorv.so QORV_ENGINE_LIBRARY=$(CURDIR)/build/libqorv_engine.so \
 	  /usr/bin/python3 bench/registration/multiway_bench.py --data $(DATA)

@@ -177,6 +177,7 @@ void AddBatchCommand(CLI::App& app, ToolRun& run) {
   AddVoxelOption(sub, o.engine.voxel, "Working voxel (default: from the point budget)");
   AddSeedOption(sub, o.engine.seed, "Seed of every random draw");
   AddMaxTriesOption(sub, o.engine);
+  AddSensorOriginOption(sub, o.engine);
 }
 
 }  // namespace qorv::tools

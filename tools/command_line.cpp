@@ -72,12 +72,20 @@ void AddMaxTriesOption(CLI::App* sub, QorvEngineOptions& engine) {
       ->capture_default_str();
 }
 
+void AddSensorOriginOption(CLI::App* sub, QorvEngineOptions& engine) {
+  sub->add_flag_function(
+      "--sensor-origin",
+      [&engine](int64_t count) { engine.sensor_origin = count > 0 ? 1 : 0; },
+      "Each cloud was taken by a sensor at its origin (spinning LiDAR scans centred on their "
+      "sensor): the verdict also checks the space each sensor saw through. Organized frames and "
+      "PCD viewpoints say so on their own");
+}
+
 void RegistrationFlags::applyTo(RegisterSettings& s) const {
   s.method = method == "iterative" ? Method::kIterative : Method::kRansac;
   s.crossCheck = !noCrossCheck;
   s.engine.mode = local ? QORV_ENGINE_MODE_LOCAL : QORV_ENGINE_MODE_GLOBAL;
   s.engine.seed = static_cast<uint64_t>(seed);
-  s.engine.sensor_origin = sensorOrigin ? 1 : 0;
 }
 
 void AddRegistrationOptions(CLI::App* sub, RegisterSettings& s, RegistrationFlags& flags) {
@@ -94,11 +102,7 @@ void AddRegistrationOptions(CLI::App* sub, RegisterSettings& s, RegistrationFlag
       ->capture_default_str();
   AddSeedOption(sub, flags.seed, "Seed of every random draw: same input and seed, same bits")
       ->check(CLI::NonNegativeNumber);
-  sub->add_flag("--sensor-origin",
-                flags.sensorOrigin,
-                "Each cloud was taken by a sensor at its origin (spinning LiDAR scans centred on "
-                "their sensor): the verdict also checks the space each sensor saw through. "
-                "Organized frames and PCD viewpoints say so on their own");
+  AddSensorOriginOption(sub, s.engine);
   sub->add_flag("--local",
                 flags.local,
                 "Only refine from --initial (consecutive frames, a known rough pose)");

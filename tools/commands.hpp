@@ -92,13 +92,15 @@ CLI::Option* AddSeedOption(CLI::App* sub, Seed& seed, const std::string& help) {
 // --max-tries of the engine.
 void AddMaxTriesOption(CLI::App* sub, QorvEngineOptions& engine);
 
+// --sensor-origin: scans centred on their sensor, so the verdict may check free space.
+void AddSensorOriginOption(CLI::App* sub, QorvEngineOptions& engine);
+
 // The registration options of register and demo that are no field of RegisterSettings as
 // typed; applyTo puts them there once parsed.
 struct RegistrationFlags {
   std::string method = "ransac";
   bool noCrossCheck = false;
   bool local = false;
-  bool sensorOrigin = false;
   int64_t seed = 1;
 
   void applyTo(RegisterSettings& s) const;

@@ -312,6 +312,7 @@ void AddMultiwayCommand(CLI::App& app, ToolRun& run) {
                 "Exit 0 even when some scans could not be placed (default: exit 4)");
   AddVoxelOption(sub, o.engine.voxel, "Working voxel of the pairs");
   AddSeedOption(sub, o.engine.seed, "Seed of every random draw");
+  AddSensorOriginOption(sub, o.engine);
 }
 
 }  // namespace qorv::tools

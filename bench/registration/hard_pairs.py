@@ -142,12 +142,7 @@ def small_pairs(data, rng, count):
     spacing = basic.mean_spacing(points)
     diagonal = float(np.linalg.norm(np.ptp(points, axis=0)))
     for k in range(count):
-        direction = rng.normal(size=3)
-        along = (points - points.mean(0)) @ (direction / np.linalg.norm(direction))
-        rank = np.argsort(np.argsort(along)) / len(points)
-        overlap = rng.uniform(0.5, 0.9)
-        target = points[rank < (1 + overlap) / 2]
-        source = points[rank > (1 - overlap) / 2]
+        target, source, overlap = basic.cut_views(points, rng, 0.5, 0.9)
         n = int(rng.uniform(250, 700))
         target = target[rng.permutation(len(target))[:n]]
         source = source[rng.permutation(len(source))[:n]]
@@ -165,12 +160,7 @@ def bunny_view_pairs(data, rng, count):
     spacing = basic.mean_spacing(points)
     diagonal = float(np.linalg.norm(np.ptp(points, axis=0)))
     for k in range(count):
-        direction = rng.normal(size=3)
-        along = (points - points.mean(0)) @ (direction / np.linalg.norm(direction))
-        rank = np.argsort(np.argsort(along)) / len(points)
-        overlap = rng.uniform(0.3, 0.9)
-        target = points[rank < (1 + overlap) / 2]
-        source = points[rank > (1 - overlap) / 2]
+        target, source, overlap = basic.cut_views(points, rng, 0.3, 0.9)
         if k % 2:
             target = target + rng.normal(scale=0.5 * spacing, size=target.shape)
             source = source + rng.normal(scale=0.5 * spacing, size=source.shape)

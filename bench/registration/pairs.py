@@ -83,6 +83,16 @@ def mean_spacing(points):
     return float(np.mean(np.asarray(cloud.compute_nearest_neighbor_distance())))
 
 
+def cut_views(points, rng, low, high):
+    """Two views of a scan cut across a random direction so that they share a random share of it
+    between low and high: (target, source, shared share)."""
+    direction = rng.normal(size=3)
+    along = (points - points.mean(0)) @ (direction / np.linalg.norm(direction))
+    rank = np.argsort(np.argsort(along)) / len(points)
+    overlap = rng.uniform(low, high)
+    return points[rank < (1 + overlap) / 2], points[rank > (1 - overlap) / 2], overlap
+
+
 def view_pairs(data, scans, per_scan, seed):
     """Two views of each scan cut across a random direction so that they share 30-90 % of it, the
     source moved by a random rotation and a shift of half a diagonal; clean, and with Gaussian
@@ -94,12 +104,7 @@ def view_pairs(data, scans, per_scan, seed):
         diagonal = float(np.linalg.norm(np.ptp(points, axis=0)))
         for noisy in (False, True):
             for k in range(per_scan):
-                direction = rng.normal(size=3)
-                along = (points - points.mean(0)) @ (direction / np.linalg.norm(direction))
-                rank = np.argsort(np.argsort(along)) / len(points)
-                overlap = rng.uniform(0.3, 0.9)
-                target = points[rank < (1 + overlap) / 2]
-                source = points[rank > (1 - overlap) / 2]
+                target, source, overlap = cut_views(points, rng, 0.3, 0.9)
                 if noisy:
                     target = target + rng.normal(scale=0.5 * spacing, size=target.shape)
                     source = source + rng.normal(scale=0.5 * spacing, size=source.shape)

@@ -20,9 +20,13 @@ def main(argv=None):
     batch.add_argument("--voxel", type=float, default=0.0)
     batch.add_argument("--seed", type=int, default=1)
     batch.add_argument("--max-tries", type=int)
+    batch.add_argument("--sensor-origin", action="store_true",
+                       help="each scan was taken by a sensor at its origin (spinning LiDAR)")
     batch.add_argument("--quiet", action="store_true")
     args = parser.parse_args(argv)
     options = dict(voxel=args.voxel, seed=args.seed)
+    if args.sensor_origin:
+        options["sensor_origin"] = True
     if args.max_tries:
         options["max_tries"] = args.max_tries
     try:

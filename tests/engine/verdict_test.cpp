@@ -60,6 +60,22 @@ Overlap Measure(const Cloud& source, const Cloud& target, const Pose& pose, floa
   return MeasureOverlap(source, sourceTree, target, targetTree, pose, distance, 3.0f * distance);
 }
 
+CloudView ViewOf(const std::vector<float>& points) {
+  CloudView view;
+  view.points = points.data();
+  view.count = static_cast<int64_t>(points.size() / 3);
+  return view;
+}
+
+// Local refinement from a start, judged by the verdict.
+Options LocalFrom(const Pose& start) {
+  Options options;
+  options.mode = Mode::kLocal;
+  options.hasInitial = true;
+  options.initial = start;
+  return options;
+}
+
 Evidence Good(const Overlap& overlap) {
   Evidence e;
   e.overlap = overlap;
@@ -92,17 +108,10 @@ TEST(Verdict, SensorNoiseOnAPlaneDoesNotPoseAsStructure) {
     for (int i = 0; i < 40000; ++i)
       cloud->insert(cloud->end(), {along(random), along(random), noise(random)});
   }
-  CloudView t, s;
-  t.points = a.data();
-  t.count = 40000;
-  s.points = b.data();
-  s.count = 40000;
-  Options options;
-  options.mode = Mode::kLocal;
-  options.hasInitial = true;
   Outcome outcome;
   std::string error;
-  ASSERT_EQ(Register(t, s, options, outcome, error), 0) << error;
+  ASSERT_EQ(Register(ViewOf(a), ViewOf(b), LocalFrom(Pose::Identity()), outcome, error), 0)
+      << error;
   EXPECT_FALSE(outcome.registered);
   EXPECT_NE(outcome.reason.find("not constrained"), std::string::npos) << outcome.reason;
 }
@@ -214,17 +223,10 @@ std::vector<float> Street(uint32_t seed) {
 
 TEST(Verdict, WrongAnswersOnAGroundDominatedStreetAreRefusedAndTheRightOneIsNot) {
   const std::vector<float> target = Street(1), source = Street(2);  // two samplings of one street
-  CloudView t, s;
-  t.points = target.data();
-  t.count = static_cast<int64_t>(target.size() / 3);
-  s.points = source.data();
-  s.count = static_cast<int64_t>(source.size() / 3);
-  Options options;
-  options.mode = Mode::kLocal;
-  options.hasInitial = true;
+  const CloudView t = ViewOf(target), s = ViewOf(source);
   Outcome outcome;
   std::string error;
-  ASSERT_EQ(Register(t, s, options, outcome, error), 0) << error;
+  ASSERT_EQ(Register(t, s, LocalFrom(Pose::Identity()), outcome, error), 0) << error;
   EXPECT_TRUE(outcome.registered) << outcome.reason;
   // Started 90 and 180 degrees off, or 12 m down the road, refinement settles where the ground and
   // the building fronts agree; the verdict must not call that registered. (A street exactly alike
@@ -232,8 +234,7 @@ TEST(Verdict, WrongAnswersOnAGroundDominatedStreetAreRefusedAndTheRightOneIsNot)
   for (const Pose& start : {Turn(90.0, {0, 0, 1}, {0, 0, 0}),
                             Turn(180.0, {0, 0, 1}, {0, 0, 0}),
                             Shift(12.0, 0.0, 0.0)}) {
-    options.initial = start;
-    ASSERT_EQ(Register(t, s, options, outcome, error), 0) << error;
+    ASSERT_EQ(Register(t, s, LocalFrom(start), outcome, error), 0) << error;
     const double off = (outcome.transform - Pose::Identity()).norm();
     if (off > 0.1) {
       EXPECT_FALSE(outcome.registered) << "off by " << off << ": " << outcome.reason;

@@ -140,6 +140,7 @@ def test_version_and_help():
     shared = {"--voxel": {"register", "demo", "convert", "batch", "multiway"},
               "--seed": {"register", "demo", "batch", "multiway"},
               "--max-tries": {"register", "demo", "batch"},
+              "--sensor-origin": {"register", "demo", "batch", "multiway"},
               "--exact": {"register", "demo"}}
     for command in COMMANDS:
         text = run(command, "--help").stdout
