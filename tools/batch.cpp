@@ -118,6 +118,14 @@ std::vector<BatchPair> ReadManifest(const std::string& path) {
         SetInitial(pair, cells[static_cast<size_t>(initialColumn)]);
       }
     }
+    // A relative path in a manifest is relative to the manifest, as in a playlist.
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    auto resolve = [&](const std::string& p) {
+      const std::filesystem::path given(p);
+      return given.is_absolute() ? p : (folder / given).lexically_normal().string();
+    };
+    pair.targetPath = resolve(pair.target);
+    pair.sourcePath = resolve(pair.source);
     pairs.push_back(pair);
   }
   if (pairs.empty()) throw ToolError("manifest '" + path + "' lists no pair");
@@ -158,8 +166,8 @@ nlohmann::ordered_json RunPair(const BatchPair& pair, const QorvEngineOptions& o
   result.struct_size = sizeof(result);
   std::string error;
   try {
-    const Cloud target = ReadCloud(pair.target);
-    const Cloud source = ReadCloud(pair.source);
+    const Cloud target = ReadCloud(pair.targetPath);
+    const Cloud source = ReadCloud(pair.sourcePath);
     QorvEngineOptions o = options;
     o.threads = 1;
     if (pair.hasInitial) {

@@ -16,7 +16,8 @@ namespace qorv::tools {
 // One pair of a batch manifest: its position in the manifest, the paths as given, a guess.
 struct BatchPair {
   int64_t index = 0;
-  std::string target, source;
+  std::string target, source;          // as the manifest writes them (and the results repeat)
+  std::string targetPath, sourcePath;  // where they are read: relative to the manifest's folder
   bool hasInitial = false;
   double initial[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
 };

@@ -21,10 +21,14 @@ namespace {
 struct BatchOptions {
   std::string manifest, output;
   int jobs = 0;  // 0: one a core
+  bool allowFailures = false;
   QorvEngineOptions engine;
 
   BatchOptions() { QorvEngineDefaultOptions(&engine); }
 };
+
+// Exit status when a pair of the run failed or was not registered (as `qorv register`'s).
+constexpr int kExitNotAllRegistered = 3;
 
 class Progress {
  public:
@@ -51,9 +55,10 @@ class Progress {
                    rate,
                    left);
     } else {
-      const std::string verdict = !line["error"].is_null()         ? "failed"
-                                  : line["registered"].get<bool>() ? "registered"
-                                                                   : "not registered";
+      const std::string verdict =
+          !line["error"].is_null()         ? "failed: " + line["error"].get<std::string>()
+          : line["registered"].get<bool>() ? std::string("registered")
+                                           : "not registered: " + line["reason"].get<std::string>();
       std::fprintf(stderr,
                    "%lld/%lld pair %lld: %s (%.2f pairs/s, %.0f s left)\n",
                    static_cast<long long>(skipped_ + done_),
@@ -158,7 +163,7 @@ int RunBatch(const GlobalOptions& global, const BatchOptions& o) {
                  ran > 0 ? pairMs / static_cast<double>(ran) : 0.0);
   }
   std::fflush(Out());
-  return 0;
+  return (rejected > 0 || failed > 0) && !o.allowFailures ? kExitNotAllRegistered : 0;
 }
 
 }  // namespace
@@ -178,6 +183,9 @@ void AddBatchCommand(CLI::App& app, ToolRun& run) {
   AddSeedOption(sub, o.engine.seed, "Seed of every random draw");
   AddMaxTriesOption(sub, o.engine);
   AddSensorOriginOption(sub, o.engine);
+  sub->add_flag("--allow-failures",
+                o.allowFailures,
+                "Exit 0 even when some pairs failed or were not registered (default: exit 3)");
 }
 
 }  // namespace qorv::tools

@@ -23,6 +23,8 @@ def main(argv=None):
     batch.add_argument("--sensor-origin", action="store_true",
                        help="each scan was taken by a sensor at its origin (spinning LiDAR)")
     batch.add_argument("--quiet", action="store_true")
+    batch.add_argument("--allow-failures", action="store_true",
+                       help="exit 0 even when some pairs failed or were not registered (default: exit 3)")
     args = parser.parse_args(argv)
     options = dict(voxel=args.voxel, seed=args.seed)
     if args.sensor_origin:
@@ -36,7 +38,7 @@ def main(argv=None):
         print(f"qorv: error: {error}", file=sys.stderr)
         return 1
     print(json.dumps(summary))
-    return 0
+    return 3 if (summary["failed"] or summary["not_registered"]) and not args.allow_failures else 0
 
 
 if __name__ == "__main__":

@@ -43,6 +43,11 @@ def read_manifest(path):
                               initial=_initial((row.get("initial") or "").split() or None)))
     if not pairs:
         raise ValueError(f"manifest {path!r} lists no pair")
+    # A relative path in a manifest is relative to the manifest; the results repeat it as written.
+    folder = os.path.dirname(os.path.abspath(path))
+    for pair in pairs:
+        for key in ("target", "source"):
+            pair[key + "_path"] = os.path.normpath(os.path.join(folder, pair[key]))
     return pairs
 
 
@@ -85,8 +90,8 @@ def run_pair(pair, options):
     start = time.perf_counter()
     line = dict(pair=pair["pair"], target=pair["target"], source=pair["source"])
     try:
-        target = qorv.read_cloud(pair["target"])
-        source = qorv.read_cloud(pair["source"])
+        target = qorv.read_cloud(pair.get("target_path", pair["target"]))
+        source = qorv.read_cloud(pair.get("source_path", pair["source"]))
         result = qorv.register(
             target.points, source.points, threads=1, initial=pair["initial"], target_normals=target.normals,
             source_normals=source.normals,
@@ -139,7 +144,8 @@ def run_batch(manifest, output, scheduler=None, workers=None, options=None, quie
             counts[kind] += 1
             if not quiet:
                 rate = n / max(time.perf_counter() - start, 1e-9)
-                print(f"{len(pairs) - len(todo) + n}/{len(pairs)} pair {line['pair']}: {kind.replace('_', ' ')} "
+                why = f": {line['error']}" if line["error"] else f": {line['reason']}" if not line["registered"] else ""
+                print(f"{len(pairs) - len(todo) + n}/{len(pairs)} pair {line['pair']}: {kind.replace('_', ' ')}{why} "
                       f"({rate:.2f} pairs/s, {(len(todo) - n) / rate:.0f} s left)", file=sys.stderr, flush=True)
     finally:
         os.close(fd)

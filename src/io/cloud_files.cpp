@@ -42,6 +42,24 @@ CloudData ParseAscText(std::string_view bytes, const std::string& path) {
   return cloud;
 }
 
+// Kinds of file people hand us that we do not read (yet), and what to do about them.
+const char* NotReadWhy(const std::string& ext) {
+  if (ext == ".laz" || ext == ".e57")
+    return "no decompressor for it is among the system's packages; convert it to PLY or PCD first "
+           "(for example: pdal translate in.laz out.ply, or CloudCompare)";
+  if (ext == ".las")
+    return "LAS is not read yet; convert it to PLY or PCD first (for example: pdal translate "
+           "in.las "
+           "out.ply)";
+  if (ext == ".obj" || ext == ".stl" || ext == ".off")
+    return "meshes are not read yet; export their vertices as PLY";
+  if (ext == ".pts" || ext == ".csv" || ext == ".txt")
+    return "column text other than plain x y z rows is not read yet; give plain x y z [nx ny nz] "
+           "[r g b] "
+           "rows the extension .asc or .xyz";
+  return nullptr;
+}
+
 CloudData Finish(CloudData cloud, const std::string& path, bool keepOrganized) {
   if (!keepOrganized) cloud.keepFinite();
   if (cloud.size() - (keepOrganized ? cloud.nonFinite : 0) <= 0) {
@@ -70,6 +88,17 @@ CloudData ParseCloud(std::string_view bytes,
         IoError::kFormat,
         "'" + path + "' is not a " + ext.substr(1) + " file (its first bytes say otherwise)");
   }
+  if (const char* why = NotReadWhy(ext))
+    throw IoError(IoError::kFormat, "'" + path + "' is not read: " + why);
+  if (ext != ".asc" && ext != ".xyz") {
+    throw IoError(IoError::kFormat,
+                  "'" + path +
+                      "' is of no kind Qorv reads: its first bytes are no PLY, PCD, PNG or "
+                      "TIFF header, and " +
+                      (ext.empty() ? std::string("it has no extension")
+                                   : "its extension '" + ext + "' is not .asc or .xyz") +
+                      " (plain x y z text)");
+  }
   CloudData cloud = ParseAscText(bytes, path);
   if (cloud.size() == 0)
     throw IoError(IoError::kFormat, "'" + path + "' has no point in it (read as ASC text)");
@@ -86,7 +115,13 @@ void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding en
   const std::string ext = Extension(path);
   if (cloud.size() == 0)
     throw IoError(IoError::kFile, "nothing to write to '" + path + "': no point");
-  if (ext != ".ply" && ext != ".pcd") {
+  if (ext != ".ply" && ext != ".pcd" && ext != ".asc" && ext != ".xyz") {
+    throw IoError(IoError::kFile,
+                  "cannot write '" + path +
+                      "': " + (ext.empty() ? std::string("it has no extension") : "'" + ext + "'") +
+                      " names no format Qorv writes (.ply, .pcd, .asc or .xyz)");
+  }
+  if (ext == ".asc" || ext == ".xyz") {
     if (!WritePointsToAsc(path.c_str(),
                           cloud.points.data(),
                           cloud.normals.empty() ? nullptr : cloud.normals.data(),

@@ -84,6 +84,33 @@ TEST(CloudFiles, EveryWriterRoundTripsTheSameBits) {
   }
 }
 
+TEST(CloudFiles, AFileIsReadOnlyAsWhatItIsAndWrittenOnlyAsItsExtensionSays) {
+  // x y z text is read under .asc and .xyz only; a mesh, a CSV, a LAS or an unknown file is
+  // refused with what to do, never read as points.
+  const std::string rows = "1 2 3\n4 5 6\nf 1 2 3\n";
+  EXPECT_EQ(ParseCloud("1 2 3\n4 5 6\n", "two.xyz", false, DepthCamera()).size(), 2);
+  const std::pair<const char*, const char*> refused[] = {
+      {"cube.obj", "meshes are not read"},
+      {"rows.csv", "column text"},
+      {"scan.laz", "no decompressor"},
+      {"scan.las", "LAS is not read"},
+      {"thing.bin", "'.bin' is not .asc or .xyz"},
+      {"noextension", "no extension"}};
+  for (const auto& [name, message] : refused) {
+    try {
+      ParseCloud(rows, name, false, DepthCamera());
+      ADD_FAILURE() << name << " was read";
+    } catch (const IoError& e) {
+      EXPECT_EQ(e.kind(), IoError::kFormat);
+      EXPECT_NE(std::string(e.what()).find(message), std::string::npos) << e.what();
+      EXPECT_NE(std::string(e.what()).find(name), std::string::npos) << e.what();
+    }
+  }
+  const std::string las = TempPath("out.las");
+  EXPECT_THROW(WriteCloudFile(las, RandomCloud(10, false), Encoding::kDefault), IoError);
+  EXPECT_FALSE(std::filesystem::exists(las));
+}
+
 TEST(CloudFiles, OrganizedPcdKeepsItsHolesOrDropsThem) {
   CloudData frame = RandomCloud(12, false);
   frame.width = 4;

@@ -70,7 +70,7 @@ def test_resume_after_a_kill_runs_every_pair_exactly_once(tmp_path, manifest):
         f.write('{"pair": 12, "target": "half a li')  # what a power cut leaves
     run = subprocess.run([CLI, "--json", "batch", str(manifest), "--output", str(out)], capture_output=True,
                          text=True, timeout=300)
-    assert run.returncode == 0, run.stderr
+    assert run.returncode == 3, run.stderr  # the missing file's pair failed
     summary = json.loads(run.stdout)
     lines = results(out)
     assert sorted(line["pair"] for line in lines) == list(range(13))
@@ -83,7 +83,8 @@ def test_resume_after_a_kill_runs_every_pair_exactly_once(tmp_path, manifest):
 
 def test_dask_batch_agrees_with_the_tool_bit_for_bit(tmp_path, manifest):
     local, dask = tmp_path / "local.jsonl", tmp_path / "dask.jsonl"
-    subprocess.run([CLI, "--quiet", "batch", str(manifest), "--output", str(local)], check=True, timeout=300)
+    subprocess.run([CLI, "--quiet", "batch", str(manifest), "--output", str(local), "--allow-failures"], check=True,
+                   timeout=300)
     summary = batch.run_batch(str(manifest), str(dask), workers=2, quiet=True)
     assert summary["registered"] == 12 and summary["failed"] == 1
     assert without_time(results(local)) == without_time(results(dask))
@@ -105,6 +106,23 @@ def test_a_worker_dying_mid_pair_has_the_pair_run_again(tmp_path, manifest):
     assert (tmp_path / "marker").exists()
     assert sorted(line["pair"] for line in results(out)) == list(range(13))
     assert summary["registered"] == 12
+
+
+def test_batch_reads_relative_paths_from_the_manifest_and_says_why_a_pair_failed(tmp_path, manifest):
+    folder = manifest.parent
+    relative = tmp_path / "relative.csv"
+    relative.write_text(f"target,source\n{os.path.relpath(folder / 't1.ply', tmp_path)},"
+                        f"{os.path.relpath(folder / 's1.pcd', tmp_path)}\nnowhere.ply,nowhere.pcd\n")
+    out = tmp_path / "r.jsonl"
+    run = subprocess.run([CLI, "batch", str(relative), "--output", str(out), "--jobs", "1"], capture_output=True,
+                         text=True, timeout=300, cwd="/")
+    assert run.returncode == 3, run.stderr
+    lines = results(out)
+    assert lines[0]["registered"] and lines[0]["target"].startswith("..")  # as the manifest wrote it
+    assert "failed: cannot open" in run.stderr and "nowhere.ply" in run.stderr
+    again = subprocess.run([CLI, "batch", str(relative), "--output", str(tmp_path / "again.jsonl"),
+                            "--allow-failures", "--quiet"], capture_output=True, text=True, timeout=300)
+    assert again.returncode == 0, again.stderr
 
 
 def test_multiway_reports_a_stranger_unplaced_and_exits_4(tmp_path):

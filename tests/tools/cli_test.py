@@ -467,3 +467,16 @@ def test_bad_values_found_after_parsing(tmp_path):
         fail("transform", BUNNY, out, "--matrix", matrix, status=status, message=message)
     fail("register", BUNNY, BUNNY, "--snapshot", tmp_path / "x.jpg", status=2, message=".png")
     fail("filter", "voxel", BUNNY, tmp_path / "no" / "dir" / "o.ply", "--leaf", 0.5, message="cannot write")
+
+
+def test_files_are_read_only_as_what_they_are(tmp_path):
+    cube = tmp_path / "cube.obj"
+    cube.write_text("v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n")
+    fail("info", cube, message="cube.obj' is not read: meshes are not read yet")
+    rows = tmp_path / "rows.csv"
+    rows.write_text("x,y,z\n" + "\n".join(f"{i},{i},{i}" for i in range(6)) + "\n")
+    fail("info", rows, message="rows.csv' is not read")
+    fail("convert", BUNNY, tmp_path / "out.las", message="'.las' names no format")
+    assert not (tmp_path / "out.las").exists()
+    run("convert", BUNNY, tmp_path / "out.xyz")
+    assert run_json("info", tmp_path / "out.xyz")[0]["points"] > 0
