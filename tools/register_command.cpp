@@ -22,7 +22,7 @@ struct RegisterOptions {
 
 // The initial guess (12 or 16 numbers) into the engine's options.
 void SetInitial(const std::string& text, QorvEngineOptions& options) {
-  const std::array<double, 12> m = ParseMatrix(text).matrix3x4();
+  const std::array<double, 12> m = MatrixArgument(text).matrix3x4();
   std::copy(m.begin(), m.end(), options.initial);
   options.initial[12] = options.initial[13] = options.initial[14] = 0.0;
   options.initial[15] = 1.0;
@@ -84,10 +84,12 @@ void AddRegisterCommand(CLI::App& app, ToolRun& run) {
   sub->add_option("target", o.target, "Cloud that stays in place")->required();
   sub->add_option("source", o.source, "Cloud that is moved onto the target")->required();
   AddRegistrationOptions(sub, o.settings, o.flags);
-  sub->add_option("--initial",
-                  o.initialMatrix,
-                  "Initial guess, 12 or 16 numbers (tried beside the global estimate; "
-                  "the start of --local and of the pipeline's iterative method)");
+  sub->add_option(
+      "--initial",
+      o.initialMatrix,
+      "Initial guess: 12 or 16 numbers, or a file holding them (tried beside the global "
+      "estimate; "
+      "the start of --local and of the pipeline's iterative method)");
   sub->add_option("--output", o.output, "Write the moved source cloud");
   sub->add_option(
       "--snapshot", o.snapshot, "Write a PNG of both clouds before and after the motion");

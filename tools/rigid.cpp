@@ -6,6 +6,9 @@
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "geometry/axis_angle.hpp"
 #include "session.hpp"
@@ -121,6 +124,22 @@ std::vector<float> Apply(const Rigid& motion, const std::vector<float>& points) 
     for (int c = 0; c < 3; ++c) out[i + c] = static_cast<float>(q[c]);
   }
   return out;
+}
+
+Rigid MatrixArgument(const std::string& value) {
+  const std::string path = !value.empty() && value[0] == '@' ? value.substr(1) : value;
+  std::error_code ignored;
+  if (value[0] == '@' || std::filesystem::is_regular_file(path, ignored)) {
+    std::ifstream in(path);
+    if (!in) throw ToolError("cannot open matrix file '" + path + "'");
+    const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    try {
+      return ParseMatrix(text);
+    } catch (const ToolError& e) {
+      throw ToolError("matrix file '" + path + "': " + e.what());
+    }
+  }
+  return ParseMatrix(value);
 }
 
 }  // namespace qorv::tools

@@ -34,6 +34,9 @@ struct Rigid {
 // commas, spaces or line breaks. Throws ToolError on anything else.
 Rigid ParseMatrix(const std::string& text);
 
+// A matrix option's value: the numbers themselves, or a file holding them (its path, or @path).
+Rigid MatrixArgument(const std::string& value);
+
 // R p + t applied to packed points (in double, rounded to float), for checks and rendering.
 std::vector<float> Apply(const Rigid& motion, const std::vector<float>& points);
 

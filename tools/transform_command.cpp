@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // `qorv transform`: a rigid motion, given as numbers or read from a file, applied to a cloud.
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "commands.hpp"
@@ -17,13 +15,7 @@ struct TransformOptions {
 };
 
 int RunTransform(const GlobalOptions& global, const TransformOptions& o) {
-  std::string text = o.matrix;
-  if (!text.empty() && text[0] == '@') {  // @FILE: numbers read from a file
-    std::ifstream in(text.substr(1));
-    if (!in) throw ToolError("cannot open matrix file '" + text.substr(1) + "'");
-    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  Rigid motion = ParseMatrix(text);
+  Rigid motion = MatrixArgument(o.matrix);
   if (o.inverse) motion = motion.inverse();
   Session session(global.threads);
   const Cloud cloud = ReadCloud(o.input);

@@ -353,13 +353,18 @@ def test_register_text_and_the_seed(moved_bunny):
     assert one["transform"] == two["transform"] and one["fitness"] == two["fitness"]
 
 
-def test_register_local_from_a_nearby_start(moved_bunny):
+def test_register_local_from_a_nearby_start(moved_bunny, tmp_path):
     path, r, t = moved_bunny
     start = np.hstack([rotation([0.2, 1.0, 0.3], 23), (t + 0.2)[:, None]])
     doc, _ = run_json("register", BUNNY, path, "--local",
                       "--initial", " ".join(f"{v:.17g}" for v in start.ravel()))
     assert doc["method"] == "engine (local)" and doc["matches"] == 0
     assert_recovered(doc, r, t)
+    # The guess in a file, as 4 x 4 rows.
+    guess = tmp_path / "guess.txt"
+    np.savetxt(guess, np.vstack([start, [0, 0, 0, 1]]))
+    from_file, _ = run_json("register", BUNNY, path, "--local", "--initial", guess)
+    assert from_file["transform"] == doc["transform"]
 
 
 def test_register_says_when_it_did_not_register(tmp_path):
