@@ -136,37 +136,36 @@ def turned_frame_pairs(data, rng, count):
                5.0, {})
 
 
-def small_pairs(data, rng, count):
-    """Partial views of the bunny thinned to 250-700 points, clean and noisy."""
+def bunny_views(rng, count, low, thin, noise, data):
+    """Partial views of the bunny sharing low-90 % of it, thinned to thin = (fewest, most) points a
+    view or not (None), every other one with Gaussian noise of `noise` x the mean spacing."""
     points = basic.read_asc(data / "bunny.asc").astype(np.float64)
     spacing = basic.mean_spacing(points)
     diagonal = float(np.linalg.norm(np.ptp(points, axis=0)))
     for k in range(count):
-        target, source, overlap = basic.cut_views(points, rng, 0.5, 0.9)
-        n = int(rng.uniform(250, 700))
-        target = target[rng.permutation(len(target))[:n]]
-        source = source[rng.permutation(len(source))[:n]]
+        target, source, overlap = basic.cut_views(points, rng, low, 0.9)
+        what = "views"
+        if thin:
+            n = int(rng.uniform(*thin))
+            target = target[rng.permutation(len(target))[:n]]
+            source = source[rng.permutation(len(source))[:n]]
+            what = f"{n} points"
         if k % 2:
-            target = target + rng.normal(scale=0.3 * spacing, size=target.shape)
-            source = source + rng.normal(scale=0.3 * spacing, size=source.shape)
+            target = target + rng.normal(scale=noise * spacing, size=target.shape)
+            source = source + rng.normal(scale=noise * spacing, size=source.shape)
         m = motion(basic.random_rotation(rng), rng.normal(size=3) * 0.5 * diagonal)
-        yield ("small", f"bunny {n} points {'noisy' if k % 2 else 'clean'} ({100 * overlap:.0f} % shared)",
+        yield ("small", f"bunny {what} {'noisy' if k % 2 else 'clean'} ({100 * overlap:.0f} % shared)",
                target.astype(np.float32), moved(source, m), np.linalg.inv(m), diagonal, {})
+
+
+def small_pairs(data, rng, count):
+    """Partial views of the bunny thinned to 250-700 points, clean and noisy."""
+    return bunny_views(rng, count, 0.5, (250, 700), 0.3, data)
 
 
 def bunny_view_pairs(data, rng, count):
     """Partial views of the whole bunny (1,839 points), clean and noisy."""
-    points = basic.read_asc(data / "bunny.asc").astype(np.float64)
-    spacing = basic.mean_spacing(points)
-    diagonal = float(np.linalg.norm(np.ptp(points, axis=0)))
-    for k in range(count):
-        target, source, overlap = basic.cut_views(points, rng, 0.3, 0.9)
-        if k % 2:
-            target = target + rng.normal(scale=0.5 * spacing, size=target.shape)
-            source = source + rng.normal(scale=0.5 * spacing, size=source.shape)
-        m = motion(basic.random_rotation(rng), rng.normal(size=3) * 0.5 * diagonal)
-        yield ("small", f"bunny views {'noisy' if k % 2 else 'clean'} ({100 * overlap:.0f} % shared)",
-               target.astype(np.float32), moved(source, m), np.linalg.inv(m), diagonal, {})
+    return bunny_views(rng, count, 0.3, None, 0.5, data)
 
 
 def trap_pairs(data, rng, count):

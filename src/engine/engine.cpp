@@ -507,8 +507,8 @@ int32_t MeasureScale(const CloudView& view,
   return kOk;
 }
 
-Scales CommonScales(const std::vector<OwnScale>& scales, const Options& options) {
-  Scales out;
+OwnScale TypicalScale(const std::vector<OwnScale>& scales) {
+  OwnScale out;
   if (scales.empty()) return out;
   auto median = [&](double OwnScale::*field) {
     std::vector<double> values;
@@ -519,9 +519,18 @@ Scales CommonScales(const std::vector<OwnScale>& scales, const Options& options)
   };
   out.thin = median(&OwnScale::thin);
   out.spacing = median(&OwnScale::spacing);
-  const double budgetVoxel = median(&OwnScale::voxel);
+  out.voxel = median(&OwnScale::voxel);
+  return out;
+}
+
+Scales CommonScales(const std::vector<OwnScale>& scales, const Options& options) {
+  Scales out;
+  if (scales.empty()) return out;
+  const OwnScale typical = TypicalScale(scales);
+  out.thin = typical.thin;
+  out.spacing = typical.spacing;
   out.voxel =
-      options.voxel > 0.0 ? options.voxel : std::max(budgetVoxel, kSpacingFloor * out.spacing);
+      options.voxel > 0.0 ? options.voxel : std::max(typical.voxel, kSpacingFloor * out.spacing);
   out.fineVoxel = std::min(out.spacing, out.voxel);
   return out;
 }

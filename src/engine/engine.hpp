@@ -111,6 +111,8 @@ int32_t MeasureScale(const CloudView& view,
                      const Options& options,
                      OwnScale& scale,
                      std::string& error);
+// The median of what each cloud asks for.
+OwnScale TypicalScale(const std::vector<OwnScale>& scales);
 Scales CommonScales(const std::vector<OwnScale>& scales, const Options& options);
 int32_t Prepare(const CloudView& view,
                 const Scales& scales,

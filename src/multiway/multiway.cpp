@@ -252,22 +252,15 @@ int32_t AlignScans(const std::vector<engine::CloudView>& scans,
   std::vector<engine::PreparedScan> prepared(n);
   engine::Scales scales;
   if (!all.empty()) {
-    auto median = [&](double engine::OwnScale::*field) {
-      std::vector<double> values;
-      for (const engine::OwnScale& s : all) values.push_back(s.*field);
-      std::nth_element(
-          values.begin(), values.begin() + static_cast<long>(values.size() / 2), values.end());
-      return values[values.size() / 2];
-    };
-    const double typicalVoxel = median(&engine::OwnScale::voxel);
-    const double typicalSpacing = median(&engine::OwnScale::spacing);
-    auto near = [](double value, double typical) {
-      return value <= 2.0 * typical && value >= 0.5 * typical;
+    const engine::OwnScale typical = engine::TypicalScale(all);
+    auto near = [](double value, double usual) {
+      return value <= 2.0 * usual && value >= 0.5 * usual;
     };
     std::vector<engine::OwnScale> shared;
     std::vector<size_t> members;
     for (size_t i = 0; i < n; ++i) {
-      if (measured[i] && near(own[i].voxel, typicalVoxel) && near(own[i].spacing, typicalSpacing)) {
+      if (measured[i] && near(own[i].voxel, typical.voxel) &&
+          near(own[i].spacing, typical.spacing)) {
         shared.push_back(own[i]);
         members.push_back(i);
       }
