@@ -35,14 +35,37 @@ void CloudData::keepFinite() {
       if (!colours.empty()) colours[3 * kept + c] = colours[3 * from + c];
     }
     if (!intensity.empty()) intensity[kept] = intensity[from];
+    if (!classification.empty()) classification[kept] = classification[from];
+    if (!gpsTime.empty()) gpsTime[kept] = gpsTime[from];
     ++kept;
   }
   points.resize(3 * kept);
   if (!normals.empty()) normals.resize(3 * kept);
   if (!colours.empty()) colours.resize(3 * kept);
   if (!intensity.empty()) intensity.resize(kept);
+  if (!classification.empty()) classification.resize(kept);
+  if (!gpsTime.empty()) gpsTime.resize(kept);
   width = static_cast<int64_t>(kept);
   height = 1;
+}
+
+void CloudData::setPoint(size_t i, double x, double y, double z) {
+  const double v[3] = {x, y, z};
+  for (size_t c = 0; c < 3; ++c) {
+    if (origin[c] == 0.0 && std::isfinite(v[c]) && std::fabs(v[c]) >= kLargeCoordinate) {
+      origin[c] = std::round(v[c]);
+      // The points before it are small on this axis: moving them loses nothing they had.
+      for (size_t k = 0; k < i; ++k) {
+        float& p = points[3 * k + c];
+        p = static_cast<float>(static_cast<double>(p) - origin[c]);
+      }
+    }
+    points[3 * i + c] = static_cast<float>(v[c] - origin[c]);
+  }
+}
+
+void CloudData::position(size_t i, double out[3]) const {
+  for (size_t c = 0; c < 3; ++c) out[c] = static_cast<double>(points[3 * i + c]) + origin[c];
 }
 
 }  // namespace qorv::io

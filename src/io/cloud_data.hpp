@@ -12,10 +12,20 @@ namespace qorv::io {
 // A cloud as files hold it. An organized cloud (a sensor frame) has width x height points, row
 // after row, with NaN coordinates where the sensor saw nothing; an unorganized one has height 1.
 struct CloudData {
-  std::vector<float> points;     // 3 per point
-  std::vector<float> normals;    // empty, or 3 per point
-  std::vector<uint8_t> colours;  // empty, or 3 per point (red, green, blue)
-  std::vector<float> intensity;  // empty, or 1 per point
+  std::vector<float> points;            // 3 per point
+  std::vector<float> normals;           // empty, or 3 per point
+  std::vector<uint8_t> colours;         // empty, or 3 per point (red, green, blue)
+  std::vector<float> intensity;         // empty, or 1 per point
+  std::vector<uint8_t> classification;  // empty, or 1 per point (LAS classes)
+  std::vector<double> gpsTime;          // empty, or 1 per point (LAS GPS time)
+  // Coordinates are kept in float relative to this origin (whole metres), so that survey-scale
+  // files keep their precision: a point's true position is origin + its float triple. It stays 0
+  // while the file's coordinates are small enough for float to hold them (see setPoint).
+  double origin[3] = {0, 0, 0};
+  // A LAS file's own quantisation (scale and offset a coordinate), kept to write LAS back alike.
+  bool hasLasQuantum = false;
+  double lasScale[3] = {0.001, 0.001, 0.001};
+  double lasOffset[3] = {0, 0, 0};
   int64_t width = 0;
   int64_t height = 1;
   bool hasViewpoint = false;
@@ -32,6 +42,14 @@ struct CloudData {
   void keepFinite();
   // Counts the non-finite points into nonFinite.
   void countNonFinite();
+  // Stores point i (points already sized) from coordinates in double. The first coordinate of an
+  // axis that float cannot hold to a tenth of a millimetre (|v| >= kLargeCoordinate) fixes that
+  // axis's origin at v rounded to a metre, and the points stored before it are moved onto it.
+  // Readers store points in file order through this.
+  void setPoint(size_t i, double x, double y, double z);
+  // The true position of point i, in double.
+  void position(size_t i, double out[3]) const;
+  bool hasOrigin() const { return origin[0] != 0.0 || origin[1] != 0.0 || origin[2] != 0.0; }
 };
 
 // A file that cannot be read or written (kFile), or whose contents are no cloud we read (kFormat).
@@ -44,6 +62,10 @@ class IoError : public std::runtime_error {
  private:
   Kind kind_;
 };
+
+// Beyond this magnitude (metres, or the file's unit) float steps exceed 0.1 mm, and coordinates
+// are kept relative to an origin.
+constexpr double kLargeCoordinate = 1024.0;
 
 // The most points a cloud may hold (the engine and the library count in int32).
 constexpr int64_t kMaxPoints = 2147483647;

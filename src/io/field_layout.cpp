@@ -6,14 +6,10 @@
 #include <cmath>
 
 namespace qorv::io {
-namespace {
-
-uint8_t ColourByte(double v) {
+uint8_t ClampByte(double v) {
   if (!(v > 0.0)) return 0;
   return static_cast<uint8_t>(std::min(std::round(v), 255.0));
 }
-
-}  // namespace
 
 void FieldSlots::reserve(CloudData& cloud, int64_t count) const {
   const size_t n = static_cast<size_t>(count);
@@ -21,11 +17,12 @@ void FieldSlots::reserve(CloudData& cloud, int64_t count) const {
   if (hasNormals()) cloud.normals.assign(3 * n, 0.0f);
   if (hasColours()) cloud.colours.assign(3 * n, 0);
   if (intensity >= 0) cloud.intensity.assign(n, 0.0f);
+  if (classification >= 0) cloud.classification.assign(n, 0);
+  if (gpsTime >= 0) cloud.gpsTime.assign(n, 0.0);
 }
 
 void FieldSlots::store(CloudData& cloud, size_t i, const double* values) const {
-  for (int c = 0; c < 3; ++c)
-    cloud.points[3 * i + static_cast<size_t>(c)] = static_cast<float>(values[xyz[c]]);
+  cloud.setPoint(i, values[xyz[0]], values[xyz[1]], values[xyz[2]]);
   if (!cloud.normals.empty()) {
     for (int c = 0; c < 3; ++c) {
       cloud.normals[3 * i + static_cast<size_t>(c)] = static_cast<float>(values[normal[c]]);
@@ -40,11 +37,14 @@ void FieldSlots::store(CloudData& cloud, size_t i, const double* values) const {
     } else {
       for (int c = 0; c < 3; ++c) {
         const double v = values[colour[c]];
-        cloud.colours[3 * i + static_cast<size_t>(c)] = ColourByte(colourIsUnit ? 255.0 * v : v);
+        cloud.colours[3 * i + static_cast<size_t>(c)] = ClampByte(colourIsUnit ? 255.0 * v : v);
       }
     }
   }
   if (!cloud.intensity.empty()) cloud.intensity[i] = static_cast<float>(values[intensity]);
+  if (!cloud.classification.empty())
+    cloud.classification[i] = ClampByte(values[classification]);  // a byte, clamped alike
+  if (!cloud.gpsTime.empty()) cloud.gpsTime[i] = values[gpsTime];
 }
 
 }  // namespace qorv::io

@@ -11,6 +11,9 @@
 
 namespace qorv::io {
 
+// A value as a byte: rounded, clamped to 0-255 (NaN: 0).
+uint8_t ClampByte(double v);
+
 // Where the attributes the cloud keeps sit among a point's values (-1: absent).
 struct FieldSlots {
   int xyz[3] = {-1, -1, -1};
@@ -19,6 +22,8 @@ struct FieldSlots {
   bool colourIsUnit = false;  // float colours in [0, 1]
   int packedRgb = -1;         // PCD rgb / rgba: 0x00RRGGBB in the bits of a 4-byte value
   int intensity = -1;
+  int classification = -1;
+  int gpsTime = -1;
 
   bool hasXyz() const { return xyz[0] >= 0 && xyz[1] >= 0 && xyz[2] >= 0; }
   bool hasNormals() const { return normal[0] >= 0 && normal[1] >= 0 && normal[2] >= 0; }

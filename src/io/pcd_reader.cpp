@@ -140,6 +140,8 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
     }
     if ((h.fields[f] == "rgb" || h.fields[f] == "rgba") && h.sizes[f] == 4) keep.packedRgb = first;
     if (h.fields[f] == "intensity") keep.intensity = first;
+    if (h.fields[f] == "classification") keep.classification = first;
+    if (h.fields[f] == "gps_time") keep.gpsTime = first;
     for (int64_t c = 0; c < h.counts[f]; ++c) {
       slots.push_back({type, rowBytes, 0, 0});
       rowBytes += static_cast<size_t>(h.sizes[f]);
@@ -252,11 +254,38 @@ CloudData ParsePcd(std::string_view bytes, const std::string& path) {
     cloud.countNonFinite();
     return cloud;
   }
-  for (int c = 0; c < 3; ++c) {
-    column(keep.xyz[c], cloud.points.data() + c, 3);
-    if (!cloud.normals.empty()) column(keep.normal[c], cloud.normals.data() + c, 3);
+  bool floatXyz = true;
+  for (int c = 0; c < 3; ++c)
+    floatXyz = floatXyz && slots[static_cast<size_t>(keep.xyz[c])].type == Scalar::kFloat32;
+  if (floatXyz) {
+    for (int c = 0; c < 3; ++c) column(keep.xyz[c], cloud.points.data() + c, 3);
+  } else {
+    // Double (or integer) coordinates keep their precision relative to the cloud's origin.
+    for (uint64_t i = 0; i < points; ++i) {
+      double v[3];
+      for (int c = 0; c < 3; ++c) {
+        const Slot& slot = slots[static_cast<size_t>(keep.xyz[c])];
+        v[c] = DecodeScalar(at(slot, i), slot.type, false);
+      }
+      cloud.setPoint(static_cast<size_t>(i), v[0], v[1], v[2]);
+    }
   }
+  for (int c = 0; c < 3 && !cloud.normals.empty(); ++c)
+    column(keep.normal[c], cloud.normals.data() + c, 3);
   if (!cloud.intensity.empty()) column(keep.intensity, cloud.intensity.data(), 1);
+  if (!cloud.classification.empty() || !cloud.gpsTime.empty()) {
+    for (uint64_t i = 0; i < points; ++i) {
+      if (!cloud.classification.empty()) {
+        const Slot& slot = slots[static_cast<size_t>(keep.classification)];
+        const double v = DecodeScalar(at(slot, i), slot.type, false);
+        cloud.classification[i] = ClampByte(v);
+      }
+      if (!cloud.gpsTime.empty()) {
+        const Slot& slot = slots[static_cast<size_t>(keep.gpsTime)];
+        cloud.gpsTime[i] = DecodeScalar(at(slot, i), slot.type, false);
+      }
+    }
+  }
   if (keep.packedRgb >= 0) {
     const Slot& slot = slots[static_cast<size_t>(keep.packedRgb)];
     for (uint64_t i = 0; i < points; ++i) {

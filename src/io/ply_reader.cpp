@@ -66,6 +66,9 @@ FieldSlots VertexSlots(const Element& element) {
       }
     }
     if (property.name == "intensity" || property.name == "scalar_intensity") slots.intensity = slot;
+    if (property.name == "classification" || property.name == "scalar_classification")
+      slots.classification = slot;
+    if (property.name == "gps_time" || property.name == "scalar_gps_time") slots.gpsTime = slot;
   }
   return slots;
 }
