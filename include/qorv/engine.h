@@ -9,7 +9,10 @@
  * same inputs and options give the same bits on every run and with any thread count.
  *
  * Conventions:
- * - Clouds are packed float triples (x, y, z) with an int64 count. Non-finite points are ignored.
+ * - Clouds are packed float triples (x, y, z) with an int64 count, or double triples (survey-scale
+ *   coordinates). Non-finite points are ignored. Clouds far from their coordinates' zero are
+ *   registered relative to a shared origin in whole metres, so float arithmetic keeps its
+ *   precision; every transform in and out is in the caller's frame.
  *   An organized cloud (a depth-camera frame) gives width and height with width * height == count
  *   and may hold NaN holes.
  * - Transforms are 16 doubles, a row-major 4 x 4 matrix; T * p carries a source point onto the
@@ -38,7 +41,7 @@ extern "C" {
 
 /* Version of this C interface; QorvEngineApiVersion() returns the one the library was built with.
  */
-#define QORV_ENGINE_API_VERSION 2
+#define QORV_ENGINE_API_VERSION 3
 
 enum {
   QORV_ENGINE_OK = 0,
@@ -59,6 +62,10 @@ typedef struct QorvEngineCloud {
   int32_t height;
   int32_t has_viewpoint; /* 1: viewpoint is the sensor origin in the cloud's frame */
   double viewpoint[3];
+  /* Added in interface version 3 (read only when the options' cloud_size covers them). */
+  const double* points_f64; /* 3 doubles a point, used instead of points when not NULL */
+  double origin[3]; /* float points are relative to it: a point lies at origin + its triple (the
+                       origin of a cloud file read by QorvEngineReadCloud) */
 } QorvEngineCloud;
 
 enum {
@@ -84,6 +91,10 @@ typedef struct QorvEngineOptions {
   int32_t sensor_origin; /* 1: a cloud without a viewpoint was taken by a sensor at its origin
                             (spinning LiDAR scans centred on their sensor), so the verdict may use
                             the space the sensor saw through */
+  /* Added in interface version 3. */
+  uint32_t cloud_size; /* sizeof(QorvEngineCloud) of the clouds passed with these options (set by
+                          QorvEngineDefaultOptions); older callers pass the smaller clouds of
+                          version 2, and arrays of them are strided by it */
 } QorvEngineOptions;
 
 /* Time of one stage of a registration. */
@@ -127,8 +138,16 @@ typedef struct QorvEngineResult {
                     motion leaves posts, cars and corners standing beside what they should meet */
 } QorvEngineResult;
 
-/* Fills options with the defaults. */
+/* Fills the first struct_size bytes of options with the defaults: struct_size is the size of the
+ * caller's QorvEngineOptions, which may be that of an older or a newer header. */
+QORV_ENGINE_API void QorvEngineDefaultOptionsOfSize(QorvEngineOptions* options,
+                                                    uint32_t struct_size);
+
+/* Fills options with the defaults. The function of this name fills an options struct of interface
+ * version 2 (what callers built before version 3 call); the macro passes this header's size. */
 QORV_ENGINE_API void QorvEngineDefaultOptions(QorvEngineOptions* options);
+#define QorvEngineDefaultOptions(options) \
+  QorvEngineDefaultOptionsOfSize((options), (uint32_t)sizeof(QorvEngineOptions))
 
 /* Registers source onto target. result receives the transform, the verdict and the measures. A
  * negative verdict is not an error: the call returns QORV_ENGINE_OK with result->registered = 0. */

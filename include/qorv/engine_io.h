@@ -38,6 +38,15 @@ typedef struct QorvEngineCloudData {
   int32_t file_height;   /* kept (0 when the file is unorganized) */
   char format[32]; /* "ply (binary little endian)", "pcd (binary_compressed)", "depth image", ... */
   char fields[256]; /* the file's per-point fields, separated by spaces (cut to fit) */
+  /* Added in interface version 3: written on reading; read on writing only by
+   * QorvEngineWriteCloudData, which is told the struct's size. */
+  uint8_t* classification; /* 1 a point (LAS classes), or NULL */
+  double* gps_time;        /* 1 a point, or NULL */
+  double origin[3];        /* points are relative to it: a point lies at origin + its triple.
+                              Survey-scale files get one in whole metres; 0 otherwise */
+  int32_t has_las_quantum; /* 1: a LAS file's scale and offset, kept for writing LAS back */
+  double las_scale[3];
+  double las_offset[3];
 } QorvEngineCloudData;
 
 /* A pinhole depth camera; depth values / depth_scale = metres. */
@@ -67,10 +76,45 @@ enum {
   QORV_ENGINE_ENCODING_COMPRESSED = 3 /* PCD binary_compressed (PLY: binary) */
 };
 
-/* Writes a cloud (only points and count are required; the other arrays may be NULL). */
+/* What QorvEngineReadCloudWith reads with. */
+typedef struct QorvEngineReadOptions {
+  uint32_t struct_size;         /* sizeof(QorvEngineReadOptions) */
+  int32_t keep_organized;       /* as for QorvEngineReadCloud */
+  QorvEngineDepthCamera camera; /* for depth images */
+  const char* columns; /* column text: the columns' names in order ("x y z skip intensity"; skip
+                          or _ passes one over); NULL or "": from the file's header or its width */
+} QorvEngineReadOptions;
+
+/* keep_organized 0, the default camera, columns from the file; fills the first struct_size bytes
+ * (the size of the caller's struct, which may be that of an older or newer header). The macro
+ * passes this header's size. */
+QORV_ENGINE_API void QorvEngineDefaultReadOptionsOfSize(QorvEngineReadOptions* options,
+                                                        uint32_t struct_size);
+QORV_ENGINE_API void QorvEngineDefaultReadOptions(QorvEngineReadOptions* options);
+#define QorvEngineDefaultReadOptions(options) \
+  QorvEngineDefaultReadOptionsOfSize((options), (uint32_t)sizeof(QorvEngineReadOptions))
+
+/* QorvEngineReadCloud with options (NULL: the defaults). */
+QORV_ENGINE_API int32_t QorvEngineReadCloudWith(const char* path,
+                                                const QorvEngineReadOptions* options,
+                                                QorvEngineCloudData** cloud);
+
+/* Writes a cloud (only points and count are required; the other arrays may be NULL). Reads the
+ * fields of interface version 2 only: the cloud is written at origin 0. */
 QORV_ENGINE_API int32_t QorvEngineWriteCloud(const char* path,
                                              const QorvEngineCloudData* cloud,
                                              int32_t encoding);
+
+/* Writes a cloud whose struct is cloud_size bytes (sizeof(QorvEngineCloudData) of the caller's
+ * header): every field it covers is written, as far as the format holds it. Fields the format
+ * cannot hold are named by QorvEngineLastWarning(). */
+QORV_ENGINE_API int32_t QorvEngineWriteCloudData(const char* path,
+                                                 const QorvEngineCloudData* cloud,
+                                                 uint32_t cloud_size,
+                                                 int32_t encoding);
+
+/* After a successful write: the fields the file could not hold, as one line ("" when none). */
+QORV_ENGINE_API const char* QorvEngineLastWarning(void);
 
 #ifdef __cplusplus
 }

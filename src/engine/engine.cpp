@@ -11,6 +11,7 @@
 
 #include "engine/compatibility.hpp"
 #include "engine/features.hpp"
+#include "engine/frame.hpp"
 #include "engine/free_space.hpp"
 #include "engine/icp.hpp"
 #include "engine/matching.hpp"
@@ -565,11 +566,14 @@ int32_t RegisterPrepared(const Prepared& target,
   return kOk;
 }
 
-int32_t Register(const CloudView& targetView,
-                 const CloudView& sourceView,
-                 const Options& options,
-                 Outcome& outcome,
-                 std::string& error) {
+namespace {
+
+// Register, on clouds already in a frame where float holds their coordinates.
+int32_t RegisterShared(const CloudView& targetView,
+                       const CloudView& sourceView,
+                       const Options& options,
+                       Outcome& outcome,
+                       std::string& error) {
   ThreadScope threads(options.threads);
   Outcome result;
   StageClock clock(result.stages);
@@ -606,6 +610,21 @@ int32_t Register(const CloudView& targetView,
   RegisterPrepared(*target, *source, scales, options, result, clock);
   outcome = std::move(result);
   return kOk;
+}
+
+}  // namespace
+
+int32_t Register(const CloudView& target,
+                 const CloudView& source,
+                 const Options& options,
+                 Outcome& outcome,
+                 std::string& error) {
+  const SharedFrame frame({target, source}, options.sensorOrigin);
+  Options shared = options;
+  shared.initial = frame.ToShared(options.initial);
+  const int32_t code = RegisterShared(frame.view(0), frame.view(1), shared, outcome, error);
+  if (code == kOk) outcome.transform = frame.ToCaller(outcome.transform);
+  return code;
 }
 
 }  // namespace qorv::engine

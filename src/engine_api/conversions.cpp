@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 
 #include <Eigen/LU>
@@ -61,12 +62,31 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   return {};
 }
 
+size_t CloudSize(const QorvEngineOptions* options) {
+  constexpr size_t kVersion2 = offsetof(QorvEngineCloud, points_f64);
+  if (options == nullptr) return sizeof(QorvEngineCloud);
+  if (options->struct_size < offsetof(QorvEngineOptions, cloud_size) + sizeof(uint32_t))
+    return kVersion2;
+  return options->cloud_size >= kVersion2 ? options->cloud_size : 0;
+}
+
+QorvEngineCloud CloudAt(const QorvEngineCloud* clouds, size_t i, size_t cloudSize) {
+  QorvEngineCloud cloud;
+  std::memset(&cloud, 0, sizeof(cloud));
+  const auto* bytes = reinterpret_cast<const unsigned char*>(clouds) + i * cloudSize;
+  std::memcpy(&cloud, bytes, std::min(cloudSize, sizeof(cloud)));
+  return cloud;
+}
+
 std::string CheckCloud(const QorvEngineCloud* cloud, const char* what) {
   const std::string name(what);
   if (cloud == nullptr) return "the " + name + " cloud is null";
   if (cloud->count < 0) return "the " + name + " cloud has a negative point count";
-  if (cloud->count > 0 && cloud->points == nullptr)
+  if (cloud->count > 0 && cloud->points == nullptr && cloud->points_f64 == nullptr)
     return "the " + name + " cloud's points are null";
+  for (double v : cloud->origin) {
+    if (!std::isfinite(v)) return "the " + name + " cloud's origin is not finite";
+  }
   if (cloud->count > (int64_t{1} << 31) - 1)
     return "the " + name + " cloud has over 2^31 - 1 points";
   if (cloud->width < 0 || cloud->height < 0)
@@ -80,6 +100,8 @@ std::string CheckCloud(const QorvEngineCloud* cloud, const char* what) {
 CloudView ViewOf(const QorvEngineCloud& cloud) {
   CloudView view;
   view.points = cloud.points;
+  view.points64 = cloud.points_f64;
+  view.origin = Eigen::Vector3d(cloud.origin[0], cloud.origin[1], cloud.origin[2]);
   view.normals = cloud.normals;
   view.count = cloud.count;
   if (cloud.height > 1) {

@@ -13,6 +13,13 @@ namespace qorv::engine {
 // The C options as engine options; returns a message naming the first bad field, or "".
 std::string FromC(const QorvEngineOptions& in, Options& out);
 
+// The size of the clouds the caller passes with these options (NULL: this header's): callers built
+// before the clouds grew pass smaller ones. 0 when the options name an impossible size.
+size_t CloudSize(const QorvEngineOptions* options);
+
+// Cloud i of the caller's array of clouds of cloudSize bytes each, the fields it lacks zero.
+QorvEngineCloud CloudAt(const QorvEngineCloud* clouds, size_t i, size_t cloudSize);
+
 // Checks one of the caller's clouds ("target", "source", "scan 3"); "" when it is usable.
 std::string CheckCloud(const QorvEngineCloud* cloud, const char* what);
 

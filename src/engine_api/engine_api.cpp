@@ -30,23 +30,35 @@ constexpr size_t kResultV1 = offsetof(QorvEngineResult, constrained);
 
 extern "C" {
 
-QORV_ENGINE_API void QorvEngineDefaultOptions(QorvEngineOptions* options) {
-  if (options == nullptr) return;
+QORV_ENGINE_API void QorvEngineDefaultOptionsOfSize(QorvEngineOptions* options,
+                                                    uint32_t struct_size) {
+  if (options == nullptr || struct_size < sizeof(uint32_t)) return;
   const qorv::engine::Options defaults;
-  std::memset(options, 0, sizeof(*options));
-  options->struct_size = sizeof(*options);
-  options->mode = QORV_ENGINE_MODE_GLOBAL;
-  options->voxel = defaults.voxel;
-  options->point_budget = defaults.pointBudget;
-  options->refine_budget = defaults.refineBudget;
-  options->seed = defaults.seed;
-  options->threads = defaults.threads;
-  options->has_initial = 0;
-  for (int i = 0; i < 16; ++i) options->initial[i] = (i % 5 == 0) ? 1.0 : 0.0;
-  options->max_tries = defaults.maxTries;
-  options->max_ransac_iterations = defaults.maxRansacIterations;
-  options->ransac_confidence = defaults.ransacConfidence;
-  options->sensor_origin = defaults.sensorOrigin ? 1 : 0;
+  QorvEngineOptions full;
+  std::memset(&full, 0, sizeof(full));
+  full.mode = QORV_ENGINE_MODE_GLOBAL;
+  full.voxel = defaults.voxel;
+  full.point_budget = defaults.pointBudget;
+  full.refine_budget = defaults.refineBudget;
+  full.seed = defaults.seed;
+  full.threads = defaults.threads;
+  full.has_initial = 0;
+  for (int i = 0; i < 16; ++i) full.initial[i] = (i % 5 == 0) ? 1.0 : 0.0;
+  full.max_tries = defaults.maxTries;
+  full.max_ransac_iterations = defaults.maxRansacIterations;
+  full.ransac_confidence = defaults.ransacConfidence;
+  full.sensor_origin = defaults.sensorOrigin ? 1 : 0;
+  full.cloud_size = sizeof(QorvEngineCloud);
+  // A newer caller's fields past ours are zeroed; an older caller gets only what it has room for.
+  const size_t known = std::min<size_t>(struct_size, sizeof(full));
+  if (struct_size > sizeof(full)) std::memset(options, 0, struct_size);
+  full.struct_size = static_cast<uint32_t>(struct_size > sizeof(full) ? struct_size : known);
+  std::memcpy(options, &full, known);
+}
+
+// Callers built against interface version 2 or older, whose options end before cloud_size.
+QORV_ENGINE_API void(QorvEngineDefaultOptions)(QorvEngineOptions* options) {
+  QorvEngineDefaultOptionsOfSize(options, offsetof(QorvEngineOptions, cloud_size));
 }
 
 QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
@@ -54,10 +66,22 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
                                            const QorvEngineOptions* options,
                                            QorvEngineResult* result) {
   return Guarded([&]() -> int32_t {
-    if (std::string m = qorv::engine::CheckCloud(target, "target"); !m.empty()) {
+    const size_t cloudSize = qorv::engine::CloudSize(options);
+    if (cloudSize == 0) {
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                  "the options' cloud_size is smaller than any QorvEngineCloud");
+    }
+    if (target == nullptr || source == nullptr) {
+      return Fail(
+          QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+          std::string("the ") + (target == nullptr ? "target" : "source") + " cloud is null");
+    }
+    const QorvEngineCloud targetCloud = qorv::engine::CloudAt(target, 0, cloudSize);
+    const QorvEngineCloud sourceCloud = qorv::engine::CloudAt(source, 0, cloudSize);
+    if (std::string m = qorv::engine::CheckCloud(&targetCloud, "target"); !m.empty()) {
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
     }
-    if (std::string m = qorv::engine::CheckCloud(source, "source"); !m.empty()) {
+    if (std::string m = qorv::engine::CheckCloud(&sourceCloud, "source"); !m.empty()) {
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
     }
     if (result == nullptr) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, "the result is null");
@@ -76,13 +100,13 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
                     "the options' struct_size is not set: fill them with QorvEngineDefaultOptions");
       }
       QorvEngineOptions known;
-      QorvEngineDefaultOptions(&known);
+      QorvEngineDefaultOptionsOfSize(&known, sizeof(known));
       std::memcpy(&known, options, std::min<size_t>(options->struct_size, sizeof(known)));
       std::string bad = qorv::engine::FromC(known, opts);
       if (!bad.empty()) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, bad);
     }
-    qorv::engine::CloudView t = qorv::engine::ViewOf(*target);
-    qorv::engine::CloudView s = qorv::engine::ViewOf(*source);
+    qorv::engine::CloudView t = qorv::engine::ViewOf(targetCloud);
+    qorv::engine::CloudView s = qorv::engine::ViewOf(sourceCloud);
     qorv::engine::Outcome outcome;
     std::string error;
     const int32_t code = qorv::engine::Register(t, s, opts, outcome, error);

@@ -5,16 +5,23 @@
 namespace qorv::engine {
 namespace {
 thread_local std::string lastError;
-}
+thread_local std::string lastWarning;
 
-void SetLastError(const std::string& message) {
+void Set(std::string& slot, const std::string& message) {
   try {
-    lastError = message;
+    slot = message;
   } catch (...) {
-    lastError.clear();
+    slot.clear();
   }
 }
+}  // namespace
+
+void SetLastError(const std::string& message) { Set(lastError, message); }
 
 const char* LastError() { return lastError.c_str(); }
+
+void SetLastWarning(const std::string& message) { Set(lastWarning, message); }
+
+const char* LastWarning() { return lastWarning.c_str(); }
 
 }  // namespace qorv::engine

@@ -10,4 +10,8 @@ namespace qorv::engine {
 void SetLastError(const std::string& message);
 const char* LastError();
 
+// The warning of the last successful C call on this thread that had one ("" after any other).
+void SetLastWarning(const std::string& message);
+const char* LastWarning();
+
 }  // namespace qorv::engine

@@ -64,13 +64,19 @@ QORV_ENGINE_API int32_t QorvEngineMultiwayPlace(const QorvEngineCloud* scans,
       return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
                   "the edges are null or their capacity negative");
     }
+    const size_t cloudSize = qorv::engine::CloudSize(options);
+    if (cloudSize == 0) {
+      return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
+                  "the options' cloud_size is smaller than any QorvEngineCloud");
+    }
     std::vector<qorv::engine::CloudView> views;
     for (int32_t i = 0; i < count; ++i) {
       const std::string what = "scan " + std::to_string(i);
-      if (std::string m = qorv::engine::CheckCloud(&scans[i], what.c_str()); !m.empty()) {
+      const QorvEngineCloud scan = qorv::engine::CloudAt(scans, static_cast<size_t>(i), cloudSize);
+      if (std::string m = qorv::engine::CheckCloud(&scan, what.c_str()); !m.empty()) {
         return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, m);
       }
-      views.push_back(qorv::engine::ViewOf(scans[i]));
+      views.push_back(qorv::engine::ViewOf(scan));
     }
     qorv::engine::Options opts;
     if (options != nullptr) {

@@ -60,12 +60,15 @@ void CloudData::setPoint(size_t i, double x, double y, double z) {
         p = static_cast<float>(static_cast<double>(p) - origin[c]);
       }
     }
-    points[3 * i + c] = static_cast<float>(v[c] - origin[c]);
+    points[3 * i + c] = static_cast<float>(origin[c] == 0.0 ? v[c] : v[c] - origin[c]);
   }
 }
 
 void CloudData::position(size_t i, double out[3]) const {
-  for (size_t c = 0; c < 3; ++c) out[c] = static_cast<double>(points[3 * i + c]) + origin[c];
+  for (size_t c = 0; c < 3; ++c) {
+    out[c] = points[3 * i + c];
+    if (origin[c] != 0.0) out[c] += origin[c];  // -0 stays -0
+  }
 }
 
 }  // namespace qorv::io

@@ -111,6 +111,10 @@ CloudData ReadCloudFile(const std::string& path, bool keepOrganized, const Depth
   return ParseCloud(bytes, path, keepOrganized, camera);
 }
 
+CloudData ReadCloudFile(const std::string& path, const ReadOptions& options) {
+  return ReadCloudFile(path, options.keepOrganized, options.camera);
+}
+
 void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding encoding) {
   const std::string ext = Extension(path);
   if (cloud.size() == 0)
@@ -121,22 +125,19 @@ void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding en
                       "': " + (ext.empty() ? std::string("it has no extension") : "'" + ext + "'") +
                       " names no format Qorv writes (.ply, .pcd, .asc or .xyz)");
   }
-  if (ext == ".asc" || ext == ".xyz") {
-    if (!WritePointsToAsc(path.c_str(),
-                          cloud.points.data(),
-                          cloud.normals.empty() ? nullptr : cloud.normals.data(),
-                          cloud.colours.empty() ? nullptr : cloud.colours.data(),
-                          cloud.size())) {
-      throw IoError(IoError::kFile, "cannot write '" + path + "'");
-    }
-    return;
-  }
-  const std::string bytes = ext == ".ply" ? FormatPly(cloud, encoding) : FormatPcd(cloud, encoding);
+  const std::string bytes = ext == ".ply"   ? FormatPly(cloud, encoding)
+                            : ext == ".pcd" ? FormatPcd(cloud, encoding)
+                                            : FormatAsc(cloud);
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   if (!out) throw IoError(IoError::kFile, "cannot write '" + path + "': " + std::strerror(errno));
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   out.close();
   if (!out) throw IoError(IoError::kFile, "cannot write '" + path + "'");
+}
+
+std::vector<std::string> FieldsLeftOutOf(const std::string& path, const CloudData& cloud) {
+  const std::string ext = Extension(path);
+  return FieldsLeftOut(cloud, ext == ".ply" ? "ply" : ext == ".pcd" ? "pcd" : "asc");
 }
 
 }  // namespace qorv::io

@@ -4,12 +4,24 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "io/cloud_data.hpp"
 #include "io/cloud_writers.hpp"
 #include "io/depth_image.hpp"
 
 namespace qorv::io {
+
+// How a file is read: keepOrganized keeps an organized cloud's layout with its NaN holes (else only
+// the finite points); camera turns depth images into points; columns names column text's columns
+// ("" : from the file).
+struct ReadOptions {
+  bool keepOrganized = false;
+  DepthCamera camera;
+  std::string columns;
+};
+
+CloudData ReadCloudFile(const std::string& path, const ReadOptions& options);
 
 // Reads a cloud file, recognised by its first bytes: PLY, PCD, a depth image (PNG or TIFF, turned
 // into a cloud with `camera`), else ASC text (the library's reader). Without keepOrganized only the
@@ -22,7 +34,11 @@ CloudData ParseCloud(std::string_view bytes,
                      bool keepOrganized,
                      const DepthCamera& camera);
 
-// Writes by the extension: .ply, .pcd, else ASC text (.asc, .xyz, .txt). Throws IoError.
+// Writes by the extension: .ply, .pcd, .asc or .xyz (ASC text); any other is an error. Throws
+// IoError.
 void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding encoding);
+
+// The fields of cloud that the file at path, by its extension, cannot hold.
+std::vector<std::string> FieldsLeftOutOf(const std::string& path, const CloudData& cloud);
 
 }  // namespace qorv::io

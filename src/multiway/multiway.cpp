@@ -12,6 +12,8 @@
 
 #include <Eigen/LU>
 
+#include "engine/frame.hpp"
+
 namespace qorv::multiway {
 namespace {
 
@@ -220,14 +222,17 @@ void ChainPoses(const std::vector<Edge>& edges,
 
 }  // namespace
 
-int32_t AlignScans(const std::vector<engine::CloudView>& scans,
-                   const engine::Options& options,
-                   const MultiwayOptions& multiway,
-                   const std::vector<Edge>& extra,
-                   std::vector<Pose>& poses,
-                   std::vector<ScanReport>& reports,
-                   std::vector<EdgeReport>& edges,
-                   std::string& error) {
+namespace {
+
+// AlignScans on scans already in a frame where float holds their coordinates.
+int32_t AlignShared(const std::vector<engine::CloudView>& scans,
+                    const engine::Options& options,
+                    const MultiwayOptions& multiway,
+                    const std::vector<Edge>& extra,
+                    std::vector<Pose>& poses,
+                    std::vector<ScanReport>& reports,
+                    std::vector<EdgeReport>& edges,
+                    std::string& error) {
   const size_t n = scans.size();
   const int32_t reference = multiway.reference;
   if (reference < 0 || static_cast<size_t>(reference) >= n) {
@@ -451,6 +456,27 @@ int32_t AlignScans(const std::vector<engine::CloudView>& scans,
     edges.push_back(report);
   }
   return engine::kOk;
+}
+
+}  // namespace
+
+int32_t AlignScans(const std::vector<engine::CloudView>& scans,
+                   const engine::Options& options,
+                   const MultiwayOptions& multiway,
+                   const std::vector<Edge>& extra,
+                   std::vector<Pose>& poses,
+                   std::vector<ScanReport>& reports,
+                   std::vector<EdgeReport>& edges,
+                   std::string& error) {
+  const engine::SharedFrame frame(scans, options.sensorOrigin);
+  std::vector<engine::CloudView> views;
+  for (size_t i = 0; i < scans.size(); ++i) views.push_back(frame.view(i));
+  std::vector<Edge> given = extra;
+  for (Edge& e : given) e.motion = frame.ToShared(e.motion);
+  const int32_t code = AlignShared(views, options, multiway, given, poses, reports, edges, error);
+  for (Pose& pose : poses) pose = frame.ToCaller(pose);
+  for (EdgeReport& report : edges) report.edge.motion = frame.ToCaller(report.edge.motion);
+  return code;
 }
 
 }  // namespace qorv::multiway
