@@ -76,13 +76,11 @@ CloudData ParseLas(std::string_view bytes, const std::string& path) {
   auto fail = [&](const std::string& what) -> IoError {
     return IoError(IoError::kFormat, "'" + path + "': " + what);
   };
+  if (Extension(path) == ".laz") throw fail(kLazNotRead);
   if (bytes.substr(0, 4) != "LASF") {
-    if (Extension(path) == ".laz") throw fail(kLazNotRead);
+    const std::string found = Quote(bytes.substr(0, 4));
     throw IoError(IoError::kFormat,
-                  "'" + path +
-                      "' is not a LAS file: it should start with 'LASF', its first bytes "
-                      "are " +
-                      Quote(bytes.substr(0, 4)));
+                  "'" + path + "' is not a LAS file: it should start with 'LASF', not " + found);
   }
   const uint64_t fileSize = bytes.size();
   if (fileSize < 227) {
@@ -97,7 +95,7 @@ CloudData ParseLas(std::string_view bytes, const std::string& path) {
   }
   const int formatByte = raw[104];
   // LAZ writers mark the point format with bit 7 (bit 6 in some older ones).
-  if ((formatByte & 0xc0) != 0 || Extension(path) == ".laz") throw fail(kLazNotRead);
+  if ((formatByte & 0xc0) != 0) throw fail(kLazNotRead);
   if (formatByte > 10) {
     throw fail("unknown LAS point format " + std::to_string(formatByte) + " (0 to 10 are read)");
   }
