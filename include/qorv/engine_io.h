@@ -5,9 +5,11 @@
  *
  * Read: PLY (ascii, binary little or big endian, any scalar types, meshes' other elements passed
  * over), PCD (ascii, binary, binary_compressed; any field order and types; organized WIDTH x
- * HEIGHT; VIEWPOINT), ASC text, and depth images (16-bit PNG, 16-bit or float TIFF) turned into an
- * organized cloud through a pinhole camera. The kind is recognised by the file's first bytes.
- * Write: PLY, PCD or ASC, chosen by the file name's extension (.ply, .pcd, else ASC).
+ * HEIGHT; VIEWPOINT), LAS (1.0 to 1.4, point formats 0 to 10; LAZ is refused), ASC text, and depth
+ * images (16-bit PNG, 16-bit or float TIFF) turned into an organized cloud through a pinhole
+ * camera. The kind is recognised by the file's first bytes.
+ * Write: PLY, PCD, LAS (1.2) or ASC, chosen by the file name's extension (.ply, .pcd, .las, else
+ * ASC).
  * Errors: QORV_ENGINE_ERROR_FILE (cannot open, read or write), QORV_ENGINE_ERROR_FORMAT (the
  * contents are not a cloud we read), with QorvEngineLastError() saying what exactly.
  */

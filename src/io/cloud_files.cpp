@@ -7,6 +7,8 @@
 #include <fstream>
 
 #include "geometry/asc_file.hpp"
+#include "io/las_reader.hpp"
+#include "io/las_writer.hpp"
 #include "io/pcd_reader.hpp"
 #include "io/ply_reader.hpp"
 #include "io/text_fields.hpp"
@@ -44,13 +46,9 @@ CloudData ParseAscText(std::string_view bytes, const std::string& path) {
 
 // Kinds of file people hand us that we do not read (yet), and what to do about them.
 const char* NotReadWhy(const std::string& ext) {
-  if (ext == ".laz" || ext == ".e57")
+  if (ext == ".e57")
     return "no decompressor for it is among the system's packages; convert it to PLY or PCD first "
-           "(for example: pdal translate in.laz out.ply, or CloudCompare)";
-  if (ext == ".las")
-    return "LAS is not read yet; convert it to PLY or PCD first (for example: pdal translate "
-           "in.las "
-           "out.ply)";
+           "(for example: pdal translate in.e57 out.ply, or CloudCompare)";
   if (ext == ".obj" || ext == ".stl" || ext == ".off")
     return "meshes are not read yet; export their vertices as PLY";
   if (ext == ".pts" || ext == ".csv" || ext == ".txt")
@@ -80,6 +78,7 @@ CloudData ParseCloud(std::string_view bytes,
   if (StartsWith(bytes, "# .PCD") || StartsWith(bytes, "VERSION") || StartsWith(bytes, "FIELDS")) {
     return Finish(ParsePcd(bytes, path), path, keepOrganized);
   }
+  if (StartsWith(bytes, "LASF")) return Finish(ParseLas(bytes, path), path, keepOrganized);
   if (StartsWith(bytes, "\x89PNG"))
     return Finish(DepthToCloud(DecodePng(bytes, path), camera), path, keepOrganized);
   const std::string ext = Extension(path);
@@ -88,6 +87,8 @@ CloudData ParseCloud(std::string_view bytes,
         IoError::kFormat,
         "'" + path + "' is not a " + ext.substr(1) + " file (its first bytes say otherwise)");
   }
+  // Without the signature: ParseLas says what it found instead (or refuses LAZ).
+  if (ext == ".las" || ext == ".laz") return Finish(ParseLas(bytes, path), path, keepOrganized);
   if (const char* why = NotReadWhy(ext))
     throw IoError(IoError::kFormat, "'" + path + "' is not read: " + why);
   if (ext != ".asc" && ext != ".xyz") {
@@ -119,15 +120,21 @@ void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding en
   const std::string ext = Extension(path);
   if (cloud.size() == 0)
     throw IoError(IoError::kFile, "nothing to write to '" + path + "': no point");
-  if (ext != ".ply" && ext != ".pcd" && ext != ".asc" && ext != ".xyz") {
+  if (ext != ".ply" && ext != ".pcd" && ext != ".las" && ext != ".asc" && ext != ".xyz") {
     throw IoError(IoError::kFile,
                   "cannot write '" + path +
                       "': " + (ext.empty() ? std::string("it has no extension") : "'" + ext + "'") +
-                      " names no format Qorv writes (.ply, .pcd, .asc or .xyz)");
+                      " names no format Qorv writes (.ply, .pcd, .las, .asc or .xyz)");
   }
-  const std::string bytes = ext == ".ply"   ? FormatPly(cloud, encoding)
-                            : ext == ".pcd" ? FormatPcd(cloud, encoding)
-                                            : FormatAsc(cloud);
+  std::string bytes;
+  try {
+    bytes = ext == ".ply"   ? FormatPly(cloud, encoding)
+            : ext == ".pcd" ? FormatPcd(cloud, encoding)
+            : ext == ".las" ? FormatLas(cloud)
+                            : FormatAsc(cloud);
+  } catch (const IoError& e) {
+    throw IoError(e.kind(), "cannot write '" + path + "': " + e.what());
+  }
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   if (!out) throw IoError(IoError::kFile, "cannot write '" + path + "': " + std::strerror(errno));
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -137,7 +144,11 @@ void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding en
 
 std::vector<std::string> FieldsLeftOutOf(const std::string& path, const CloudData& cloud) {
   const std::string ext = Extension(path);
-  return FieldsLeftOut(cloud, ext == ".ply" ? "ply" : ext == ".pcd" ? "pcd" : "asc");
+  return FieldsLeftOut(cloud,
+                       ext == ".ply"   ? "ply"
+                       : ext == ".pcd" ? "pcd"
+                       : ext == ".las" ? "las"
+                                       : "asc");
 }
 
 }  // namespace qorv::io

@@ -23,9 +23,9 @@ struct ReadOptions {
 
 CloudData ReadCloudFile(const std::string& path, const ReadOptions& options);
 
-// Reads a cloud file, recognised by its first bytes: PLY, PCD, a depth image (PNG or TIFF, turned
-// into a cloud with `camera`), else ASC text (the library's reader). Without keepOrganized only the
-// finite points are kept. Throws IoError; a file holding no finite point is an error.
+// Reads a cloud file, recognised by its first bytes: PLY, PCD, LAS, a depth image (PNG or TIFF,
+// turned into a cloud with `camera`), else ASC text (the library's reader). Without keepOrganized
+// only the finite points are kept. Throws IoError; a file holding no finite point is an error.
 CloudData ReadCloudFile(const std::string& path, bool keepOrganized, const DepthCamera& camera);
 
 // The same from bytes already in memory (TIFF excepted: libtiff reads files).
@@ -34,7 +34,7 @@ CloudData ParseCloud(std::string_view bytes,
                      bool keepOrganized,
                      const DepthCamera& camera);
 
-// Writes by the extension: .ply, .pcd, .asc or .xyz (ASC text); any other is an error. Throws
+// Writes by the extension: .ply, .pcd, .las, .asc or .xyz (ASC text); any other is an error. Throws
 // IoError.
 void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding encoding);
 

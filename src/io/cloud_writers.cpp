@@ -161,6 +161,7 @@ void AppendRows(std::string& out, const CloudData& cloud, const std::vector<Colu
 std::vector<std::string> FieldsLeftOut(const CloudData& cloud, const std::string& format) {
   std::vector<std::string> out;
   const bool text = format == "asc";
+  if (format == "las" && !cloud.normals.empty()) out.push_back("normals");
   if (text && !cloud.intensity.empty()) out.push_back("intensity");
   if (text && !cloud.classification.empty()) out.push_back("classification");
   if (text && !cloud.gpsTime.empty()) out.push_back("gps_time");

@@ -27,8 +27,8 @@ std::string FormatPcd(const CloudData& cloud, Encoding encoding);
 // ASC text: x y z [nx ny nz [red green blue]] a line.
 std::string FormatAsc(const CloudData& cloud);
 
-// The fields of cloud that a file of `format` ("ply", "pcd", "asc") cannot hold, as words for a
-// warning.
+// The fields of cloud that a file of `format` ("ply", "pcd", "las", "asc") cannot hold, as words
+// for a warning.
 std::vector<std::string> FieldsLeftOut(const CloudData& cloud, const std::string& format);
 
 }  // namespace qorv::io

@@ -85,15 +85,15 @@ TEST(CloudFiles, EveryWriterRoundTripsTheSameBits) {
 }
 
 TEST(CloudFiles, AFileIsReadOnlyAsWhatItIsAndWrittenOnlyAsItsExtensionSays) {
-  // x y z text is read under .asc and .xyz only; a mesh, a CSV, a LAS or an unknown file is
-  // refused with what to do, never read as points.
+  // x y z text is read under .asc and .xyz only; a mesh, a CSV, a LAS without its signature or an
+  // unknown file is refused with what to do, never read as points.
   const std::string rows = "1 2 3\n4 5 6\nf 1 2 3\n";
   EXPECT_EQ(ParseCloud("1 2 3\n4 5 6\n", "two.xyz", false, DepthCamera()).size(), 2);
   const std::pair<const char*, const char*> refused[] = {
       {"cube.obj", "meshes are not read"},
       {"rows.csv", "column text"},
       {"scan.laz", "no decompressor"},
-      {"scan.las", "LAS is not read"},
+      {"scan.las", "not a LAS file"},
       {"thing.bin", "'.bin' is not .asc or .xyz"},
       {"noextension", "no extension"}};
   for (const auto& [name, message] : refused) {
@@ -106,9 +106,9 @@ TEST(CloudFiles, AFileIsReadOnlyAsWhatItIsAndWrittenOnlyAsItsExtensionSays) {
       EXPECT_NE(std::string(e.what()).find(name), std::string::npos) << e.what();
     }
   }
-  const std::string las = TempPath("out.las");
-  EXPECT_THROW(WriteCloudFile(las, RandomCloud(10, false), Encoding::kDefault), IoError);
-  EXPECT_FALSE(std::filesystem::exists(las));
+  const std::string e57 = TempPath("out.e57");
+  EXPECT_THROW(WriteCloudFile(e57, RandomCloud(10, false), Encoding::kDefault), IoError);
+  EXPECT_FALSE(std::filesystem::exists(e57));
 }
 
 TEST(CloudFiles, OrganizedPcdKeepsItsHolesOrDropsThem) {

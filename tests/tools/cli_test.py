@@ -481,7 +481,7 @@ def test_files_are_read_only_as_what_they_are(tmp_path):
     rows = tmp_path / "rows.csv"
     rows.write_text("x,y,z\n" + "\n".join(f"{i},{i},{i}" for i in range(6)) + "\n")
     fail("info", rows, message="rows.csv' is not read")
-    fail("convert", BUNNY, tmp_path / "out.las", message="'.las' names no format")
-    assert not (tmp_path / "out.las").exists()
+    fail("convert", BUNNY, tmp_path / "out.e57", message="'.e57' names no format")
+    assert not (tmp_path / "out.e57").exists()
     run("convert", BUNNY, tmp_path / "out.xyz")
     assert run_json("info", tmp_path / "out.xyz")[0]["points"] > 0
