@@ -65,6 +65,9 @@ CloudData ParseObj(std::string_view bytes, const std::string& path) {
   if (n > static_cast<size_t>(kMaxPoints))
     throw IoError(IoError::kFormat, "'" + path + "' holds more points than supported");
 
+  auto face = [](const tinyobj::shape_t& shape) {
+    return shape.name.empty() ? std::string("a face") : "a face of '" + shape.name + "'";
+  };
   // Each vertex's normal index through the faces: -1 none yet, -2 several or a corner without one.
   std::vector<int64_t> normalOf(n, -1);
   bool faceNormals = normalCount > 0;
@@ -72,16 +75,17 @@ CloudData ParseObj(std::string_view bytes, const std::string& path) {
     for (const tinyobj::index_t& corner : shape.mesh.indices) {
       if (corner.vertex_index < 0 || static_cast<size_t>(corner.vertex_index) >= n) {
         throw IoError(IoError::kFormat,
-                      "'" + path + "': a face of '" + shape.name + "' refers to vertex " +
+                      "'" + path + "': " + face(shape) + " refers to vertex " +
                           std::to_string(static_cast<int64_t>(corner.vertex_index) + 1) +
                           " but the file has " + std::to_string(n) + " vertices" +
                           (reader.Warning().empty() ? "" : " (" + OneLine(reader.Warning()) + ")"));
       }
       if (corner.normal_index >= 0 && static_cast<size_t>(corner.normal_index) >= normalCount) {
         throw IoError(IoError::kFormat,
-                      "'" + path + "': a face of '" + shape.name + "' refers to normal " +
+                      "'" + path + "': " + face(shape) + " refers to normal " +
                           std::to_string(static_cast<int64_t>(corner.normal_index) + 1) +
-                          " but the file has " + std::to_string(normalCount) + " normals");
+                          " but the file has " + std::to_string(normalCount) +
+                          (normalCount == 1 ? " normal" : " normals"));
       }
       int64_t& of = normalOf[static_cast<size_t>(corner.vertex_index)];
       if (corner.normal_index < 0) {

@@ -236,7 +236,7 @@ TEST(ObjFiles, BadFacesAndFilesWithoutVerticesAreClearErrors) {
   ExpectError(CubeObj("", "f 1 2 9\n"), "range.obj", {"vertex 9", "8 vertices"});
   ExpectError(CubeObj("", "f 1 2 -9\n"), "relative.obj", {"vertex 0", "8 vertices"});
   ExpectError(CubeObj("", "f 1 2 3 4 5 6 7 12\n"), "polygon.obj", {"vertex 12"});
-  ExpectError(CubeObj("", "vn 0 0 1\nf 1//1 2//1 3//4\n"), "n.obj", {"normal 4", "1 normals"});
+  ExpectError(CubeObj("", "vn 0 0 1\nf 1//1 2//1 3//4\n"), "n.obj", {"normal 4", "has 1 normal"});
   ExpectError(CubeObj("", "f 0 1 2\n"), "zero.obj", {"no OBJ we read", "zero value"});
   ExpectError("# just faces\nf 1 2 3\n", "faces.obj", {"expected OBJ vertex lines", "none"});
   ExpectError("1 2 3\n4 5 6\n", "rows.obj", {"expected OBJ vertex lines"});
