@@ -428,7 +428,7 @@ def test_missing_and_unreadable_inputs(tmp_path):
 def test_empty_clouds(tmp_path):
     words = tmp_path / "words.asc"
     words.write_text("no numbers at all\n")
-    fail("info", words, message="no point in it")
+    fail("info", words, message="expected rows of numbers but found none")
     empty_ply = tmp_path / "empty.ply"
     write_ply(empty_ply, np.zeros((0, 3), np.float32))
     fail("info", empty_ply, message="holds no point")
