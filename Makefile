@@ -10,7 +10,7 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 # Debian packages the build, the tests and the tools need.
 PACKAGES := build-essential cmake pkg-config libeigen3-dev googletest libgtest-dev libgmock-dev \
-            liblzf-dev libtiff-dev nlohmann-json3-dev libceres-dev python3-distributed \
+            liblzf-dev libtiff-dev libtinyobjloader-dev nlohmann-json3-dev libceres-dev python3-distributed \
             libbenchmark-dev libcli11-dev libpng-dev python3 python3-numpy python3-pytest python3-pip \
             python3-setuptools clang clang-format libomp-dev libclang-rt-dev valgrind
 

@@ -5,11 +5,16 @@
  *
  * Read: PLY (ascii, binary little or big endian, any scalar types, meshes' other elements passed
  * over), PCD (ascii, binary, binary_compressed; any field order and types; organized WIDTH x
- * HEIGHT; VIEWPOINT), LAS (1.0 to 1.4, point formats 0 to 10; LAZ is refused), ASC text, and depth
- * images (16-bit PNG, 16-bit or float TIFF) turned into an organized cloud through a pinhole
- * camera. The kind is recognised by the file's first bytes.
- * Write: PLY, PCD, LAS (1.2) or ASC, chosen by the file name's extension (.ply, .pcd, .las, else
- * ASC).
+ * HEIGHT; VIEWPOINT), LAS (1.0 to 1.4, point formats 0 to 10) and depth images (16-bit PNG, 16-bit
+ * or float TIFF) turned into an organized cloud through a pinhole camera, all recognised by the
+ * file's first bytes; then by the extension: column text (.asc .xyz .xyzn .xyzrgb .pts .txt .csv:
+ * whitespace, comma or semicolon separated, a header line of names or an Open3D/PTS count line
+ * understood, else the layout told by the number of columns, or the columns named in the read
+ * options), OBJ meshes (their vertices, with vertex colours, and normals when each vertex has one)
+ * and STL meshes (binary or ASCII; their distinct vertices). A file whose contents are not what its
+ * extension says is refused; LAZ, E57 and OFF are refused with what to do.
+ * Write: PLY, PCD, LAS (1.2; 1.4 for classes above 31) or ASC, chosen by the file name's extension
+ * (.ply, .pcd, .las, .asc or .xyz); any other extension is an error.
  * Errors: QORV_ENGINE_ERROR_FILE (cannot open, read or write), QORV_ENGINE_ERROR_FORMAT (the
  * contents are not a cloud we read), with QorvEngineLastError() saying what exactly.
  */

@@ -93,3 +93,47 @@ def int_arg(value, name, minimum=None):
     if minimum is not None and integer < minimum:
         raise ValueError(f"{name} must be at least {minimum}, got {integer}")
     return integer
+
+
+def cloud_points(value, name):
+    """Points as the engine takes them: any (n, 3) or (h, w, 3) array of numbers, or an object with
+    a `points` attribute (an Open3D PointCloud). float64 stays float64 (survey-scale coordinates keep
+    their precision); every other type becomes float32."""
+    if value is None:
+        raise TypeError(f"{name} must be an (n, 3) array of points, not None")
+    if hasattr(value, "points") and not isinstance(value, np.ndarray):
+        value = value.points
+    try:
+        array = np.asarray(value)
+    except Exception as error:  # noqa: BLE001 - any conversion failure is the caller's type
+        raise TypeError(f"{name} must be an (n, 3) array of points or an object with a points "
+                        f"attribute (an Open3D PointCloud), got {type(value).__name__}") from error
+    if array.dtype.kind not in "fiu":
+        raise TypeError(f"{name} must hold numbers, got an array of {array.dtype} from "
+                        f"{type(value).__name__}")
+    dtype = np.float64 if array.dtype == np.float64 else np.float32
+    array = np.ascontiguousarray(array, dtype=dtype)
+    if array.ndim not in (2, 3) or array.shape[-1] != 3:
+        raise ValueError(f"{name} must be an (n, 3) or (h, w, 3) array, got shape {array.shape}")
+    return array
+
+
+def colour_bytes(value, count, name="colours"):
+    """Colours as bytes 0-255: uint8 as they are, other integers within 0-255, floats within 0-1
+    (Open3D's layout) scaled by 255; anything else is an error."""
+    array = np.asarray(value)
+    if hasattr(value, "colors") and not isinstance(value, np.ndarray):
+        array = np.asarray(value.colors)
+    if array.size != 3 * count:
+        raise ValueError(f"{name} must hold 3 values a point ({3 * count}), got {array.size}")
+    if array.dtype == np.uint8:
+        return np.ascontiguousarray(array)
+    if array.dtype.kind in "iu":
+        if array.size and (array.min() < 0 or array.max() > 255):
+            raise ValueError(f"integer {name} must lie within 0-255, got {array.min()}-{array.max()}")
+        return np.ascontiguousarray(array, dtype=np.uint8)
+    if array.dtype.kind == "f":
+        if array.size and not (np.isfinite(array).all() and array.min() >= 0.0 and array.max() <= 1.0):
+            raise ValueError(f"float {name} must lie within 0-1 (Open3D's layout); give uint8 for 0-255")
+        return np.ascontiguousarray(np.rint(array * 255.0), dtype=np.uint8)
+    raise TypeError(f"{name} must be uint8 0-255 or float 0-1, got {array.dtype}")

@@ -7,6 +7,7 @@ import dataclasses
 
 import numpy as np
 
+from ._arrays import cloud_points
 from ._engine_library import check, load
 
 MODES = {"global": 0, "local": 1, "evaluate": 2}
@@ -16,7 +17,8 @@ MAX_STAGES = 24
 class _Cloud(ctypes.Structure):
     _fields_ = [("points", ctypes.c_void_p), ("normals", ctypes.c_void_p), ("count", ctypes.c_int64),
                 ("width", ctypes.c_int32), ("height", ctypes.c_int32),
-                ("has_viewpoint", ctypes.c_int32), ("viewpoint", ctypes.c_double * 3)]
+                ("has_viewpoint", ctypes.c_int32), ("viewpoint", ctypes.c_double * 3),
+                ("points_f64", ctypes.c_void_p), ("origin", ctypes.c_double * 3)]
 
 
 class _Options(ctypes.Structure):
@@ -25,7 +27,7 @@ class _Options(ctypes.Structure):
                 ("seed", ctypes.c_uint64), ("threads", ctypes.c_int32), ("has_initial", ctypes.c_int32),
                 ("initial", ctypes.c_double * 16), ("max_tries", ctypes.c_int32),
                 ("max_ransac_iterations", ctypes.c_int32), ("ransac_confidence", ctypes.c_double),
-                ("sensor_origin", ctypes.c_int32)]
+                ("sensor_origin", ctypes.c_int32), ("cloud_size", ctypes.c_uint32)]
 
 
 class _Stage(ctypes.Structure):
@@ -51,8 +53,8 @@ class _Result(ctypes.Structure):
 def _prototypes():
     lib = load()
     if not getattr(lib, "_qorv_engine_typed", False):
-        lib.QorvEngineDefaultOptions.restype = None
-        lib.QorvEngineDefaultOptions.argtypes = [ctypes.POINTER(_Options)]
+        lib.QorvEngineDefaultOptionsOfSize.restype = None
+        lib.QorvEngineDefaultOptionsOfSize.argtypes = [ctypes.POINTER(_Options), ctypes.c_uint32]
         lib.QorvEngineRegister.restype = ctypes.c_int32
         lib.QorvEngineRegister.argtypes = [ctypes.POINTER(_Cloud), ctypes.POINTER(_Cloud),
                                            ctypes.POINTER(_Options), ctypes.POINTER(_Result)]
@@ -104,13 +106,20 @@ class RegistrationResult:
         return self.registered
 
 
+def default_options(lib, options):
+    """Fills an _Options with the library's defaults, as far as this struct reaches."""
+    lib.QorvEngineDefaultOptionsOfSize(ctypes.byref(options), ctypes.sizeof(_Options))
+
+
 def _cloud(name, points, normals, viewpoint, keep):
-    """A QorvEngineCloud view of an (n, 3) or organized (h, w, 3) array (kept alive in `keep`)."""
-    array = np.ascontiguousarray(points, dtype=np.float32)
-    if array.ndim not in (2, 3) or array.shape[-1] != 3:
-        raise ValueError(f"{name} must be an (n, 3) or (h, w, 3) array, got shape {array.shape}")
+    """A QorvEngineCloud view of an (n, 3) or organized (h, w, 3) array, or of an object with a
+    points attribute (kept alive in `keep`). float64 points go as doubles."""
+    array = cloud_points(points, name)
     cloud = _Cloud()
-    cloud.points = array.ctypes.data
+    if array.dtype == np.float64:
+        cloud.points_f64 = array.ctypes.data
+    else:
+        cloud.points = array.ctypes.data
     if array.ndim == 3:
         cloud.height, cloud.width = array.shape[0], array.shape[1]
     cloud.count = array.shape[0] * (array.shape[1] if array.ndim == 3 else 1)
@@ -134,7 +143,9 @@ def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None
              target_viewpoint=None, source_viewpoint=None, sensor_origin=False):
     """Registers source onto target with the engine and judges the answer.
 
-    target, source: (n, 3) points, or organized (h, w, 3) frames with NaN holes.
+    target, source: (n, 3) points, or organized (h, w, 3) frames with NaN holes, or objects with a
+    points attribute (Open3D PointClouds). float64 points keep their precision: survey-scale
+    coordinates are registered next to a shared origin and the transform is in the caller's frame.
     voxel: the working voxel (0: chosen so that a cloud keeps about point_budget voxels).
     seed: every random draw depends on it only; the same inputs give the same bits.
     threads: 0 for the OpenMP default, 1 for serial. initial: a 4 x 4 (or 3 x 4) guess.
@@ -150,7 +161,7 @@ def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None
     if mode not in MODES:
         raise ValueError(f"mode must be one of {sorted(MODES)}, got {mode!r}")
     options = _Options()
-    lib.QorvEngineDefaultOptions(ctypes.byref(options))
+    default_options(lib, options)
     options.mode = MODES[mode]
     options.voxel = float(voxel)
     options.seed = int(seed)

@@ -8,7 +8,7 @@ import dataclasses
 import numpy as np
 
 from ._engine_library import check, load
-from .engine import _cloud, _Cloud, _Options
+from .engine import _cloud, _Cloud, _Options, default_options
 
 
 class _Edge(ctypes.Structure):
@@ -74,11 +74,11 @@ def multiway(scans, *, loops=True, reference=0, extra_edges=(), seed=1, threads=
         ctypes.POINTER(_Cloud), ctypes.c_int32, ctypes.POINTER(_Options), ctypes.c_int32, ctypes.c_int32,
         ctypes.POINTER(_Edge), ctypes.c_int32, _PROGRESS, ctypes.c_void_p, ctypes.c_void_p, ctypes.POINTER(_Scan),
         ctypes.POINTER(_Edge), ctypes.c_int32, ctypes.POINTER(ctypes.c_int32)]
-    lib.QorvEngineDefaultOptions.argtypes = [ctypes.POINTER(_Options)]
+    lib.QorvEngineDefaultOptionsOfSize.argtypes = [ctypes.POINTER(_Options), ctypes.c_uint32]
     keep = []
     clouds = (_Cloud * len(scans))(*[_cloud(f"scan {i}", s, None, None, keep) for i, s in enumerate(scans)])
     options = _Options()
-    lib.QorvEngineDefaultOptions(ctypes.byref(options))
+    default_options(lib, options)
     options.seed, options.threads, options.voxel = int(seed), int(threads), float(voxel)
     if max_tries is not None:
         options.max_tries = int(max_tries)

@@ -6,11 +6,13 @@
 #include <cstring>
 #include <fstream>
 
-#include "geometry/asc_file.hpp"
+#include "io/column_text.hpp"
 #include "io/las_reader.hpp"
 #include "io/las_writer.hpp"
+#include "io/obj_reader.hpp"
 #include "io/pcd_reader.hpp"
 #include "io/ply_reader.hpp"
+#include "io/stl_reader.hpp"
 #include "io/text_fields.hpp"
 
 namespace qorv::io {
@@ -25,36 +27,12 @@ bool IsTiff(std::string_view bytes) {
          StartsWith(bytes, std::string_view("MM\0*", 4));
 }
 
-CloudData ParseAscText(std::string_view bytes, const std::string& path) {
-  // The tokenizer wants a terminating zero byte after the text.
-  std::string text(bytes);
-  AscCloud asc = ParseAsc(text.c_str(), text.size());
-  if (asc.count > kMaxPoints)
-    throw IoError(IoError::kFormat, "'" + path + "' holds more points than supported");
-  CloudData cloud;
-  cloud.format = "asc";
-  cloud.points = std::move(asc.points);
-  cloud.normals = std::move(asc.normals);
-  cloud.colours.assign(asc.colours.begin(), asc.colours.end());
-  cloud.width = asc.count;
-  cloud.fields = {"x", "y", "z"};
-  if (asc.columns >= 6) cloud.fields.insert(cloud.fields.end(), {"nx", "ny", "nz"});
-  if (asc.columns >= 9) cloud.fields.insert(cloud.fields.end(), {"red", "green", "blue"});
-  cloud.countNonFinite();
-  return cloud;
-}
-
 // Kinds of file people hand us that we do not read (yet), and what to do about them.
 const char* NotReadWhy(const std::string& ext) {
   if (ext == ".e57")
     return "no decompressor for it is among the system's packages; convert it to PLY or PCD first "
            "(for example: pdal translate in.e57 out.ply, or CloudCompare)";
-  if (ext == ".obj" || ext == ".stl" || ext == ".off")
-    return "meshes are not read yet; export their vertices as PLY";
-  if (ext == ".pts" || ext == ".csv" || ext == ".txt")
-    return "column text other than plain x y z rows is not read yet; give plain x y z [nx ny nz] "
-           "[r g b] "
-           "rows the extension .asc or .xyz";
+  if (ext == ".off") return "OFF meshes are not read; export their vertices as PLY";
   return nullptr;
 }
 
@@ -71,7 +49,8 @@ CloudData Finish(CloudData cloud, const std::string& path, bool keepOrganized) {
 CloudData ParseCloud(std::string_view bytes,
                      const std::string& path,
                      bool keepOrganized,
-                     const DepthCamera& camera) {
+                     const DepthCamera& camera,
+                     const std::string& columns) {
   if (StartsWith(bytes, "ply\n") || StartsWith(bytes, "ply\r\n")) {
     return Finish(ParsePly(bytes, path), path, keepOrganized);
   }
@@ -91,29 +70,32 @@ CloudData ParseCloud(std::string_view bytes,
   if (ext == ".las" || ext == ".laz") return Finish(ParseLas(bytes, path), path, keepOrganized);
   if (const char* why = NotReadWhy(ext))
     throw IoError(IoError::kFormat, "'" + path + "' is not read: " + why);
-  if (ext != ".asc" && ext != ".xyz") {
+  if (ext == ".obj") return Finish(ParseObj(bytes, path), path, keepOrganized);
+  if (ext == ".stl") return Finish(ParseStl(bytes, path), path, keepOrganized);
+  if (!IsColumnTextExtension(ext)) {
     throw IoError(IoError::kFormat,
                   "'" + path +
-                      "' is of no kind Qorv reads: its first bytes are no PLY, PCD, PNG or "
+                      "' is of no kind Qorv reads: its first bytes are no PLY, PCD, LAS, PNG or "
                       "TIFF header, and " +
                       (ext.empty() ? std::string("it has no extension")
-                                   : "its extension '" + ext + "' is not .asc or .xyz") +
-                      " (plain x y z text)");
+                                   : "its extension '" + ext +
+                                         "' is none of .asc .xyz .xyzn "
+                                         ".xyzrgb .pts .txt .csv (column text), .obj or .stl"));
   }
-  CloudData cloud = ParseAscText(bytes, path);
-  if (cloud.size() == 0)
-    throw IoError(IoError::kFormat, "'" + path + "' has no point in it (read as ASC text)");
-  return Finish(std::move(cloud), path, keepOrganized);
+  return Finish(ParseColumnText(bytes, path, columns), path, keepOrganized);
 }
 
-CloudData ReadCloudFile(const std::string& path, bool keepOrganized, const DepthCamera& camera) {
+CloudData ReadCloudFile(const std::string& path,
+                        bool keepOrganized,
+                        const DepthCamera& camera,
+                        const std::string& columns) {
   const std::string bytes = ReadFileBytes(path);
   if (IsTiff(bytes)) return Finish(DepthToCloud(ReadTiff(path), camera), path, keepOrganized);
-  return ParseCloud(bytes, path, keepOrganized, camera);
+  return ParseCloud(bytes, path, keepOrganized, camera, columns);
 }
 
 CloudData ReadCloudFile(const std::string& path, const ReadOptions& options) {
-  return ReadCloudFile(path, options.keepOrganized, options.camera);
+  return ReadCloudFile(path, options.keepOrganized, options.camera, options.columns);
 }
 
 void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding encoding) {

@@ -24,15 +24,22 @@ struct ReadOptions {
 CloudData ReadCloudFile(const std::string& path, const ReadOptions& options);
 
 // Reads a cloud file, recognised by its first bytes: PLY, PCD, LAS, a depth image (PNG or TIFF,
-// turned into a cloud with `camera`), else ASC text (the library's reader). Without keepOrganized
-// only the finite points are kept. Throws IoError; a file holding no finite point is an error.
-CloudData ReadCloudFile(const std::string& path, bool keepOrganized, const DepthCamera& camera);
+// turned into a cloud with `camera`); else by its extension: .obj and .stl meshes (their vertices),
+// column text (.asc .xyz .xyzn .xyzrgb .pts .txt .csv; `columns` names the columns when not empty,
+// see ParseColumnText). A file whose contents are not what its extension says is refused. Without
+// keepOrganized only the finite points are kept. Throws IoError; a file holding no finite point is
+// an error.
+CloudData ReadCloudFile(const std::string& path,
+                        bool keepOrganized,
+                        const DepthCamera& camera,
+                        const std::string& columns = "");
 
 // The same from bytes already in memory (TIFF excepted: libtiff reads files).
 CloudData ParseCloud(std::string_view bytes,
                      const std::string& path,
                      bool keepOrganized,
-                     const DepthCamera& camera);
+                     const DepthCamera& camera,
+                     const std::string& columns = "");
 
 // Writes by the extension: .ply, .pcd, .las, .asc or .xyz (ASC text); any other is an error. Throws
 // IoError.

@@ -428,7 +428,7 @@ def test_missing_and_unreadable_inputs(tmp_path):
 def test_empty_clouds(tmp_path):
     words = tmp_path / "words.asc"
     words.write_text("no numbers at all\n")
-    fail("info", words, message="no point in it")
+    fail("info", words, message="expected rows of numbers but found none")
     empty_ply = tmp_path / "empty.ply"
     write_ply(empty_ply, np.zeros((0, 3), np.float32))
     fail("info", empty_ply, message="holds no point")
@@ -477,10 +477,16 @@ def test_bad_values_found_after_parsing(tmp_path):
 def test_files_are_read_only_as_what_they_are(tmp_path):
     cube = tmp_path / "cube.obj"
     cube.write_text("v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n")
-    fail("info", cube, message="cube.obj' is not read: meshes are not read yet")
+    assert run_json("info", cube)[0]["points"] == 3  # the vertices; the face is no point
     rows = tmp_path / "rows.csv"
     rows.write_text("x,y,z\n" + "\n".join(f"{i},{i},{i}" for i in range(6)) + "\n")
-    fail("info", rows, message="rows.csv' is not read")
+    assert run_json("info", rows)[0]["points"] == 6
+    mislabelled = tmp_path / "mesh.xyz"
+    mislabelled.write_text("v 0 0 0\nf 1 1 1\n")
+    fail("info", mislabelled, message="mesh.xyz' line 1: 'v' is no number")
+    off = tmp_path / "scan.off"
+    off.write_text("OFF\n3 1 0\n0 0 0\n1 0 0\n0 1 0\n3 0 1 2\n")
+    fail("info", off, message="scan.off' is not read: OFF meshes are not read")
     fail("convert", BUNNY, tmp_path / "out.e57", message="'.e57' names no format")
     assert not (tmp_path / "out.e57").exists()
     run("convert", BUNNY, tmp_path / "out.xyz")
