@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // The options several commands share, and how a parsed command gets run.
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "commands.hpp"
@@ -37,14 +39,52 @@ const CLI::Validator kNonNegative =
 const CLI::Validator kOpenUnit = NumberValidator(
     [](double v) { return v > 0.0 && v < 1.0; }, "lie strictly between 0 and 1", "(0,1)");
 
+int GlobalOptions::DefaultThreads() {
+  return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 1024u));
+}
+
 void AddGlobalOptions(CLI::App& app, GlobalOptions& global) {
-  app.add_flag("--json", global.json, "Print results as one JSON document");
-  app.add_flag("--quiet", global.quiet, "Drop the library's log lines");
+  const char* group = "Every command";
+  app.add_flag("--json", global.json, "Print results as one JSON document")->group(group);
+  app.add_flag("--quiet", global.quiet, "Drop the library's log lines and the tool's warnings")
+      ->group(group);
   app.add_option("--threads",
                  global.threads,
-                 "Worker threads; above 1 turns on the library's multi-threaded variants")
+                 "Worker threads (default: every core); above 1 turns on the library's "
+                 "multi-threaded variants, with the same results")
       ->check(CLI::Range(1, 1024))
-      ->capture_default_str();
+      ->group(group);
+  const char* reading = "Reading files";
+  app.add_option("--columns",
+                 global.read.columns,
+                 "Column text (.xyz .pts .txt .csv ...): the columns' names in order, e.g. "
+                 "'x y z skip intensity' (default: from the file's header line or its width)")
+      ->group(reading);
+  QorvEngineDepthCamera& camera = global.read.camera;
+  app.add_option("--camera",
+                 global.read.cameraFile,
+                 "Depth images: a JSON camera file (fx, fy, cx, cy, depth_scale; or Open3D's "
+                 "intrinsic_matrix)")
+      ->check(CLI::ExistingFile)
+      ->group(reading);
+  app.add_option("--fx", camera.fx, "Depth images: focal length in pixels, x")
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(reading);
+  app.add_option("--fy", camera.fy, "Depth images: focal length in pixels, y")
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(reading);
+  app.add_option("--cx", camera.cx, "Depth images: principal point, x")
+      ->capture_default_str()
+      ->group(reading);
+  app.add_option("--cy", camera.cy, "Depth images: principal point, y")
+      ->capture_default_str()
+      ->group(reading);
+  app.add_option("--depth-scale", camera.depth_scale, "Depth images: depth units a metre")
+      ->check(kPositive)
+      ->capture_default_str()
+      ->group(reading);
 }
 
 void SetCommand(CLI::App* sub, ToolRun& run, std::function<int(const GlobalOptions&)> command) {
@@ -53,6 +93,7 @@ void SetCommand(CLI::App* sub, ToolRun& run, std::function<int(const GlobalOptio
     RouteLibraryLog(global.quiet  ? LibraryLog::kDiscard
                     : global.json ? LibraryLog::kStderr
                                   : LibraryLog::kStdout);
+    UseReadSettings(global.read);
     run.status = command(global);
   });
 }

@@ -13,6 +13,7 @@
 
 #include <qorv/engine.h>
 
+#include "cloud_io.hpp"
 #include "register.hpp"
 #include "snapshot.hpp"
 
@@ -23,9 +24,13 @@ namespace qorv::tools {
 
 // Options every command takes (given before or after the command's name).
 struct GlobalOptions {
-  bool json = false;   // results as one JSON document on stdout; library log on stderr
-  bool quiet = false;  // library log discarded
-  int threads = 1;     // > 1: the library's multi-threaded variants with that many threads
+  bool json = false;               // results as one JSON document on stdout; library log on stderr
+  bool quiet = false;              // library log and warnings discarded
+  int threads = DefaultThreads();  // > 1: the library's multi-threaded variants
+  ReadSettings read;               // depth camera, columns of column text
+
+  // Every core the machine has (at least 1).
+  static int DefaultThreads();
 };
 
 // One run of the tool: the options on the main app, and the exit status of the command that ran.
@@ -51,7 +56,8 @@ extern const CLI::Validator kPositive;     // finite and greater than 0
 extern const CLI::Validator kNonNegative;  // finite and at least 0
 extern const CLI::Validator kOpenUnit;     // strictly between 0 and 1
 
-// --json, --quiet and --threads, on the main app.
+// --json, --quiet, --threads and the reading options (--columns, the depth camera), on the main
+// app and on every command (so that each command's --help lists them).
 void AddGlobalOptions(CLI::App& app, GlobalOptions& global);
 
 // Makes `command` the callback of `sub`: the library's log routed as the global options ask,
@@ -75,7 +81,7 @@ void AddInputOutput(CLI::App* sub,
                     std::string& input,
                     std::string& output,
                     const std::string& inputHelp = "Cloud file",
-                    const std::string& outputHelp = "ASC file");
+                    const std::string& outputHelp = "Cloud file, written as its extension says");
 
 // --voxel, a working or thinning voxel edge (0, its default, leaves the choice to the command).
 template <typename Length>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
 // `qorv convert` and `qorv depth`: files from one format into another through the engine library.
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -14,15 +15,14 @@ struct ConvertOptions {
   std::string input, output;
   float voxel = 0.0f;  // 0: no thinning
   int32_t encoding = QORV_ENGINE_ENCODING_DEFAULT;
-  QorvEngineDepthCamera camera;
-
-  ConvertOptions() { QorvEngineDefaultDepthCamera(&camera); }
 };
 
 int RunConvert(const GlobalOptions& global, const ConvertOptions& o) {
   Session session(global.threads);
   const double start = Now();
-  Cloud cloud = ReadCloud(o.input, &o.camera);
+  // Without thinning the cloud goes over whole: an organized frame keeps its grid where the output
+  // holds one.
+  Cloud cloud = ReadCloud(o.input, o.voxel <= 0.0f);
   const int32_t read = cloud.size();
   if (o.voxel > 0.0f) {
     std::vector<int32_t> kept;
@@ -32,7 +32,7 @@ int RunConvert(const GlobalOptions& global, const ConvertOptions& o) {
           "thinning '" + o.input + "'");
     cloud = cloud.subset(kept);
   }
-  WriteCloud(o.output, cloud, o.encoding);
+  WriteCloud(o.output, cloud, o.encoding, global.quiet);
   ReportWritten(global, {"convert", o.input, read, o.output, cloud.size(), Now() - start});
   return 0;
 }
@@ -40,24 +40,18 @@ int RunConvert(const GlobalOptions& global, const ConvertOptions& o) {
 int RunDepth(const GlobalOptions& global, const ConvertOptions& o) {
   const double start = Now();
   // The frame keeps its layout (holes as NaN) for the formats that carry one.
-  QorvEngineCloudData* data = nullptr;
-  if (QorvEngineReadCloud(o.input.c_str(), 1, &o.camera, &data) != QORV_ENGINE_OK) {
-    throw ToolError(QorvEngineLastError());
-  }
-  if (data->height <= 1) {
-    QorvEngineFreeCloud(data);
-    throw ToolError("'" + o.input + "' is no depth image");
-  }
-  const int64_t valid = data->count - data->non_finite;
-  const int32_t code = QorvEngineWriteCloud(o.output.c_str(), data, o.encoding);
-  const int64_t pixels = data->count;
-  QorvEngineFreeCloud(data);
-  if (code != QORV_ENGINE_OK) throw ToolError(QorvEngineLastError());
-  ReportWritten(global, {"depth", o.input, pixels, o.output, valid, Now() - start});
+  Cloud frame = ReadCloud(o.input, true);
+  if (!frame.hasCamera) throw ToolError("'" + o.input + "' is no depth image");
+  const int64_t pixels = frame.size();
+  int64_t seen = 0;
+  for (int32_t i = 0; i < frame.size(); ++i)
+    seen += std::isfinite(frame.points[3 * static_cast<size_t>(i) + 2]);
+  WriteCloud(o.output, frame, o.encoding, global.quiet);
+  ReportWritten(global, {"depth", o.input, pixels, o.output, seen, Now() - start});
   return 0;
 }
 
-// The encoding of the written file and the camera that turns a depth image into points.
+// The encoding of the written file.
 void AddOutputOptions(CLI::App* sub, ConvertOptions& o) {
   sub->add_flag_function(
       "--ascii", [&o](int64_t) { o.encoding = QORV_ENGINE_ENCODING_ASCII; }, "Text PLY or PCD");
@@ -65,21 +59,6 @@ void AddOutputOptions(CLI::App* sub, ConvertOptions& o) {
       "--compressed",
       [&o](int64_t) { o.encoding = QORV_ENGINE_ENCODING_COMPRESSED; },
       "PCD binary_compressed");
-  const char* group = "Depth camera (depth images)";
-  sub->add_option("--fx", o.camera.fx, "Focal length in pixels, x")
-      ->check(kPositive)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--fy", o.camera.fy, "Focal length in pixels, y")
-      ->check(kPositive)
-      ->capture_default_str()
-      ->group(group);
-  sub->add_option("--cx", o.camera.cx, "Principal point, x")->capture_default_str()->group(group);
-  sub->add_option("--cy", o.camera.cy, "Principal point, y")->capture_default_str()->group(group);
-  sub->add_option("--depth-scale", o.camera.depth_scale, "Depth units per metre")
-      ->check(kPositive)
-      ->capture_default_str()
-      ->group(group);
 }
 
 }  // namespace
@@ -92,7 +71,7 @@ void AddConvertCommands(CLI::App& app, ToolRun& run) {
                  convert.input,
                  convert.output,
                  "Cloud file or depth image",
-                 "Written by its extension: .ply, .pcd, else ASC");
+                 "Written as its extension says: .ply, .pcd, .las, .asc or .xyz");
   AddVoxelOption(
       convertCmd, convert.voxel, "Thin to one point a voxel of this edge (QorvVoxelFilter)");
   AddOutputOptions(convertCmd, convert);

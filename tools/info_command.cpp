@@ -19,7 +19,7 @@ int RunInfo(const GlobalOptions& global, const std::string& path) {
   double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300}, sum[3] = {0, 0, 0};
   for (int32_t i = 0; i < cloud.size(); ++i) {
     for (int c = 0; c < 3; ++c) {
-      const double v = cloud.points[3 * static_cast<size_t>(i) + c];
+      const double v = cloud.points[3 * static_cast<size_t>(i) + c] + cloud.origin[c];
       lo[c] = std::min(lo[c], v);
       hi[c] = std::max(hi[c], v);
       sum[c] += v;
@@ -54,6 +54,14 @@ int RunInfo(const GlobalOptions& global, const std::string& path) {
                {"extent", triple(extent)},
                {"centroid", triple(centroid)},
                {"spacing", static_cast<double>(spacing)},
+               {"origin", cloud.hasOrigin() ? triple(cloud.origin) : nlohmann::ordered_json()},
+               {"camera",
+                cloud.hasCamera ? nlohmann::ordered_json{{"fx", cloud.camera.fx},
+                                                         {"fy", cloud.camera.fy},
+                                                         {"cx", cloud.camera.cx},
+                                                         {"cy", cloud.camera.cy},
+                                                         {"depth_scale", cloud.camera.depth_scale}}
+                                : nlohmann::ordered_json()},
                {"read_ms", std::round(readMs * 1000.0) / 1000.0}});
   } else {
     std::fprintf(out, "file      %s (%s)\n", path.c_str(), cloud.format.c_str());
@@ -64,13 +72,35 @@ int RunInfo(const GlobalOptions& global, const std::string& path) {
                  cloud.hasColours() ? ", colours" : "");
     std::fprintf(out, "fields    %s\n", cloud.fields.c_str());
     if (cloud.height > 1) std::fprintf(out, "organized %d x %d\n", cloud.width, cloud.height);
+    if (cloud.hasCamera) {
+      std::fprintf(out,
+                   "camera    fx %.6g, fy %.6g, cx %.6g, cy %.6g, %.6g depth units a metre\n",
+                   cloud.camera.fx,
+                   cloud.camera.fy,
+                   cloud.camera.cx,
+                   cloud.camera.cy,
+                   cloud.camera.depth_scale);
+    }
+    if (cloud.hasOrigin()) {
+      std::fprintf(out,
+                   "origin    %.17g %.17g %.17g (coordinates kept relative to it)\n",
+                   cloud.origin[0],
+                   cloud.origin[1],
+                   cloud.origin[2]);
+    }
     if (cloud.droppedNonFinite > 0) {
       std::fprintf(out,
                    "dropped   %lld points with non-finite coordinates\n",
                    static_cast<long long>(cloud.droppedNonFinite));
     }
-    std::fprintf(out, "min       %.6g %.6g %.6g\n", lo[0], lo[1], lo[2]);
-    std::fprintf(out, "max       %.6g %.6g %.6g\n", hi[0], hi[1], hi[2]);
+    const char* precise =
+        cloud.hasOrigin() ? "min       %.3f %.3f %.3f\n" : "min       %.6g %.6g %.6g\n";
+    std::fprintf(out, precise, lo[0], lo[1], lo[2]);
+    std::fprintf(out,
+                 cloud.hasOrigin() ? "max       %.3f %.3f %.3f\n" : "max       %.6g %.6g %.6g\n",
+                 hi[0],
+                 hi[1],
+                 hi[2]);
     std::fprintf(out, "extent    %.6g %.6g %.6g\n", extent[0], extent[1], extent[2]);
     std::fprintf(out, "centroid  %.6g %.6g %.6g\n", centroid[0], centroid[1], centroid[2]);
     if (std::isnan(spacing)) {

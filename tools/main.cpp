@@ -42,10 +42,11 @@ int main(int argc, char** argv) {
   using namespace qorv::tools;
   CLI::App app{
       "Point-cloud registration with libqorv.\n"
-      "Clouds are read from PLY, PCD (ascii, binary, compressed), ASC and depth images (16-bit PNG "
-      "or TIFF) and written as PLY, PCD or ASC, by the output's extension.\nThe library's '[QORV "
-      "INFO]' lines go to stdout; with --json they go to stderr and stdout holds only the JSON "
-      "document; --quiet drops them.",
+      "Clouds are read from PLY, PCD, LAS, column text (.asc .xyz .pts .txt .csv), OBJ and STL "
+      "vertices and depth images (16-bit PNG or TIFF) and written as PLY, PCD, LAS or ASC, by the "
+      "output's extension.\nThe library's '[QORV INFO]' lines (from its 28 functions) go to "
+      "stdout; with --json they go to stderr and stdout holds only the JSON document; --quiet "
+      "drops them and the warnings.",
       "qorv"};
   app.set_version_flag("--version", VersionText);
   app.require_subcommand(1, 1);
@@ -62,6 +63,12 @@ int main(int argc, char** argv) {
   AddBatchCommand(app, run);
   AddMultiwayCommand(app, run);
   AddDemoCommand(app, run);
+  // Each command's --help lists the options every command takes.
+  for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    AddGlobalOptions(*command, run.global);
+    for (CLI::App* sub : command->get_subcommands([](const CLI::App*) { return true; }))
+      AddGlobalOptions(*sub, run.global);
+  }
 
   // The command runs inside parse, once the whole line has parsed: a CLI::ParseError is always a
   // usage error, before anything ran.

@@ -209,7 +209,10 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
   if (!o.merged.empty() || !o.snapshot.empty()) {
     for (int32_t i = 0; i < n; ++i) {
       if (!where[static_cast<size_t>(i)].placed) continue;
-      const Rigid pose = Rigid::FromMatrix3x4(&poses[16 * static_cast<size_t>(i)]);
+      // Relative to the reference scan's origin (survey-scale scans keep one each).
+      const Rigid pose = Rigid::FromMatrix3x4(&poses[16 * static_cast<size_t>(i)])
+                             .between(clouds[static_cast<size_t>(i)].origin,
+                                      clouds[static_cast<size_t>(o.reference)].origin);
       placed[static_cast<size_t>(i)] = Apply(pose, clouds[static_cast<size_t>(i)].points);
     }
   }
@@ -233,6 +236,9 @@ int RunMultiway(const GlobalOptions& global, const MultiwayOptions& o) {
   int32_t mergedPoints = 0;
   if (!o.merged.empty()) {
     Cloud merged;
+    std::copy(clouds[static_cast<size_t>(o.reference)].origin,
+              clouds[static_cast<size_t>(o.reference)].origin + 3,
+              merged.origin);
     for (const std::vector<float>& scan : placed)
       merged.points.insert(merged.points.end(), scan.begin(), scan.end());
     Session session(global.threads);

@@ -115,7 +115,9 @@ double Now() {
 
 Cloud MoveCloud(const Session& session, const Cloud& cloud, const Rigid& motion) {
   Cloud moved = cloud;
-  const std::array<double, 12> layout = motion.transformLayout();
+  // Points kept relative to an origin stay relative to it.
+  const std::array<double, 12> layout =
+      motion.between(cloud.origin, cloud.origin).transformLayout();
   Check(QorvTransformPoints(
             session.get(), layout.data(), cloud.points.data(), moved.points.data(), cloud.size()),
         "QorvTransformPoints",

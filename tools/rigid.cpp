@@ -142,4 +142,14 @@ Rigid MatrixArgument(const std::string& value) {
   return ParseMatrix(value);
 }
 
+Rigid Rigid::between(const double* from, const double* to) const {
+  Rigid out = *this;
+  for (int row = 0; row < 3; ++row) {
+    double shift = t[static_cast<size_t>(row)] - to[row];
+    for (int c = 0; c < 3; ++c) shift += r[static_cast<size_t>(3 * row + c)] * from[c];
+    out.t[static_cast<size_t>(row)] = shift;
+  }
+  return out;
+}
+
 }  // namespace qorv::tools

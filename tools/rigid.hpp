@@ -25,6 +25,9 @@ struct Rigid {
                              const std::array<double, 3>& translation);
 
   Rigid inverse() const;
+  // The same motion on points kept relative to origins: it takes a point relative to `from` to
+  // the moved point relative to `to` (p -> R (p + from) + t - to).
+  Rigid between(const double* from, const double* to) const;
   Rigid operator*(const Rigid& other) const;  // this after other
   std::array<double, 3> apply(const float* p) const;
   double rotationAngleDegrees() const;  // angle of R

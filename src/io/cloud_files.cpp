@@ -108,6 +108,14 @@ void WriteCloudFile(const std::string& path, const CloudData& cloud, Encoding en
                       "': " + (ext.empty() ? std::string("it has no extension") : "'" + ext + "'") +
                       " names no format Qorv writes (.ply, .pcd, .las, .asc or .xyz)");
   }
+  if (cloud.organized() && ext != ".pcd") {
+    // Only PCD holds a sensor's grid: the others get the points it saw.
+    CloudData seen = cloud;
+    seen.keepFinite();
+    seen.fileWidth = seen.fileHeight = 0;
+    WriteCloudFile(path, seen, encoding);
+    return;
+  }
   std::string bytes;
   try {
     bytes = ext == ".ply"   ? FormatPly(cloud, encoding)
