@@ -300,6 +300,66 @@ def test_depth_images_become_organized_clouds(tmp_path):
     assert doc["format"] == "depth image" and doc["points"] == 24 * 32 - 40
 
 
+def test_conversions_keep_every_field_and_say_what_a_format_cannot_hold(tmp_path):
+    n = 50
+    rng = np.random.default_rng(3)
+    points = rng.uniform(-1, 1, (n, 3)).astype(np.float32)
+    intensity = rng.uniform(0, 100, n).astype(np.float32)
+    colours = rng.integers(0, 256, (n, 3), dtype=np.uint8)
+    classes = rng.integers(0, 20, n).astype(np.uint8)
+    qorv.write_cloud(tmp_path / "a.pcd", points, colours=colours, intensity=intensity, classification=classes,
+                     viewpoint=[1, 2, 3])
+    for out in ("b.ply", "c.pcd", "d.las"):
+        result = run("convert", tmp_path / "a.pcd", tmp_path / out)
+        back = qorv.read_cloud(tmp_path / out)
+        assert np.array_equal(back.colours, colours) and np.array_equal(back.classification, classes), out
+        assert np.allclose(back.intensity, np.round(intensity) if out == "d.las" else intensity), out
+        tolerance = 1e-4 if out == "d.las" else 0  # LAS keeps its quantum (0.1 mm here)
+        assert np.abs(back.points - points).max() <= tolerance, out
+        assert ("viewpoint" in result.stderr) == (out != "c.pcd"), (out, result.stderr)
+    assert qorv.read_cloud(tmp_path / "c.pcd").viewpoint[:3].tolist() == [1, 2, 3]
+    warning = run("convert", tmp_path / "a.pcd", tmp_path / "e.xyz").stderr
+    assert warning.count("\n") == 1 and warning.startswith("qorv: warning: '")
+    assert "intensity" in warning and "classification" in warning
+    assert run("--quiet", "convert", tmp_path / "a.pcd", tmp_path / "f.xyz").stderr == ""
+    # A depth frame keeps its grid in PCD; PLY gets the points the sensor saw.
+    depth = np.full((12, 16), 1000, np.uint16)
+    depth[2:4, 2:6] = 0
+    depth_png(tmp_path / "d.png", depth)
+    run("convert", tmp_path / "d.png", tmp_path / "frame.pcd", "--fx", 20, "--fy", 20)
+    assert run_json("info", tmp_path / "frame.pcd")[0]["organized"] == {"width": 16, "height": 12}
+    result = run("convert", tmp_path / "d.png", tmp_path / "frame.ply")
+    assert "organized layout" in result.stderr
+    assert run_json("info", tmp_path / "frame.ply")[0]["points"] == 12 * 16 - 8
+
+
+def test_survey_coordinates_keep_their_precision_through_every_command(tmp_path, bunny):
+    far = np.array([500000.0, 4000000.0, 100.0])
+    points = bunny.astype(np.float64) * 10.0 + far  # a 1.5 m object 500 km out
+    path = tmp_path / "far.xyz"
+    np.savetxt(path, points, fmt="%.4f")
+    doc, _ = run_json("info", path)
+    assert np.allclose(doc["min"], points.min(axis=0), atol=1e-4) and doc["origin"] is not None
+    for out in ("far.ply", "far.pcd", "far.las", "far.asc"):
+        run("convert", path, tmp_path / out)
+        back = qorv.read_cloud(tmp_path / out).points
+        assert back.dtype == np.float64 and np.abs(back - points).max() < 1e-4, out
+    # Registered 500 km out, the answer is the one at the origin, in the caller's frame.
+    r = rotation([0.2, 1.0, 0.3], 20)
+    moved_near = (bunny.astype(np.float64) * 10.0) @ r.T + [0.5, -0.2, 0.1]
+    np.savetxt(tmp_path / "near_target.xyz", bunny.astype(np.float64) * 10.0, fmt="%.4f")
+    np.savetxt(tmp_path / "near_source.xyz", moved_near, fmt="%.4f")
+    np.savetxt(tmp_path / "far_source.xyz", moved_near + far, fmt="%.4f")
+    near, _ = run_json("register", tmp_path / "near_target.xyz", tmp_path / "near_source.xyz")
+    away, _ = run_json("register", path, tmp_path / "far_source.xyz")
+    assert near["registered"] and away["registered"]
+    a, b = np.array(near["transform"]), np.array(away["transform"])
+    # Both carry the source onto the target: compare where they put its points.
+    on_near = moved_near @ a[:3, :3].T + a[:3, 3]
+    on_far = (moved_near + far) @ b[:3, :3].T + b[:3, 3] - far
+    assert np.abs(on_near - on_far).max() < 1e-3
+
+
 # ---- Registration ------------------------------------------------------------------------------
 
 @pytest.fixture(scope="module")
