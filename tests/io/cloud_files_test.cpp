@@ -345,3 +345,44 @@ TEST(CloudFiles, FuzzSeedsReadAsClouds) {
 
 }  // namespace
 }  // namespace qorv::io
+
+namespace qorv::io {
+namespace {
+
+TEST(CloudFiles, TextPcdColourIsWrittenAsPclWritesItAndSurveyPointsInDouble) {
+  // PCL 1.13 and Open3D 0.16 read text rgb as an unsigned packed integer (alpha opaque); both
+  // read these files back to the same colours (checked by hand).
+  CloudData cloud;
+  cloud.points = {1, 2, 3, 4, 5, 6};
+  cloud.colours = {255, 128, 7, 0, 0, 0};
+  cloud.width = 2;
+  const std::string text = FormatPcd(cloud, Encoding::kAscii);
+  EXPECT_NE(text.find("FIELDS x y z rgb\nSIZE 4 4 4 4\nTYPE F F F U\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n1 2 3 4294934535\n4 5 6 4278190080\n"), std::string::npos) << text;
+  EXPECT_EQ(ParseCloud(text, "c.pcd", false, DepthCamera()).colours, cloud.colours);
+
+  // A cloud kept relative to an origin is written in double and read back to the same spot.
+  CloudData far;
+  far.points.resize(6);
+  far.width = 2;
+  far.setPoint(0, 500000.125, 4000000.25, 100.5);
+  far.setPoint(1, 500001.375, 4000002.5, 101.0);
+  EXPECT_EQ(far.origin[0], 500000.0);
+  EXPECT_EQ(far.origin[1], 4000000.0);
+  EXPECT_EQ(far.origin[2], 0.0);  // small enough for float
+  for (const char* name : {"far.ply", "far.pcd", "far.xyz"}) {
+    const std::string ext = Extension(name);
+    const std::string bytes = ext == ".ply"   ? FormatPly(far, Encoding::kAscii)
+                              : ext == ".pcd" ? FormatPcd(far, Encoding::kDefault)
+                                              : FormatAsc(far);
+    const CloudData back = ParseCloud(bytes, name, false, DepthCamera());
+    double p[3];
+    back.position(1, p);
+    EXPECT_EQ(p[0], 500001.375) << name;
+    EXPECT_EQ(p[1], 4000002.5) << name;
+    EXPECT_EQ(p[2], 101.0) << name;
+  }
+}
+
+}  // namespace
+}  // namespace qorv::io
