@@ -551,3 +551,17 @@ def test_files_are_read_only_as_what_they_are(tmp_path):
     assert not (tmp_path / "out.e57").exists()
     run("convert", BUNNY, tmp_path / "out.xyz")
     assert run_json("info", tmp_path / "out.xyz")[0]["points"] > 0
+
+
+def test_the_readme_demo_output_is_what_make_demo_prints():
+    readme = (ROOT / "README.md").read_text()
+    start = readme.index("```text\n", readme.index("`make demo` cuts two overlapping views")) + len("```text\n")
+    shown = readme[start:readme.index("```", start)].splitlines()
+    command = next(line for line in (ROOT / "Makefile").read_text().splitlines()
+                   if "qorv demo" in line).split("./build/tools/qorv ")[1].split()
+    command = [str(DATA / "sample" / "dragon_res3.asc") if word.endswith("dragon_res3.asc") else word
+               for word in command if not word.startswith("build/demo")]
+    command.remove("--snapshot")
+    printed = run(*command).stdout.replace(str(DATA / "sample"), "data/sample").splitlines()
+    missing = [line for line in shown if line not in printed]
+    assert not missing, missing
