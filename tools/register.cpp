@@ -156,6 +156,10 @@ RegistrationReport RegisterClouds(const Session& session,
   report.target.format = target.format;
   report.source.points = source.size();
   report.source.format = source.format;
+  report.target.hasCamera = target.hasCamera;
+  report.target.camera = target.camera;
+  report.source.hasCamera = source.hasCamera;
+  report.source.camera = source.camera;
   QorvEngineOptions options = settings.engine;
   options.threads = session.threads();
   if (settings.exact) {
@@ -258,8 +262,16 @@ void PrintReport(const RegistrationReport& r) {
 void AddReportJson(nlohmann::ordered_json& doc, const RegistrationReport& r) {
   const QorvEngineResult& v = r.verdict;
   auto cloud = [](const CloudSummary& c) {
-    return nlohmann::ordered_json{
+    nlohmann::ordered_json summary{
         {"path", c.path}, {"format", c.format}, {"points", c.points}, {"samples", c.samples}};
+    if (c.hasCamera) {
+      summary["camera"] = {{"fx", c.camera.fx},
+                       {"fy", c.camera.fy},
+                       {"cx", c.camera.cx},
+                       {"cy", c.camera.cy},
+                       {"depth_scale", c.camera.depth_scale}};
+    }
+    return summary;
   };
   const std::array<double, 16> m = Matrix4x4(r.transform);
   nlohmann::ordered_json rows = nlohmann::ordered_json::array();

@@ -44,6 +44,8 @@ struct CloudSummary {
   std::string format;
   int32_t points = 0;   // finite points read
   int32_t samples = 0;  // points at the working voxel
+  bool hasCamera = false;  // a depth image, read through camera
+  QorvEngineDepthCamera camera{};
 };
 
 struct RegistrationReport {
