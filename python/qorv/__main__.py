@@ -4,12 +4,27 @@
 
 import argparse
 import json
+import logging
 import sys
 
 from .batch import run_batch
 
 
+def _show_log_on_stderr(quiet):
+    """The package logs its progress and warnings (logger "qorv"); the command shows them on standard
+    error, progress only without --quiet."""
+    handler = logging.StreamHandler(sys.stderr)
+    handler.setFormatter(logging.Formatter("%(message)s"))
+    handler.setLevel(logging.WARNING if quiet else logging.INFO)
+    logger = logging.getLogger("qorv")
+    logger.addHandler(handler)
+    previous = logger.level
+    logger.setLevel(logging.INFO)
+    return handler, previous
+
+
 def main(argv=None):
+    """The command line: `python3 -m qorv batch ...`; returns the exit status."""
     parser = argparse.ArgumentParser(prog="python3 -m qorv", description="Qorv on many scans")
     commands = parser.add_subparsers(dest="command", required=True)
     batch = commands.add_parser("batch", help="register every pair of a manifest on a Dask cluster")
@@ -31,12 +46,16 @@ def main(argv=None):
         options["sensor_origin"] = True
     if args.max_tries:
         options["max_tries"] = args.max_tries
+    handler, previous_level = _show_log_on_stderr(args.quiet)
     try:
         summary = run_batch(args.manifest, args.output, scheduler=args.scheduler, workers=args.workers,
                             options=options, quiet=args.quiet)
     except (OSError, ValueError) as error:
         print(f"qorv: error: {error}", file=sys.stderr)
         return 1
+    finally:
+        logging.getLogger("qorv").removeHandler(handler)
+        logging.getLogger("qorv").setLevel(previous_level)
     print(json.dumps(summary))
     return 3 if (summary["failed"] or summary["not_registered"]) and not args.allow_failures else 0
 

@@ -3,8 +3,20 @@
 """Conversions between numpy arrays and the packed C arrays of the exports."""
 
 import ctypes
+from typing import Any, Protocol, Union
 
 import numpy as np
+from numpy.typing import ArrayLike
+
+
+class HasPoints(Protocol):
+    """Anything with a `points` attribute numpy can read as (n, 3), such as an Open3D PointCloud."""
+
+    points: Any
+
+
+# What the engine's functions take as a cloud: an (n, 3) or (h, w, 3) array-like, or a HasPoints.
+CloudLike = Union[ArrayLike, HasPoints]
 
 INT32_MAX = 2**31 - 1
 
