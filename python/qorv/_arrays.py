@@ -111,10 +111,10 @@ def cloud_points(value, name):
     """Points as the engine takes them: any (n, 3) or (h, w, 3) array of numbers, or an object with
     a `points` attribute (an Open3D PointCloud). float64 stays float64 (survey-scale coordinates keep
     their precision); every other type becomes float32."""
+    if hasattr(value, "points") and not isinstance(value, np.ndarray):
+        value, name = value.points, f"{name}.points"
     if value is None:
         raise TypeError(f"{name} must be an (n, 3) array of points, not None")
-    if hasattr(value, "points") and not isinstance(value, np.ndarray):
-        value = value.points
     try:
         array = np.asarray(value)
     except Exception as error:  # noqa: BLE001 - any conversion failure is the caller's type
