@@ -2,10 +2,13 @@
 # Copyright (c) 2026 The Qorv developers
 """python3 -m qorv batch MANIFEST --output RESULTS.jsonl [--scheduler tcp://HOST:PORT] [--workers N]"""
 
+from __future__ import annotations
+
 import argparse
 import json
 import logging
 import sys
+from typing import Optional, Sequence
 
 from .batch import run_batch
 
@@ -23,7 +26,7 @@ def _show_log_on_stderr(quiet):
     return handler, previous
 
 
-def main(argv=None):
+def main(argv: Optional[Sequence[str]] = None) -> int:
     """The command line: `python3 -m qorv batch ...`; returns the exit status."""
     parser = argparse.ArgumentParser(prog="python3 -m qorv", description="Qorv on many scans")
     commands = parser.add_subparsers(dest="command", required=True)

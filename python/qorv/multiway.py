@@ -89,8 +89,9 @@ def multiway(scans: Sequence[CloudLike], *, loops: bool = True, reference: int =
              extra_edges: Sequence[tuple[int, int, ArrayLike, float, float]] = (), seed: int = 1,
              threads: int = 0, voxel: float = 0.0, max_tries: Optional[int] = None,
              progress: Optional[Callable[[int, int, int], None]] = None) -> Alignment:
-    """Aligns scans ((n_i, 3) arrays or organized frames), in any order, into the frame of scan
-    `reference`. A scan that no trusted edge joins to it is reported unplaced (placed[i] False).
+    """Aligns scans ((n_i, 3) arrays, organized frames or objects with a points attribute), in any
+    order, into the frame of scan `reference`. A scan that no trusted edge joins to it is reported
+    unplaced (placed[i] False).
 
     extra_edges: (target, source, motion 4 x 4, rotation_sigma, shift_sigma) tuples the caller knows
     (motion carries `source` into `target`'s frame); they join the pose graph as they are.
