@@ -12,7 +12,7 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 PACKAGES := build-essential cmake pkg-config libeigen3-dev googletest libgtest-dev libgmock-dev \
             liblzf-dev libtiff-dev libtinyobjloader-dev nlohmann-json3-dev libceres-dev python3-distributed \
             libbenchmark-dev libcli11-dev libpng-dev python3 python3-numpy python3-pytest python3-pip \
-            python3-setuptools clang clang-format libomp-dev libclang-rt-dev valgrind
+            python3-setuptools python3-wheel clang clang-format libomp-dev libclang-rt-dev valgrind
 
 .PHONY: need-data deps build check test test-release test-sanitize test-thread demo bench clean
 

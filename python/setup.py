@@ -42,6 +42,8 @@ class BuildPyWithVersion(build_py):
 
 SCRATCH = tempfile.mkdtemp(prefix="qorv-python-build-")
 atexit.register(shutil.rmtree, SCRATCH, ignore_errors=True)
-setup(version=VERSION, packages=["qorv"], cmdclass={"build_py": BuildPyWithVersion},
+# py.typed: the package's annotations are meant for type checkers.
+setup(version=VERSION, packages=["qorv"], package_data={"qorv": ["py.typed"]},
+      cmdclass={"build_py": BuildPyWithVersion},
       options={"build": {"build_base": f"{SCRATCH}/build"},
                "egg_info": {"egg_base": SCRATCH}})

@@ -3,8 +3,20 @@
 """Conversions between numpy arrays and the packed C arrays of the exports."""
 
 import ctypes
+from typing import Any, Protocol, Union
 
 import numpy as np
+from numpy.typing import ArrayLike
+
+
+class HasPoints(Protocol):
+    """Anything with a `points` attribute numpy can read as (n, 3), such as an Open3D PointCloud."""
+
+    points: Any
+
+
+# What the engine's functions take as a cloud: an (n, 3) or (h, w, 3) array-like, or a HasPoints.
+CloudLike = Union[ArrayLike, HasPoints]
 
 INT32_MAX = 2**31 - 1
 
@@ -99,10 +111,10 @@ def cloud_points(value, name):
     """Points as the engine takes them: any (n, 3) or (h, w, 3) array of numbers, or an object with
     a `points` attribute (an Open3D PointCloud). float64 stays float64 (survey-scale coordinates keep
     their precision); every other type becomes float32."""
+    if hasattr(value, "points") and not isinstance(value, np.ndarray):
+        value, name = value.points, f"{name}.points"
     if value is None:
         raise TypeError(f"{name} must be an (n, 3) array of points, not None")
-    if hasattr(value, "points") and not isinstance(value, np.ndarray):
-        value = value.points
     try:
         array = np.asarray(value)
     except Exception as error:  # noqa: BLE001 - any conversion failure is the caller's type

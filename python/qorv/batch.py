@@ -4,20 +4,28 @@
 `qorv batch`, and the same result for each pair (the engine is seeded).
 
     python3 -m qorv batch MANIFEST --output RESULTS.jsonl [--scheduler tcp://HOST:PORT]
+
+Progress goes to the logging module (logger "qorv", level INFO), one line a finished pair; the
+command line shows it on standard error unless --quiet.
 """
+
+from __future__ import annotations
 
 import csv
 import json
+import logging
 import os
-import sys
 import time
+from typing import Callable, Optional, Union
 
 import numpy as np
+
+_log = logging.getLogger("qorv")
 
 FIELDS = ("target", "source", "initial")
 
 
-def read_manifest(path):
+def read_manifest(path: Union[str, os.PathLike]) -> list:
     """Pairs of a CSV manifest (header naming target, source, optionally initial) or JSON lines."""
     with open(path, newline="") as f:
         text = f.read()
@@ -62,7 +70,7 @@ def _initial(value):
     return numbers.reshape(4, 4).tolist()
 
 
-def done_pairs(path):
+def done_pairs(path: Union[str, os.PathLike]) -> set:
     """The "pair" numbers already in a results file; a last line without its line feed (a killed
     run's) is cut off so that its pair runs again."""
     if not os.path.exists(path):
@@ -83,7 +91,7 @@ def done_pairs(path):
     return done
 
 
-def run_pair(pair, options):
+def run_pair(pair: dict, options: dict) -> dict:
     """One pair read and registered on one thread: the results line as a dict (the field order of
     `qorv batch`)."""
     import qorv
@@ -108,7 +116,7 @@ def run_pair(pair, options):
     return line
 
 
-def append_line(fd, line):
+def append_line(fd: int, line: dict) -> None:
     """One complete line with one write, flushed to disk."""
     data = (json.dumps(line, separators=(",", ":")) + "\n").encode()
     while data:
@@ -116,10 +124,15 @@ def append_line(fd, line):
     os.fsync(fd)
 
 
-def run_batch(manifest, output, scheduler=None, workers=None, options=None, quiet=False, retries=2, task=run_pair):
+def run_batch(manifest: Union[str, os.PathLike], output: Union[str, os.PathLike], scheduler: Optional[str] = None,
+              workers: Optional[int] = None, options: Optional[dict] = None, quiet: bool = False, retries: int = 2,
+              task: Callable[[dict, dict], dict] = run_pair) -> dict:
     """Runs the pairs not yet in `output` on a Dask cluster (an existing one at `scheduler`, else a
     local one with `workers` processes) and appends each result as it comes. `task(pair, options)`
-    makes a pair's line (run_pair; a stand-in may wrap it). Returns a summary."""
+    makes a pair's line (run_pair; a stand-in may wrap it). Returns a summary.
+
+    Each finished pair is logged (logger "qorv", INFO) with the rate and the time left, unless
+    quiet; nothing is printed."""
     from distributed import Client, LocalCluster, as_completed
     pairs = read_manifest(manifest)
     done = done_pairs(output)
@@ -145,8 +158,8 @@ def run_batch(manifest, output, scheduler=None, workers=None, options=None, quie
             if not quiet:
                 rate = n / max(time.perf_counter() - start, 1e-9)
                 why = f": {line['error']}" if line["error"] else f": {line['reason']}" if not line["registered"] else ""
-                print(f"{len(pairs) - len(todo) + n}/{len(pairs)} pair {line['pair']}: {kind.replace('_', ' ')}{why} "
-                      f"({rate:.2f} pairs/s, {(len(todo) - n) / rate:.0f} s left)", file=sys.stderr, flush=True)
+                _log.info("%d/%d pair %d: %s%s (%.2f pairs/s, %.0f s left)", len(pairs) - len(todo) + n,
+                          len(pairs), line["pair"], kind.replace("_", " "), why, rate, (len(todo) - n) / rate)
     finally:
         os.close(fd)
         client.close()

@@ -2,13 +2,18 @@
 # Copyright (c) 2026 The Qorv developers
 """qorv.register: the registration engine of libqorv_engine (QorvEngineRegister)."""
 
+from __future__ import annotations
+
 import ctypes
 import dataclasses
+from typing import Optional
 
 import numpy as np
+from numpy.typing import ArrayLike
 
-from ._arrays import cloud_points
+from ._arrays import CloudLike, cloud_points
 from ._engine_library import check, load
+from ._text import motion_summary
 
 MODES = {"global": 0, "local": 1, "evaluate": 2}
 MAX_STAGES = 24
@@ -74,8 +79,10 @@ class RegistrationResult:
     its weakest direction, conditioning how evenly the agreeing surfaces pin all six degrees of
     freedom, free_space_conflict the share of points found in space the other sensor saw through
     (-1 when no sensor origin is known), normal_agreement the share of inlier pairs whose normals
-    agree, coherence the share of source points near the target that lie on it, rival_share the best distinct motion's score over the
-    answer's; stages maps each stage's name to its milliseconds.
+    agree, coherence the share of source points near the target that lie on it, rival_share the
+    best distinct motion's score over the answer's; stages maps each stage's name to its
+    milliseconds (milliseconds is their sum). Printed, it is one line: the verdict, the reason when
+    refused, fitness, rmse, the rotation angle and translation of transform, and the time.
     """
 
     transform: np.ndarray
@@ -102,8 +109,20 @@ class RegistrationResult:
     normal_agreement: float = 0.0
     coherence: float = 0.0
 
-    def __bool__(self):
+    def __bool__(self) -> bool:
         return self.registered
+
+    @property
+    def milliseconds(self) -> float:
+        """The engine's time over all stages."""
+        return float(sum(self.stages.values()))
+
+    def __repr__(self) -> str:
+        verdict = f"registered={self.registered}"
+        if not self.registered and self.reason:
+            verdict += f", reason={self.reason!r}"
+        return (f"RegistrationResult({verdict}, fitness={self.fitness:.3f}, rmse={self.inlier_rmse:.4g}, "
+                f"{motion_summary(self.transform)}, {self.milliseconds:.1f} ms)")
 
 
 def default_options(lib, options):
@@ -137,10 +156,13 @@ def _cloud(name, points, normals, viewpoint, keep):
     return cloud
 
 
-def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None, seed=1,
-             threads=0, initial=None, mode="global", max_tries=None, max_ransac_iterations=None,
-             ransac_confidence=None, target_normals=None, source_normals=None,
-             target_viewpoint=None, source_viewpoint=None, sensor_origin=False):
+def register(target: CloudLike, source: CloudLike, *, voxel: float = 0.0, point_budget: Optional[int] = None,
+             refine_budget: Optional[int] = None, seed: int = 1, threads: int = 0,
+             initial: Optional[ArrayLike] = None, mode: str = "global", max_tries: Optional[int] = None,
+             max_ransac_iterations: Optional[int] = None, ransac_confidence: Optional[float] = None,
+             target_normals: Optional[ArrayLike] = None, source_normals: Optional[ArrayLike] = None,
+             target_viewpoint: Optional[ArrayLike] = None, source_viewpoint: Optional[ArrayLike] = None,
+             sensor_origin: bool = False) -> RegistrationResult:
     """Registers source onto target with the engine and judges the answer.
 
     target, source: (n, 3) points, or organized (h, w, 3) frames with NaN holes, or objects with a
@@ -156,6 +178,12 @@ def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None
     also checks that no point lies in space the other sensor saw through.
     Returns a RegistrationResult; a negative verdict is not an error (result.registered is False).
     Raises QorvEngineError (a subclass of QorvError) when the clouds cannot be registered at all.
+
+        target = qorv.read_cloud("scan1.ply").points
+        source = qorv.read_cloud("scan2.ply").points
+        result = qorv.register(target, source)
+        if result.registered:
+            aligned = source @ result.transform[:3, :3].T + result.transform[:3, 3]
     """
     lib = _prototypes()
     if mode not in MODES:
@@ -203,7 +231,7 @@ def register(target, source, *, voxel=0.0, point_budget=None, refine_budget=None
         coherence=result.coherence)
 
 
-def engine_version():
+def engine_version() -> tuple[str, int]:
     """The engine library's version string and C interface version."""
     lib = load()
     return lib.QorvEngineVersion().decode(), int(lib.QorvEngineApiVersion())

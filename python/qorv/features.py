@@ -2,21 +2,40 @@
 # Copyright (c) 2026 The Qorv developers
 """Key points and descriptors, on unorganized clouds and on vertex/normal maps."""
 
+from __future__ import annotations
+
 import collections
+from typing import Optional
 
 import numpy as np
+from numpy.typing import ArrayLike
 
 from . import _arrays, _library
-from .instance import handle_of
+from ._text import array_summary
+from .instance import Instance, handle_of
 
-KeyPoints = collections.namedtuple("KeyPoints", ["positions", "normals", "descriptors"])
-KeyPoints.__doc__ = """Key points: positions (n, 3), normals (n, 3) and descriptors (n, 33), float32.
+class KeyPoints(collections.namedtuple("KeyPoints", ["positions", "normals", "descriptors"])):
+    """Key points: positions (n, 3), normals (n, 3) and descriptors (n, 33), float32.
 
-Each descriptor is three 11-bin blocks (angle, spread, direction), each summing to 100 or 0."""
+    Each descriptor is three 11-bin blocks (angle, spread, direction), each summing to 100 or 0."""
 
-Maps = collections.namedtuple("Maps", ["vertex_map", "normal_map", "mask"])
-Maps.__doc__ = """Organized cloud: vertex_map (h, w, 3), normal_map (h, w, 3) or None, mask (h, w)
-uint8 (255 valid) or None."""
+    __slots__ = ()
+
+    def __repr__(self) -> str:
+        return (f"KeyPoints({len(self.positions)} key points, positions={array_summary(self.positions)}, "
+                f"normals={array_summary(self.normals)}, descriptors={array_summary(self.descriptors)})")
+
+
+class Maps(collections.namedtuple("Maps", ["vertex_map", "normal_map", "mask"])):
+    """Organized cloud: vertex_map (h, w, 3), normal_map (h, w, 3) or None, mask (h, w)
+    uint8 (255 valid) or None."""
+
+    __slots__ = ()
+
+    def __repr__(self) -> str:
+        valid = "" if self.mask is None else f", valid={int(np.count_nonzero(self.mask))}"
+        return (f"Maps(vertex_map={array_summary(self.vertex_map)}, normal_map={array_summary(self.normal_map)}, "
+                f"mask={array_summary(self.mask)}{valid})")
 
 
 def _key_point_call(name, args):
@@ -45,9 +64,10 @@ def _key_point_call(name, args):
     return received[0]
 
 
-def detect_and_compute(points, normals, key_point_radius, *, non_max_radius=0.0,
-                       feature_radius, histogram_radius, ratio21, ratio32, max_key_points=0,
-                       instance=None):
+def detect_and_compute(points: ArrayLike, normals: ArrayLike, key_point_radius: float, *,
+                       non_max_radius: float = 0.0, feature_radius: float, histogram_radius: float,
+                       ratio21: float, ratio32: float, max_key_points: int = 0,
+                       instance: Optional[Instance] = None) -> KeyPoints:
     """Eigenvalue-ratio key points with 33-float histogram descriptors (QorvDetectAndCompute).
 
     A point is a key point with at least 9 neighbours within key_point_radius and eigenvalue
@@ -65,7 +85,8 @@ def detect_and_compute(points, normals, key_point_radius, *, non_max_radius=0.0,
     return _key_point_call("QorvDetectAndCompute", args)
 
 
-def depth_to_vmap_nmap(camera_matrix, depth, *, normals=True, mask=True, instance=None):
+def depth_to_vmap_nmap(camera_matrix: ArrayLike, depth: ArrayLike, *, normals: bool = True, mask: bool = True,
+                       instance: Optional[Instance] = None) -> Maps:
     """Vertex map, normal map and validity mask of a depth image (QorvDepthToVmapNmap).
 
     camera_matrix: 3 x 3 pinhole matrix (fx, fy, cx, cy are read); depth: (height, width) array.
@@ -87,9 +108,10 @@ def depth_to_vmap_nmap(camera_matrix, depth, *, normals=True, mask=True, instanc
     return Maps(vertex_map, normal_map, mask_image)
 
 
-def detect_and_compute_vmap_nmap(vertex_map, normal_map, mask=None, *, score_window,
-                                 suppression_window, descriptor_half_window, histogram_window,
-                                 ratio21, ratio32, max_key_points=0, instance=None):
+def detect_and_compute_vmap_nmap(vertex_map: ArrayLike, normal_map: ArrayLike, mask: Optional[ArrayLike] = None, *,
+                                 score_window: int, suppression_window: int, descriptor_half_window: int,
+                                 histogram_window: int, ratio21: float, ratio32: float, max_key_points: int = 0,
+                                 instance: Optional[Instance] = None) -> KeyPoints:
     """Key pixels and descriptors on vertex and normal maps (QorvDetectAndComputeVmapNmap).
 
     vertex_map and normal_map: (height, width, 3); mask: (height, width), non-zero valid, or None

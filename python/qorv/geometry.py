@@ -2,20 +2,25 @@
 # Copyright (c) 2026 The Qorv developers
 """ASC point files and rigid geometry: read/write, rotate, transform, absolute orientation."""
 
+from __future__ import annotations
+
 import os
+from typing import Optional, Tuple, Union
 
 import numpy as np
+from numpy.typing import ArrayLike
 
 from . import _arrays, _library
-from .instance import handle_of
+from .instance import Instance, handle_of
 
 
-def version():
+def version() -> str:
     """The library's version text (QorvVersion), the same as __version__ of an installed package."""
     return _library.function("QorvVersion")().decode()
 
 
-def read_points_from_asc(path, *, instance=None):
+def read_points_from_asc(path: Union[str, os.PathLike], *, instance: Optional[Instance] = None
+                         ) -> Tuple[np.ndarray, Optional[np.ndarray], Optional[np.ndarray]]:
     """Reads an ASC text file of 3, 6 or 9 numbers a point (QorvReadPointsFromASC).
 
     Returns (points, normals, colours): float32 (n, 3), float32 (n, 3) or None when the file has
@@ -45,7 +50,8 @@ def read_points_from_asc(path, *, instance=None):
     return result["points"], result["normals"], result["colours"]
 
 
-def write_points_to_asc(path, points, normals=None, colours=None, *, instance=None):
+def write_points_to_asc(path: Union[str, os.PathLike], points: ArrayLike, normals: Optional[ArrayLike] = None,
+                        colours: Optional[ArrayLike] = None, *, instance: Optional[Instance] = None) -> None:
     """Writes points (and normals, and colours) as an ASC text file (QorvWritePointsToASC).
 
     Lines are "%f %f %f", with normals six numbers, with normals and colours nine. Colours
@@ -65,7 +71,8 @@ def write_points_to_asc(path, points, normals=None, colours=None, *, instance=No
     _library.check(code, "QorvWritePointsToASC")
 
 
-def rotate_points(points, rotation, *, out=None, instance=None):
+def rotate_points(points: ArrayLike, rotation: ArrayLike, *, out: Optional[np.ndarray] = None,
+                  instance: Optional[Instance] = None) -> np.ndarray:
     """Returns rotation @ p for every point (QorvRotatePoints); rotation is 3 x 3.
 
     The matrix is converted to float32 inside the library. With ``out=points`` (a C-contiguous
@@ -81,7 +88,8 @@ def rotate_points(points, rotation, *, out=None, instance=None):
     return target
 
 
-def transform_points(points, transform, *, out=None, instance=None):
+def transform_points(points: ArrayLike, transform: ArrayLike, *, out: Optional[np.ndarray] = None,
+                     instance: Optional[Instance] = None) -> np.ndarray:
     """Returns R @ p + t for every point (QorvTransformPoints).
 
     ``transform`` is a 3 x 4 [R | t] matrix, as the registration functions return it, or a 4 x 4
@@ -99,7 +107,8 @@ def transform_points(points, transform, *, out=None, instance=None):
     return target
 
 
-def absolute_orientation(points_a, points_b, *, instance=None):
+def absolute_orientation(points_a: ArrayLike, points_b: ArrayLike, *,
+                         instance: Optional[Instance] = None) -> np.ndarray:
     """Least-squares rigid motion carrying points_b onto points_a, pair i being (a_i, b_i).
 
     Returns the 3 x 4 float64 matrix [R | t] with a_i ~ R @ b_i + t (QorvAbsoluteOrientation).

@@ -2,8 +2,11 @@
 # Copyright (c) 2026 The Qorv developers
 """The Instance class: the library's settings record, and the shared default instance."""
 
+from __future__ import annotations
+
 import ctypes
 import threading
+from typing import Optional
 
 from . import _library
 
@@ -24,7 +27,7 @@ class Instance:
     instance must not be reconfigured while another thread runs a call with it.
     """
 
-    def __init__(self, cross_check=True, multi_thread=False, match_neighbor_num=0):
+    def __init__(self, cross_check: bool = True, multi_thread: bool = False, match_neighbor_num: int = 0) -> None:
         handle = ctypes.c_void_p()
         _library.check(_library.function("QorvCreateInstance")(ctypes.byref(handle)),
                        "QorvCreateInstance")
@@ -39,14 +42,15 @@ class Instance:
 
     # -- lifetime --
 
-    def close(self):
+    def close(self) -> None:
         """Releases the instance (QorvDestroyInstance). Further calls with it raise QorvError 8."""
         handle, self._handle = self._handle, None
         if handle is not None:
             _library.function("QorvDestroyInstance")(handle)
 
     @property
-    def closed(self):
+    def closed(self) -> bool:
+        """True once close() has released the instance."""
         return self._handle is None
 
     def __enter__(self):
@@ -69,14 +73,15 @@ class Instance:
                 f" match_neighbor_num={self.match_neighbor_num}>")
 
     @property
-    def handle(self):
+    def handle(self) -> Optional[int]:
         """The raw QorvInstance* as an integer (None once closed)."""
         return self._handle
 
     # -- settings --
 
     @property
-    def cross_check(self):
+    def cross_check(self) -> bool:
+        """Descriptor matching keeps only matches no other query beats (QorvEnable/DisableCrossCheck)."""
         return self._cross_check
 
     @cross_check.setter
@@ -86,7 +91,8 @@ class Instance:
         self._cross_check = bool(value)
 
     @property
-    def multi_thread(self):
+    def multi_thread(self) -> bool:
+        """Processing calls run their multi-threaded variant (QorvEnable/DisableMultiThread)."""
         return self._multi_thread
 
     @multi_thread.setter
@@ -96,7 +102,8 @@ class Instance:
         self._multi_thread = bool(value)
 
     @property
-    def match_neighbor_num(self):
+    def match_neighbor_num(self) -> int:
+        """The neighbour count stored for matching (QorvGet/SetMatchNeighborNum)."""
         out = ctypes.c_int32()
         _library.check(_library.function("QorvGetMatchNeighborNum")(self._handle, ctypes.byref(out)),
                        "QorvGetMatchNeighborNum")
@@ -114,7 +121,7 @@ _default = None
 _default_lock = threading.Lock()
 
 
-def default_instance():
+def default_instance() -> Instance:
     """The package-wide instance used when a call gets no ``instance=`` (default settings)."""
     global _default
     with _default_lock:
@@ -123,6 +130,6 @@ def default_instance():
         return _default
 
 
-def handle_of(instance):
+def handle_of(instance: Optional[Instance]) -> int:
     """The raw handle for a call: the given Instance's, or the default instance's."""
     return (instance if instance is not None else default_instance()).handle

@@ -2,13 +2,18 @@
 # Copyright (c) 2026 The Qorv developers
 """Cloud files through libqorv_engine: PLY, PCD, LAS, column text, OBJ/STL vertices, depth images."""
 
+from __future__ import annotations
+
 import ctypes
 import dataclasses
 import logging
+import os
+from typing import Optional, Sequence, Union
 
 import numpy as np
+from numpy.typing import ArrayLike
 
-from ._arrays import cloud_points, colour_bytes
+from ._arrays import CloudLike, cloud_points, colour_bytes
 from ._engine_library import check, load
 
 _log = logging.getLogger("qorv")
@@ -108,7 +113,9 @@ def _path(path):
     return str(path).encode()
 
 
-def read_cloud(path, organized=False, *, fx=None, fy=None, cx=None, cy=None, depth_scale=None, columns=None):
+def read_cloud(path: Union[str, os.PathLike], organized: bool = False, *, fx: Optional[float] = None,
+               fy: Optional[float] = None, cx: Optional[float] = None, cy: Optional[float] = None,
+               depth_scale: Optional[float] = None, columns: Union[str, Sequence[str], None] = None) -> CloudFile:
     """Reads PLY, PCD, LAS, column text (.asc .xyz .xyzn .xyzrgb .pts .txt .csv), OBJ and STL
     vertices, or a depth image (16-bit PNG or TIFF; the camera defaults to fx = fy = 525, cx = 319.5,
     cy = 239.5, depth_scale = 1000 units a metre, and is reported in the result's camera). Without
@@ -155,7 +162,9 @@ def read_cloud(path, organized=False, *, fx=None, fy=None, cx=None, cy=None, dep
         lib.QorvEngineFreeCloud(data)
 
 
-def read_depth(path, organized=False, *, fx=None, fy=None, cx=None, cy=None, depth_scale=None):
+def read_depth(path: Union[str, os.PathLike], organized: bool = False, *, fx: Optional[float] = None,
+               fy: Optional[float] = None, cx: Optional[float] = None, cy: Optional[float] = None,
+               depth_scale: Optional[float] = None) -> CloudFile:
     """A depth image as a cloud in the camera's frame: read_cloud with the camera given."""
     return read_cloud(path, organized, fx=fx, fy=fy, cx=cx, cy=cy, depth_scale=depth_scale)
 
@@ -172,8 +181,10 @@ def _origin_of(points):
     return np.where(large, np.round(0.5 * (low + high)), 0.0)
 
 
-def write_cloud(path, points, normals=None, colours=None, intensity=None, encoding="default", viewpoint=None, *,
-                classification=None, gps_time=None):
+def write_cloud(path: Union[str, os.PathLike], points: CloudLike, normals: Optional[ArrayLike] = None,
+                colours: Optional[ArrayLike] = None, intensity: Optional[ArrayLike] = None, encoding: str = "default",
+                viewpoint: Optional[ArrayLike] = None, *, classification: Optional[ArrayLike] = None,
+                gps_time: Optional[ArrayLike] = None) -> None:
     """Writes by the extension: .ply (binary, or ascii), .pcd (binary, ascii or compressed), .las,
     .asc or .xyz; any other extension is an error. points may be (n, 3) or organized (h, w, 3) (kept
     as such in PCD), float64 for survey-scale coordinates (written in double), or an object with a

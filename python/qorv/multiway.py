@@ -2,12 +2,18 @@
 # Copyright (c) 2026 The Qorv developers
 """qorv.multiway: many scans into one frame (QorvEngineMultiwayPlace)."""
 
+from __future__ import annotations
+
 import ctypes
 import dataclasses
+from typing import Callable, Optional, Sequence
 
 import numpy as np
+from numpy.typing import ArrayLike
 
+from ._arrays import CloudLike
 from ._engine_library import check, load
+from ._text import motion_summary
 from .engine import _cloud, _Cloud, _Options, default_options
 
 
@@ -29,7 +35,8 @@ _PROGRESS = ctypes.CFUNCTYPE(None, ctypes.c_int32, ctypes.c_int32, ctypes.c_int3
 class Edge:
     """A relative motion: `motion` carries scan `source` into scan `target`'s frame. residual is its
     normalised misfit under the settled poses (about 1 when it fits its sigmas; None when it is not
-    in the solution)."""
+    in the solution). registered: the verdict trusted it (given edges count as trusted); rejected:
+    the settled poses disagree with it."""
 
     source: int
     target: int
@@ -39,7 +46,19 @@ class Edge:
     rejected: bool
     fitness: float
     consistent_pairs: int
-    residual: float = None
+    residual: Optional[float] = None
+
+    @property
+    def kept(self) -> bool:
+        """The edge is in the solution: trusted and not rejected."""
+        return self.registered and not self.rejected
+
+    def __repr__(self) -> str:
+        state = "rejected" if self.rejected else "kept" if self.registered else "not registered"
+        residual = "" if self.residual is None else f", residual={self.residual:.3g}"
+        return (f"Edge({self.source} -> {self.target}{' loop' if self.loop else ''}, {state}, "
+                f"fitness={self.fitness:.3f}, pairs={self.consistent_pairs}{residual}, "
+                f"{motion_summary(self.motion)})")
 
 
 @dataclasses.dataclass
@@ -47,7 +66,8 @@ class Alignment:
     """poses: (n, 4, 4), scan to the frame of the reference scan (the identity where not placed);
     placed: for each scan, whether trusted edges join it to the reference (its pose is unknown
     otherwise); groups: each scan's connected group of kept edges (the reference's is 0); edges:
-    every pair tried and every edge given."""
+    every pair tried and every edge given. Printed, it is one line: the scans placed of the total,
+    the unplaced ones and the edges kept."""
 
     poses: np.ndarray
     placed: list
@@ -55,19 +75,33 @@ class Alignment:
     edges: list
 
     @property
-    def unplaced(self):
+    def unplaced(self) -> list:
+        """The indices of the scans without a pose."""
         return [i for i, p in enumerate(self.placed) if not p]
 
+    def __repr__(self) -> str:
+        kept = sum(1 for e in self.edges if e.kept)
+        return (f"Alignment(placed {sum(self.placed)} of {len(self.placed)} scans, unplaced={self.unplaced}, "
+                f"edges kept {kept} of {len(self.edges)})")
 
-def multiway(scans, *, loops=True, reference=0, extra_edges=(), seed=1, threads=0, voxel=0.0, max_tries=None,
-             progress=None):
-    """Aligns scans ((n_i, 3) arrays or organized frames), in any order, into the frame of scan
-    `reference`. A scan that no trusted edge joins to it is reported unplaced (placed[i] False).
+
+def multiway(scans: Sequence[CloudLike], *, loops: bool = True, reference: int = 0,
+             extra_edges: Sequence[tuple[int, int, ArrayLike, float, float]] = (), seed: int = 1,
+             threads: int = 0, voxel: float = 0.0, max_tries: Optional[int] = None,
+             progress: Optional[Callable[[int, int, int], None]] = None) -> Alignment:
+    """Aligns scans ((n_i, 3) arrays, organized frames or objects with a points attribute), in any
+    order, into the frame of scan `reference`. A scan that no trusted edge joins to it is reported
+    unplaced (placed[i] False).
 
     extra_edges: (target, source, motion 4 x 4, rotation_sigma, shift_sigma) tuples the caller knows
     (motion carries `source` into `target`'s frame); they join the pose graph as they are.
     progress: called as progress(pairs_done, pairs_planned, edges_kept) while pairs finish.
-    Returns an Alignment; raises QorvEngineError on bad input."""
+    Returns an Alignment; raises QorvEngineError on bad input.
+
+        scans = [qorv.read_cloud(path).points for path in paths]
+        alignment = qorv.multiway(scans)
+        for pose, placed in zip(alignment.poses, alignment.placed): ...
+    """
     lib = load()
     lib.QorvEngineMultiwayPlace.restype = ctypes.c_int32
     lib.QorvEngineMultiwayPlace.argtypes = [

@@ -2,23 +2,35 @@
 # Copyright (c) 2026 The Qorv developers
 """Descriptor matching, RANSAC and iterative key-point matching, the pair pipeline, spacing."""
 
+from __future__ import annotations
+
 import collections
 import ctypes
+from typing import Optional, Tuple
 
 import numpy as np
+from numpy.typing import ArrayLike
 
 from . import _arrays, _library
-from .instance import handle_of
-
-Registration = collections.namedtuple("Registration", ["transform", "pairs"])
-Registration.__doc__ = """Result of a registration call.
-
-transform: float64 3 x 4 [R | t] with R @ p + t carrying a point of the second cloud onto the
-first. pairs: uint32 (m, 2) correspondences (index in the second cloud, index in the first), in
-ascending order of the second cloud's index."""
+from ._text import motion_summary
+from .instance import Instance, handle_of
 
 
-def match_descriptor(target_descriptors, query_descriptors, k=1, *, instance=None):
+class Registration(collections.namedtuple("Registration", ["transform", "pairs"])):
+    """Result of a registration call.
+
+    transform: float64 3 x 4 [R | t] with R @ p + t carrying a point of the second cloud onto the
+    first. pairs: uint32 (m, 2) correspondences (index in the second cloud, index in the first), in
+    ascending order of the second cloud's index."""
+
+    __slots__ = ()
+
+    def __repr__(self) -> str:
+        return f"Registration(pairs={len(self.pairs)}, {motion_summary(self.transform)})"
+
+
+def match_descriptor(target_descriptors: ArrayLike, query_descriptors: ArrayLike, k: int = 1, *,
+                     instance: Optional[Instance] = None) -> Tuple[np.ndarray, np.ndarray]:
     """Nearest target descriptor(s) for each query descriptor (QorvMatchDescriptor).
 
     k = 1: exhaustive search with the instance's cross check; returns (indices, distances), each
@@ -73,9 +85,11 @@ def _key_point_sets(points1, descriptors1, points2, descriptors2):
     return p1, d1, p2, d2
 
 
-def ransac_match_key_points(points1, descriptors1, points2, descriptors2, *, normals1=None,
-                            normals2=None, iterations=10000, edge_ratio=0.9,
-                            inlier_distance, instance=None):
+def ransac_match_key_points(points1: ArrayLike, descriptors1: ArrayLike, points2: ArrayLike,
+                            descriptors2: ArrayLike, *, normals1: Optional[ArrayLike] = None,
+                            normals2: Optional[ArrayLike] = None, iterations: int = 10000,
+                            edge_ratio: float = 0.9, inlier_distance: float,
+                            instance: Optional[Instance] = None) -> Registration:
     """RANSAC over descriptor correspondences (QorvRansacMatchKeyPoints).
 
     Every key point of cloud 2 is matched to its nearest descriptor of cloud 1; samples of three
@@ -97,8 +111,10 @@ def ransac_match_key_points(points1, descriptors1, points2, descriptors2, *, nor
     return collector.result(transform)
 
 
-def iterative_match_key_points(points1, descriptors1, points2, descriptors2, *, transform=None,
-                               iterations=64, kernel_scale, max_distance, instance=None):
+def iterative_match_key_points(points1: ArrayLike, descriptors1: ArrayLike, points2: ArrayLike,
+                               descriptors2: ArrayLike, *, transform: Optional[ArrayLike] = None,
+                               iterations: int = 64, kernel_scale: float, max_distance: float,
+                               instance: Optional[Instance] = None) -> Registration:
     """Robust Gauss-Newton refinement over descriptor correspondences
     (QorvIterativeMatchKeyPoints).
 
@@ -119,8 +135,11 @@ def iterative_match_key_points(points1, descriptors1, points2, descriptors2, *, 
     return collector.result(pose)
 
 
-def match_pair_point_cloud(points1, points2, *, normals1=None, normals2=None, resolution,
-                           kernel_scale=0.0, iterations=10000, transform=None, instance=None):
+def match_pair_point_cloud(points1: ArrayLike, points2: ArrayLike, *, normals1: Optional[ArrayLike] = None,
+                           normals2: Optional[ArrayLike] = None, resolution: float,
+                           kernel_scale: float = 0.0, iterations: int = 10000,
+                           transform: Optional[ArrayLike] = None,
+                           instance: Optional[Instance] = None) -> Registration:
     """Registers two raw clouds in one call (QorvMatchPairPointCloud).
 
     Outlier removal, smoothing, voxel filter, normals, key points and descriptors, all scaled by
@@ -143,7 +162,7 @@ def match_pair_point_cloud(points1, points2, *, normals1=None, normals2=None, re
     return collector.result(pose)
 
 
-def check_distance(points, k=2, *, instance=None):
+def check_distance(points: ArrayLike, k: int = 2, *, instance: Optional[Instance] = None) -> float:
     """Typical point spacing: trimmed mean (smallest and largest eighth left out) of each point's
     distance to its k-th nearest neighbour, the point itself counting as the first
     (QorvCheckDistance). k = 2 gives the mean spacing."""

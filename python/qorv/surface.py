@@ -2,13 +2,19 @@
 # Copyright (c) 2026 The Qorv developers
 """Normals and filters: compute/recompute normals, voxel, outlier, edge and Gaussian filters."""
 
+from __future__ import annotations
+
+from typing import Optional
+
 import numpy as np
+from numpy.typing import ArrayLike
 
 from . import _arrays, _library
-from .instance import handle_of
+from .instance import Instance, handle_of
 
 
-def compute_normals(points, radius, *, orient_neighbors=0, instance=None):
+def compute_normals(points: ArrayLike, radius: float, *, orient_neighbors: int = 0,
+                    instance: Optional[Instance] = None) -> np.ndarray:
     """One unit normal per point from its neighbours strictly inside radius (QorvComputeNormals).
 
     Returns float32 (n, 3). Normals have z >= 0; points with fewer than two neighbours, NaN
@@ -23,7 +29,8 @@ def compute_normals(points, radius, *, orient_neighbors=0, instance=None):
     return normals
 
 
-def recompute_normals(points, normals, radius, *, instance=None):
+def recompute_normals(points: ArrayLike, normals: ArrayLike, radius: float, *,
+                      instance: Optional[Instance] = None) -> np.ndarray:
     """Re-estimates normals and turns each to agree with the given one (QorvReComputeNormals).
 
     Returns a new float32 (n, 3) array; the input normals are not modified. radius must be
@@ -60,7 +67,7 @@ def _index_filter(name, instance, pts, *args):
     return kept[0] if kept else np.empty(0, dtype=np.int32)
 
 
-def voxel_filter(points, leaf_size, *, instance=None):
+def voxel_filter(points: ArrayLike, leaf_size: float, *, instance: Optional[Instance] = None) -> np.ndarray:
     """Indices (int32, ascending) of the points kept by the voxel filter (QorvVoxelFilter).
 
     Per occupied voxel of edge leaf_size the point nearest the voxel's centre is kept; the voxel
@@ -70,7 +77,8 @@ def voxel_filter(points, leaf_size, *, instance=None):
     return _index_filter("QorvVoxelFilter", instance, pts, float(leaf_size))
 
 
-def sor_filter(points, mean_k=50, std_mul=3.4, *, instance=None):
+def sor_filter(points: ArrayLike, mean_k: int = 50, std_mul: float = 3.4, *,
+               instance: Optional[Instance] = None) -> np.ndarray:
     """Indices kept by statistical outlier removal over mean_k neighbours (QorvSORFilter).
 
     The library hands over the prefix 0 .. m-1 of positions, m being the number of scores below
@@ -81,14 +89,14 @@ def sor_filter(points, mean_k=50, std_mul=3.4, *, instance=None):
                          float(std_mul))
 
 
-def edge_filter(points, radius, *, instance=None):
+def edge_filter(points: ArrayLike, radius: float, *, instance: Optional[Instance] = None) -> np.ndarray:
     """Indices of boundary points: neighbours within radius leave a tangent-plane gap above one
     radian (QorvEdgeFilter). radius must be greater than 0."""
     pts = _arrays.points(points)
     return _index_filter("QorvEdgeFilter", instance, pts, float(radius))
 
 
-def gaussian_filter(points, radius, *, instance=None):
+def gaussian_filter(points: ArrayLike, radius: float, *, instance: Optional[Instance] = None) -> np.ndarray:
     """Gaussian-weighted average of the points strictly inside radius around each point
     (QorvGaussianFilter). Returns float32 (n, 3); points finding no neighbour come out NaN."""
     pts = _arrays.points(points)

@@ -13,6 +13,10 @@ import qorv
 
 DATA_DIR = pathlib.Path(os.environ.get("QORV_DATA_DIR",
                                        pathlib.Path(__file__).resolve().parents[2] / "data"))
+# The larger development scans live beside the checkout, not in it; tests that need them skip
+# without them.
+SHARED_DATA_DIR = pathlib.Path(os.environ.get("QORV_SHARED_DATA_DIR",
+                                              pathlib.Path(__file__).resolve().parents[3] / "shared" / "data"))
 
 
 @pytest.fixture

@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 
 import qorv
-from conftest import DATA_DIR, rigid, rotation_about, rotation_error_degrees
+from conftest import DATA_DIR, SHARED_DATA_DIR, rigid, rotation_about, rotation_error_degrees
 
 
 @pytest.fixture(scope="module")
@@ -123,3 +123,67 @@ def test_multiway_withholds_the_pose_of_a_stranger():
         assert rotation_error_degrees(result.poses[i], expected) < 0.5
     kept = [e for e in result.edges if e.registered and not e.rejected]
     assert kept and all(e.residual is not None for e in kept)
+
+
+class _Cloud:
+    """The least a caller's cloud type has: a points attribute numpy can read."""
+
+    def __init__(self, points):
+        self.points = points
+
+
+def test_objects_with_points_register_as_their_arrays(views):
+    target, source, _ = views
+    plain = qorv.register(target, source, threads=1)
+    wrapped = qorv.register(_Cloud(target), _Cloud(source), threads=1)
+    assert np.array_equal(wrapped.transform, plain.transform) and wrapped.registered == plain.registered
+    with pytest.raises(TypeError, match=r"source\.points must be an \(n, 3\) array of points, not None"):
+        qorv.register(target, _Cloud(None))
+    with pytest.raises(TypeError, match=r"target\.points must hold numbers"):
+        qorv.register(_Cloud([["a", "b", "c"]] * 10), source)
+
+
+def test_open3d_point_clouds_register_as_their_arrays(views):
+    o3d = pytest.importorskip("open3d")
+    target, source, _ = views
+    clouds = [o3d.geometry.PointCloud(o3d.utility.Vector3dVector(c.astype(np.float64))) for c in (target, source)]
+    # Open3D keeps float64 points: the same as the float64 arrays, bit for bit.
+    plain = qorv.register(target.astype(np.float64), source.astype(np.float64), threads=1)
+    result = qorv.register(*clouds, threads=1)
+    assert result.registered and np.array_equal(result.transform, plain.transform)
+
+
+SURVEY_SHIFT = np.array([500000.0, 4000000.0, 100.0])
+
+
+@pytest.fixture(scope="module", params=["laser", "bunny"])
+def survey_pair(request):
+    """A target and source in float64 with the source's true pose: two real laser scans of a car park
+    (beside the checkout; skipped without them), or two slabs of the bunny, one moved."""
+    if request.param == "laser":
+        folder = SHARED_DATA_DIR / "laser"
+        if not (folder / "car_cloud400.ply").exists():
+            pytest.skip(f"no laser scans in {folder}")
+        target = qorv.read_cloud(folder / "car_cloud400.ply").points.astype(np.float64)
+        source = qorv.read_cloud(folder / "car_cloud401.ply").points.astype(np.float64)
+        return target, source, np.loadtxt(folder / "T_400_401.txt")
+    scan = np.loadtxt(DATA_DIR / "sample" / "bunny.asc", dtype=np.float64)
+    along = scan @ np.array([0.6, 0.7, 0.4])
+    lo, hi = np.quantile(along, [0.3, 0.7])
+    motion = rigid(rotation_about([1, -1, 2], 60), [0.02, -0.01, 0.05])
+    moved = scan[along > lo] @ motion[:, :3].T + motion[:, 3]
+    return scan[along < hi], moved, np.linalg.inv(np.vstack([motion, [0, 0, 0, 1]]))
+
+
+def test_survey_coordinates_register_as_near_the_origin(survey_pair):
+    target, source, truth = survey_pair
+    near = qorv.register(target, source)
+    far = qorv.register(target + SURVEY_SHIFT, source + SURVEY_SHIFT)
+    assert near.registered and far.registered == near.registered and far.reason == near.reason
+    assert rotation_error_degrees(near.transform, truth) < 1.0
+    # far is in the caller's (shifted) frame: p -> R p + t' with t' = t + s - R s.
+    rotation = far.transform[:3, :3]
+    unshifted = far.transform[:3, 3] - SURVEY_SHIFT + rotation @ SURVEY_SHIFT
+    assert np.abs(rotation - near.transform[:3, :3]).max() < 1e-5
+    assert np.linalg.norm(unshifted - near.transform[:3, 3]) < 1e-3
+    assert np.array_equal(far.transform[3], [0, 0, 0, 1])

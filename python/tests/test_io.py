@@ -47,3 +47,54 @@ def test_errors_name_the_problem(tmp_path):
         qorv.write_cloud(tmp_path / "x.ply", np.zeros((3, 2)))
     with pytest.raises(ValueError):
         qorv.write_cloud(tmp_path / "x.ply", np.zeros((3, 3)), encoding="zip")
+
+
+def test_float_colours_are_the_bytes_they_scale_to(tmp_path, rng):
+    points = rng.normal(size=(256, 3)).astype(np.float32)
+    levels = rng.permutation(np.arange(256 * 3) % 256).reshape(256, 3).astype(np.uint8)
+    qorv.write_cloud(tmp_path / "bytes.ply", points, colours=levels)
+    # Open3D's layout: float 0-1. Each level k written as k / 255 in float64 and float32 comes back as k,
+    # in a file identical to the one written from the bytes.
+    for dtype in (np.float64, np.float32):
+        name = f"{np.dtype(dtype).name}.ply"
+        qorv.write_cloud(tmp_path / name, points, colours=(levels / 255.0).astype(dtype))
+        assert (tmp_path / name).read_bytes() == (tmp_path / "bytes.ply").read_bytes()
+        assert np.array_equal(qorv.read_cloud(tmp_path / name).colours, levels)
+
+
+def test_open3d_clouds_are_written_with_their_normals_and_colours(tmp_path, rng):
+    o3d = pytest.importorskip("open3d")
+    points, normals = rng.normal(size=(50, 3)), rng.normal(size=(50, 3)).astype(np.float32)
+    levels = rng.integers(0, 256, (50, 3)).astype(np.uint8)
+    cloud = o3d.geometry.PointCloud(o3d.utility.Vector3dVector(points))
+    cloud.normals = o3d.utility.Vector3dVector(normals.astype(np.float64))
+    cloud.colors = o3d.utility.Vector3dVector(levels / 255.0)
+    qorv.write_cloud(tmp_path / "o3d.pcd", cloud)
+    back = qorv.read_cloud(tmp_path / "o3d.pcd")
+    assert np.array_equal(back.points, points.astype(np.float32)) and np.array_equal(back.normals, normals)
+    assert np.array_equal(back.colours, levels)
+
+
+@pytest.mark.parametrize("colours,error,message", [
+    (np.full((4, 3), 1.5), ValueError, "float colours must lie within 0-1"),
+    (np.full((4, 3), np.nan, np.float32), ValueError, "float colours must lie within 0-1"),
+    (np.full((4, 3), -1), ValueError, r"integer colours must lie within 0-255, got -1-"),
+    (np.full((4, 3), 256, np.int32), ValueError, r"integer colours must lie within 0-255, got .*-256"),
+    ([["red", "green", "blue"]] * 4, TypeError, "colours must be uint8 0-255 or float 0-1, got <U5"),
+    (np.zeros((3, 3)), ValueError, r"colours must hold 3 values a point \(12\), got 9"),
+], ids=["float above 1", "NaN", "negative int", "int above 255", "strings", "too few"])
+def test_bad_colours_are_refused_before_writing(tmp_path, colours, error, message):
+    path = tmp_path / "c.ply"
+    with pytest.raises(error, match=message):
+        qorv.write_cloud(path, np.zeros((4, 3), np.float32), colours=colours)
+    assert not path.exists()
+
+
+@pytest.mark.parametrize("name", ["s.ply", "s.pcd", "s.las"])
+def test_survey_coordinates_round_trip_to_a_tenth_of_a_millimetre(tmp_path, rng, name):
+    # A 130 m site at survey coordinates: float32 would keep only about 0.25 m of it.
+    points = rng.uniform(-65.0, 65.0, (2000, 3)) * [1, 1, 0.1] + [500000.0, 4000000.0, 100.0]
+    qorv.write_cloud(tmp_path / name, points)
+    back = qorv.read_cloud(tmp_path / name)
+    assert back.points.dtype == np.float64 and back.points.shape == points.shape
+    assert np.abs(back.points - points).max() < 1e-4
