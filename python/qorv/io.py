@@ -187,7 +187,8 @@ def write_cloud(path: Union[str, os.PathLike], points: CloudLike, normals: Optio
                 gps_time: Optional[ArrayLike] = None) -> None:
     """Writes by the extension: .ply (binary, or ascii), .pcd (binary, ascii or compressed), .las,
     .asc or .xyz; any other extension is an error. points may be (n, 3) or organized (h, w, 3) (kept
-    as such in PCD), float64 for survey-scale coordinates (written in double), or an object with a
+    as such in PCD), float64 for survey-scale coordinates (kept in float relative to an origin near them, as the
+    readers keep them, and written in double: 0.1 mm or better), or an object with a
     points attribute (an Open3D PointCloud, whose normals and colors are taken when not given).
     colours: uint8 0-255 or float 0-1. A field the format cannot hold is named in a logged warning."""
     if encoding not in ENCODINGS:
