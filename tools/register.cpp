@@ -266,10 +266,10 @@ void AddReportJson(nlohmann::ordered_json& doc, const RegistrationReport& r) {
         {"path", c.path}, {"format", c.format}, {"points", c.points}, {"samples", c.samples}};
     if (c.hasCamera) {
       summary["camera"] = {{"fx", c.camera.fx},
-                       {"fy", c.camera.fy},
-                       {"cx", c.camera.cx},
-                       {"cy", c.camera.cy},
-                       {"depth_scale", c.camera.depth_scale}};
+                           {"fy", c.camera.fy},
+                           {"cx", c.camera.cx},
+                           {"cy", c.camera.cy},
+                           {"depth_scale", c.camera.depth_scale}};
     }
     return summary;
   };

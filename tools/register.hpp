@@ -42,8 +42,8 @@ struct StageTime {
 struct CloudSummary {
   std::string path;
   std::string format;
-  int32_t points = 0;   // finite points read
-  int32_t samples = 0;  // points at the working voxel
+  int32_t points = 0;      // finite points read
+  int32_t samples = 0;     // points at the working voxel
   bool hasCamera = false;  // a depth image, read through camera
   QorvEngineDepthCamera camera{};
 };
