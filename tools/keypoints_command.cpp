@@ -102,7 +102,7 @@ void AddKeyPointsCommand(CLI::App& app, ToolRun& run) {
                  o.input,
                  o.output,
                  "Cloud file (normals estimated when it has none)",
-                 "ASC file of key points with their normals");
+                 "Cloud file of key points with their normals (written as its extension says)");
   sub->add_option("--radius", o.radius, "Detector neighbourhood")->required()->check(kPositive);
   sub->add_option("--non-max-radius", o.nonMaxRadius, "Non-maximum suppression (0: off)")
       ->check(kNonNegative);

@@ -48,7 +48,11 @@ int RunNormals(const GlobalOptions& global, const NormalsOptions& o) {
 void AddNormalsCommand(CLI::App& app, ToolRun& run) {
   CLI::App* sub = app.add_subcommand("normals", "Estimate normals (QorvComputeNormals)");
   NormalsOptions& o = SetCommand<NormalsOptions>(sub, run, RunNormals);
-  AddInputOutput(sub, o.input, o.output, "Cloud file", "ASC file with normals");
+  AddInputOutput(sub,
+                 o.input,
+                 o.output,
+                 "Cloud file",
+                 "Cloud file with normals (written as its extension says)");
   sub->add_option("--radius", o.radius, "Neighbourhood radius")->required()->check(kPositive);
   sub->add_option(
          "--orient-neighbors", o.orientNeighbors, "Neighbour count of the orientation pass")
