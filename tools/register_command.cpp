@@ -53,10 +53,14 @@ int RunRegister(const GlobalOptions& global, RegisterOptions o) {
 
   if (global.json) {
     FlushAll();
-    nlohmann::ordered_json doc = {{"command", "register"},
-                                  {"version", QorvVersion()},
-                                  {"threads", session.threads()},
-                                  {"seed", o.settings.engine.seed}};
+    nlohmann::ordered_json doc = {
+        {"command", "register"},
+        {"version", QorvVersion()},
+        {"threads", session.threads()},
+        // The one-call pipeline seeds its draws from the clock.
+        {"seed",
+         o.settings.exact ? nlohmann::ordered_json()
+                          : nlohmann::ordered_json(o.settings.engine.seed)}};
     AddReportJson(doc, report);
     doc["output"] = o.output.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(o.output);
     doc["snapshot"] =

@@ -56,7 +56,9 @@ enum {
 /* A cloud as the caller holds it. Only points and count are required. */
 typedef struct QorvEngineCloud {
   const float* points;  /* 3 floats a point */
-  const float* normals; /* 3 floats a point, or NULL: the engine estimates its own */
+  const float* normals; /* not used: the engine estimates normals at the scales it works at, which
+                           per-point sensor normals do not describe (kept so that callers built
+                           against earlier versions still compile) */
   int64_t count;
   int32_t width; /* organized layout: width * height == count; 0 when unorganized */
   int32_t height;

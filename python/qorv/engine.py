@@ -6,6 +6,7 @@ from __future__ import annotations
 
 import ctypes
 import dataclasses
+import warnings
 from typing import Optional
 
 import numpy as np
@@ -144,11 +145,9 @@ def _cloud(name, points, normals, viewpoint, keep):
     cloud.count = array.shape[0] * (array.shape[1] if array.ndim == 3 else 1)
     keep.append(array)
     if normals is not None:
-        n = np.ascontiguousarray(normals, dtype=np.float32)
-        if n.shape != array.shape:
-            raise ValueError(f"{name}_normals must have the shape of {name}: {n.shape} != {array.shape}")
-        cloud.normals = n.ctypes.data
-        keep.append(n)
+        # The engine estimates normals at the scales it works at; the caller's are not used.
+        warnings.warn(f"{name}_normals are not used: the engine estimates its own normals at the scales "
+                      "it works at", DeprecationWarning, stacklevel=3)
     if viewpoint is not None:
         v = np.asarray(viewpoint, dtype=np.float64).reshape(3)
         cloud.has_viewpoint = 1
@@ -176,6 +175,8 @@ def register(target: CloudLike, source: CloudLike, *, voxel: float = 0.0, point_
     sensor_origin: the clouds were taken by a sensor at their origin (spinning LiDAR scans centred
     on their sensor); organized frames and given viewpoints say so on their own. The verdict then
     also checks that no point lies in space the other sensor saw through.
+    target_normals, source_normals: not used (a DeprecationWarning says so): the engine estimates
+    normals at the scales it works at.
     Returns a RegistrationResult; a negative verdict is not an error (result.registered is False).
     Raises QorvEngineError (a subclass of QorvError) when the clouds cannot be registered at all.
 

@@ -16,12 +16,12 @@
 #include "engine/icp.hpp"
 #include "engine/matching.hpp"
 #include "engine/normals.hpp"
-#include "engine/parallel.hpp"
 #include "engine/ransac.hpp"
 #include "engine/sanitize.hpp"
 #include "engine/scale.hpp"
 #include "engine/verdict.hpp"
 #include "engine/voxel_grid.hpp"
+#include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
 namespace {
@@ -262,7 +262,6 @@ int32_t SanitizeChecked(const CloudView& view,
             " cloud coincide: there is no shape to register";
     return kTooFewPoints;
   }
-  cloud.normals.resize(3, 0);  // the engine's own normals, at its own scales
   return kOk;
 }
 

@@ -14,13 +14,12 @@
 namespace qorv::engine {
 
 // A caller's cloud, not copied: packed float triples (relative to origin) or double triples,
-// optional normals, optional organized layout (width x height == count, NaN holes allowed) and
+// optional organized layout (width x height == count, NaN holes allowed) and
 // sensor origin (in the caller's frame).
 struct CloudView {
   const float* points = nullptr;
   const double* points64 = nullptr;  // used instead of points when set
   Eigen::Vector3d origin = Eigen::Vector3d::Zero();
-  const float* normals = nullptr;
   int64_t count = 0;
   int32_t width = 0;
   int32_t height = 0;

@@ -6,8 +6,8 @@
 #include <cmath>
 #include <vector>
 
-#include "engine/parallel.hpp"
 #include "engine/scale.hpp"
+#include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
 

@@ -9,7 +9,7 @@
 #include <Eigen/Cholesky>
 #include <Eigen/Geometry>
 
-#include "engine/parallel.hpp"
+#include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
 namespace {

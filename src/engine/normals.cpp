@@ -7,7 +7,7 @@
 
 #include <Eigen/Eigenvalues>
 
-#include "engine/parallel.hpp"
+#include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
 

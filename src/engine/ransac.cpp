@@ -6,8 +6,8 @@
 #include <cmath>
 #include <numeric>
 
-#include "engine/parallel.hpp"
 #include "engine/random.hpp"
+#include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
 namespace {

@@ -14,25 +14,11 @@ Cloud Sanitize(const CloudView& view) {
     finite += std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
   }
   cloud.points.resize(3, finite);
-  bool normalsUsable = view.normals != nullptr;
-  if (normalsUsable) cloud.normals.resize(3, finite);
   int64_t k = 0;
   for (int64_t i = 0; i < view.count; ++i) {
     const float* p = view.points + 3 * i;
     if (!(std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]))) continue;
-    cloud.points.col(k) = Eigen::Vector3f(p[0], p[1], p[2]);
-    if (normalsUsable) {
-      const Eigen::Vector3f n(
-          view.normals[3 * i], view.normals[3 * i + 1], view.normals[3 * i + 2]);
-      const float length = n.norm();
-      if (!std::isfinite(length) || length < 1e-6f) {
-        normalsUsable = false;
-        cloud.normals.resize(3, 0);
-      } else {
-        cloud.normals.col(k) = n / length;
-      }
-    }
-    ++k;
+    cloud.points.col(k++) = Eigen::Vector3f(p[0], p[1], p[2]);
   }
   if (view.hasViewpoint) {
     cloud.hasViewpoint = true;

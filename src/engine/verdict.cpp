@@ -10,7 +10,7 @@
 #include <Eigen/Eigenvalues>
 #include <Eigen/LU>
 
-#include "engine/parallel.hpp"
+#include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
 namespace {

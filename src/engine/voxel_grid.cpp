@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "engine/parallel.hpp"
+#include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
 namespace {

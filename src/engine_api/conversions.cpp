@@ -11,6 +11,15 @@
 
 namespace qorv::engine {
 
+Eigen::Matrix4d FromRowMajor(const double* m) {
+  return Eigen::Map<const Eigen::Matrix<double, 4, 4, Eigen::RowMajor>>(m);
+}
+
+void ToRowMajor(const Eigen::Matrix4d& transform, double* m) {
+  Eigen::Map<Eigen::Matrix<double, 4, 4, Eigen::RowMajor>> rows(m);
+  rows = transform;
+}
+
 std::string FromC(const QorvEngineOptions& in, Options& out) {
   if (in.mode != QORV_ENGINE_MODE_GLOBAL && in.mode != QORV_ENGINE_MODE_LOCAL &&
       in.mode != QORV_ENGINE_MODE_EVALUATE) {
@@ -30,10 +39,7 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   if (in.mode != QORV_ENGINE_MODE_GLOBAL && !in.has_initial) {
     return "the local and evaluate modes need an initial transform (has_initial = 1)";
   }
-  Eigen::Matrix4d initial;
-  for (int r = 0; r < 4; ++r) {
-    for (int c = 0; c < 4; ++c) initial(r, c) = in.initial[4 * r + c];
-  }
+  const Eigen::Matrix4d initial = FromRowMajor(in.initial);
   if (in.has_initial) {
     if (!initial.allFinite()) return "the initial transform holds a non-finite number";
     const Eigen::Matrix3d rotation = initial.topLeftCorner<3, 3>();
@@ -102,7 +108,6 @@ CloudView ViewOf(const QorvEngineCloud& cloud) {
   view.points = cloud.points;
   view.points64 = cloud.points_f64;
   view.origin = Eigen::Vector3d(cloud.origin[0], cloud.origin[1], cloud.origin[2]);
-  view.normals = cloud.normals;
   view.count = cloud.count;
   if (cloud.height > 1) {
     view.width = cloud.width;
@@ -118,9 +123,7 @@ void ToC(const Outcome& in, QorvEngineResult& out) {
   std::memset(&out, 0, sizeof(out));
   out.struct_size = sizeof(out);
   out.registered = in.registered ? 1 : 0;
-  for (int r = 0; r < 4; ++r) {
-    for (int c = 0; c < 4; ++c) out.transform[4 * r + c] = in.transform(r, c);
-  }
+  ToRowMajor(in.transform, out.transform);
   const Evidence& e = in.evidence;
   out.fitness = e.overlap.fitness;
   out.target_overlap = e.overlap.targetOverlap;

@@ -10,6 +10,10 @@
 
 namespace qorv::engine {
 
+// The C interface's 4 x 4 transforms are 16 doubles, row after row: the one conversion each way.
+Eigen::Matrix4d FromRowMajor(const double* m);
+void ToRowMajor(const Eigen::Matrix4d& transform, double* m);
+
 // The C options as engine options; returns a message naming the first bad field, or "".
 std::string FromC(const QorvEngineOptions& in, Options& out);
 

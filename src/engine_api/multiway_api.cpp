@@ -19,18 +19,6 @@ using qorv::engine::Fail;
 using qorv::engine::Guarded;
 using qorv::engine::SetLastError;
 
-namespace {
-
-qorv::multiway::Pose MatrixOf(const double* m) {
-  qorv::multiway::Pose pose;
-  for (int r = 0; r < 4; ++r) {
-    for (int c = 0; c < 4; ++c) pose(r, c) = m[4 * r + c];
-  }
-  return pose;
-}
-
-}  // namespace
-
 extern "C" {
 
 QORV_ENGINE_API int32_t QorvEngineMultiwayPlace(const QorvEngineCloud* scans,
@@ -107,7 +95,7 @@ QORV_ENGINE_API int32_t QorvEngineMultiwayPlace(const QorvEngineCloud* scans,
       qorv::multiway::Edge edge;
       edge.from = x.from;
       edge.to = x.to;
-      edge.motion = MatrixOf(x.motion);
+      edge.motion = qorv::engine::FromRowMajor(x.motion);
       if (!edge.motion.allFinite()) {
         return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
                     "extra edge " + std::to_string(e) + " holds a non-finite number");
@@ -132,8 +120,7 @@ QORV_ENGINE_API int32_t QorvEngineMultiwayPlace(const QorvEngineCloud* scans,
         qorv::multiway::AlignScans(views, opts, multiway, given, settled, where, reports, error);
     if (code != QORV_ENGINE_OK) return Fail(code, error);
     for (int32_t i = 0; i < count; ++i) {
-      for (int k = 0; k < 16; ++k)
-        poses[16 * i + k] = settled[static_cast<size_t>(i)](k / 4, k % 4);
+      qorv::engine::ToRowMajor(settled[static_cast<size_t>(i)], poses + 16 * i);
       if (placed != nullptr) {
         placed[i].placed = where[static_cast<size_t>(i)].placed ? 1 : 0;
         placed[i].group = where[static_cast<size_t>(i)].group;
@@ -145,7 +132,7 @@ QORV_ENGINE_API int32_t QorvEngineMultiwayPlace(const QorvEngineCloud* scans,
       QorvEngineMultiwayEdge& out = edges[e];
       out.from = r.edge.from;
       out.to = r.edge.to;
-      for (int k = 0; k < 16; ++k) out.motion[k] = r.edge.motion(k / 4, k % 4);
+      qorv::engine::ToRowMajor(r.edge.motion, out.motion);
       out.rotation_sigma = r.edge.rotationSigma;
       out.shift_sigma = r.edge.shiftSigma;
       out.loop = r.loop ? 1 : 0;

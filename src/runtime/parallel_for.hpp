@@ -19,6 +19,25 @@ void ParallelFor(int32_t begin, int32_t end, RangeBody body);
 // Calls body(begin, end, 0) once on the calling thread.
 void SerialFor(int32_t begin, int32_t end, RangeBody body);
 
+// Runs body(block) for block = 0 .. blocks - 1, handed out one at a time to the threads of one
+// OpenMP team (dynamic schedule, for blocks of uneven cost). Each block writes only its own
+// outputs, so results do not depend on the number of threads; reductions keep one partial per
+// block and add them in block order. The first exception a block throws reaches the caller.
+void ForBlocks(int32_t blocks, const std::function<void(int32_t block)>& body);
+
+// Sets the OpenMP thread count of the calling thread (0 keeps it) and restores it on destruction:
+// the one way the engine and the tests choose how many threads run.
+class ThreadScope {
+ public:
+  explicit ThreadScope(int32_t threads);
+  ~ThreadScope();
+  ThreadScope(const ThreadScope&) = delete;
+  ThreadScope& operator=(const ThreadScope&) = delete;
+
+ private:
+  int32_t saved_;
+};
+
 // Number of per-thread scratch slots a body may index: omp_get_max_threads().
 int32_t MaxThreads();
 

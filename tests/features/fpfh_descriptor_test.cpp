@@ -8,9 +8,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include "features/pair_features.hpp"
+#include "runtime/parallel_for.hpp"
 #include "support/features_shapes.hpp"
 #include "support/floats.hpp"
 
@@ -239,19 +239,17 @@ TEST(PointHistogram, MatchesThePlainBinningFormulas) {
 }
 
 TEST(Descriptors, SharedHistogramsGiveTheLiteralResultBitForBitInBothVariants) {
-  const int saved = omp_get_max_threads();
   const test::OrientedCloud cloud = AwkwardSurface();
   const std::vector<int32_t> keyPoints = ClusteredKeyPoints();
   for (const float featureRadius : {0.06f, 0.12f}) {
     const std::vector<float> expected = LiteralDescriptors(cloud, keyPoints, featureRadius, 0.15f);
     EXPECT_TRUE(SameBits(Descriptors(cloud, keyPoints, featureRadius, 0.15f, false), expected));
     for (const int threads : {2, 3, 4}) {
-      omp_set_num_threads(threads);
+      const ThreadScope scope(threads);
       EXPECT_TRUE(SameBits(Descriptors(cloud, keyPoints, featureRadius, 0.15f, true), expected));
     }
     ExpectBlocksOf100OrZero(expected);
   }
-  omp_set_num_threads(saved);
 }
 
 TEST(Descriptors, InvariantUnderARigidMotion) {

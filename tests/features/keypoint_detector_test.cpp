@@ -9,8 +9,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <omp.h>
 
+#include "runtime/parallel_for.hpp"
 #include "support/clouds.hpp"
 #include "support/features_shapes.hpp"
 #include "surface/scatter_eigen.hpp"
@@ -218,7 +218,6 @@ TEST(DetectKeyPoints, PlanesAndSparseCloudsGiveNone) {
 }
 
 TEST(DetectKeyPoints, MatchesTheLiteralDetector) {
-  const int saved = omp_get_max_threads();
   std::vector<float> cloud = test::WavySurface(30, 30, 0.05f).points;
   const std::vector<float> noise = test::RandomCloud(300, 5, 1.5f);
   cloud.insert(cloud.end(), noise.begin(), noise.end());
@@ -231,7 +230,7 @@ TEST(DetectKeyPoints, MatchesTheLiteralDetector) {
                                       KeyPointParams{0.3f, 0.0f, 0.7f, 0.7f, 7}}) {
     const std::vector<int32_t> expected = LiteralDetect(cloud, params);
     for (const int threads : {1, 3, 4}) {  // one: the serial variant
-      omp_set_num_threads(threads);
+      const ThreadScope scope(threads);
       const Detected d = Detect(cloud, params, threads > 1);
       ASSERT_EQ(d.indices, expected) << params.nonMaxRadius << " " << params.maxKeyPoints;
       for (size_t k = 0; k < d.indices.size(); ++k) {
@@ -245,7 +244,6 @@ TEST(DetectKeyPoints, MatchesTheLiteralDetector) {
       EXPECT_TRUE(std::is_sorted(expected.begin(), expected.end()));
     }
   }
-  omp_set_num_threads(saved);
 }
 
 TEST(DetectKeyPoints, EqualScoresNeverSuppressEachOtherButSuppressedOnesStillSuppress) {

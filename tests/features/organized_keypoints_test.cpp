@@ -10,9 +10,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include "features/depth_maps.hpp"
+#include "runtime/parallel_for.hpp"
 #include "support/depth_scenes.hpp"
 #include "surface/scatter_eigen.hpp"
 
@@ -376,8 +376,7 @@ TEST(OrganizedKeyPointsTest, PixelHistogramOfAPlaneFillsTheMiddleBins) {
 }
 
 TEST(OrganizedKeyPointsTest, SerialAndParallelAreBitIdentical) {
-  const int saved = omp_get_max_threads();
-  omp_set_num_threads(3);
+  const ThreadScope scope(3);
   const test::DepthCamera cam;
   std::vector<float> depth = BoxBeforeWall().render(cam);
   std::mt19937 rng(7);
@@ -402,7 +401,6 @@ TEST(OrganizedKeyPointsTest, SerialAndParallelAreBitIdentical) {
     ASSERT_EQ(a.size(), b.size());
     EXPECT_EQ(0, std::memcmp(a.data(), b.data(), a.size() * 4));
   }
-  omp_set_num_threads(saved);
 }
 
 TEST(OrganizedKeyPointsTest, NaNVertexSpoilsOnlyTheScoresAroundIt) {
