@@ -29,7 +29,8 @@ int main(void) {
     return 3;
   /* A missing file is an error naming it; multiway wants two scans at least. */
   QorvEngineDefaultReadOptions(&read);
-  if (QorvEngineReadCloudWith("no-such-file.ply", &read, &cloud) != QORV_ENGINE_ERROR_FILE) return 5;
+  if (QorvEngineReadCloudWith("no-such-file.ply", &read, &cloud) != QORV_ENGINE_ERROR_FILE)
+    return 5;
   if (QorvEngineMultiway(&empty, 1, &options, 0, &edge, 0, NULL, NULL, 0, NULL) == QORV_ENGINE_OK)
     return 6;
   printf("qorv engine %s (interface %d): %s\n",
