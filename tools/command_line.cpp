@@ -109,7 +109,7 @@ void AddInputOutput(CLI::App* sub,
 
 void AddMaxTriesOption(CLI::App* sub, QorvEngineOptions& engine) {
   sub->add_option("--max-tries", engine.max_tries, "Scales tried while the verdict is negative")
-      ->check(CLI::Range(1, 8))
+      ->check(CLI::Range(1, QORV_ENGINE_MAX_TRIES))
       ->capture_default_str();
 }
 

@@ -76,6 +76,9 @@ enum {
   QORV_ENGINE_MODE_EVALUATE = 2 /* no motion: the measures and verdict of the initial transform */
 };
 
+/* The most scales a registration tries (options.max_tries). */
+#define QORV_ENGINE_MAX_TRIES 8
+
 typedef struct QorvEngineOptions {
   uint32_t struct_size;  /* sizeof(QorvEngineOptions) */
   int32_t mode;          /* QORV_ENGINE_MODE_* */
@@ -86,7 +89,8 @@ typedef struct QorvEngineOptions {
   int32_t threads;       /* 0: the OpenMP default; 1: serial; n: at most n */
   int32_t has_initial;   /* 1: initial holds a guess */
   double initial[16];
-  int32_t max_tries; /* scales tried in turn while the verdict is negative (>= 1) */
+  int32_t max_tries; /* scales tried in turn while the verdict is negative (1 to
+                        QORV_ENGINE_MAX_TRIES) */
   int32_t max_ransac_iterations;
   double ransac_confidence; /* RANSAC stops once a better model is this unlikely */
   /* Added in interface version 2 (a caller built before it gets the default, 0). */

@@ -59,7 +59,7 @@ constexpr double kDistinctAngle =
 constexpr double kDistinctShift = 5.0;  // voxels: likewise for translations
 // Scale of each try in turn while the verdict is negative: coarser (noise), then finer (small
 // clouds).
-constexpr double kTryScales[] = {1.0, 1.6, 1.0 / 1.6, 2.5, 1.0 / 2.5, 4.0, 1.0 / 4.0, 6.0};
+constexpr double kTryScales[kMaxTries] = {1.0, 1.6, 1.0 / 1.6, 2.5, 1.0 / 2.5, 4.0, 1.0 / 4.0, 6.0};
 
 class StageClock {
  public:
@@ -320,7 +320,8 @@ void RegisterPrepared(const Prepared& target,
     return RotationBetween(a, b) > kDistinctAngle ||
            ShiftBetween(a, b, centre) > kDistinctShift * voxel;
   };
-  const int32_t tries = options.mode == Mode::kGlobal ? options.maxTries : 1;
+  const int32_t tries =
+      options.mode == Mode::kGlobal ? std::clamp(options.maxTries, 1, kMaxTries) : 1;
   int32_t firstSamples = 0;
   for (int32_t attempt = 0; attempt < tries; ++attempt) {
     const double tryVoxel = v * kTryScales[attempt];

@@ -31,6 +31,9 @@ struct CloudView {
 // initial guess as it is.
 enum class Mode { kGlobal, kLocal, kEvaluate };
 
+// The most scales a registration tries while the verdict is negative.
+constexpr int32_t kMaxTries = 8;
+
 // Every length the engine uses derives from the working voxel; the budgets choose it.
 struct Options {
   Mode mode = Mode::kGlobal;
@@ -42,7 +45,7 @@ struct Options {
   int32_t threads = 0;        // 0: OpenMP's default
   bool hasInitial = false;
   Eigen::Matrix4d initial = Eigen::Matrix4d::Identity();
-  int32_t maxTries = 3;
+  int32_t maxTries = 3;  // 1 to kMaxTries
   int32_t maxRansacIterations = 100000;
   double ransacConfidence = 0.999;
 };

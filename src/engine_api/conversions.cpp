@@ -30,7 +30,9 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   if (in.point_budget < 100) return "point_budget must be at least 100";
   if (in.refine_budget < 100) return "refine_budget must be at least 100";
   if (in.threads < 0) return "threads must be 0 (default) or positive";
-  if (in.max_tries < 1 || in.max_tries > 8) return "max_tries must lie between 1 and 8";
+  static_assert(kMaxTries == QORV_ENGINE_MAX_TRIES, "the C header and the engine agree");
+  if (in.max_tries < 1 || in.max_tries > kMaxTries)
+    return "max_tries must lie between 1 and " + std::to_string(kMaxTries);
   if (in.max_ransac_iterations < 1) return "max_ransac_iterations must be at least 1";
   if (!(in.ransac_confidence > 0.0 && in.ransac_confidence < 1.0)) {
     return "ransac_confidence must lie strictly between 0 and 1";
