@@ -11,6 +11,10 @@
 
 #include "engine/verdict.hpp"
 
+// The registration engine. It keeps its own normals, voxel grid and RANSAC beside the library's
+// (surface/, geometry/, registration/): the library's normals face +z and its voxel filter drops
+// its last voxel, as the 28 exports must keep doing, and its RANSAC is seeded from the clock; the
+// engine needs normals turned toward the sensor, every voxel, and the same bits for the same seed.
 namespace qorv::engine {
 
 // A caller's cloud, not copied: packed float triples (relative to origin) or double triples,
