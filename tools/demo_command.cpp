@@ -75,7 +75,7 @@ int RunDemo(const GlobalOptions& global, DemoOptions o) {
   RegistrationReport report = RegisterClouds(session, target, source, o.settings, stages);
   report.target.path = o.data + " (first view)";
   report.source.path = o.data + " (second view, moved)";
-  Snapshot(o.snapshot, target, source, report.movedSource, SnapshotOptions{}, report.stages);
+  Snapshot(o.snapshot, target, source, report.movedSource.points, SnapshotOptions{}, report.stages);
 
   // The recovered motion should undo the known one: compare with its inverse.
   const Rigid truth = truthMotion.inverse();

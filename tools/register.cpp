@@ -200,7 +200,7 @@ RegistrationReport RegisterClouds(const Session& session,
   report.source.samples = report.verdict.source_samples;
   {
     Stage stage(stages, "move source");
-    report.movedSource = MoveCloud(session, source, report.transform).points;
+    report.movedSource = MoveCloud(session, source, report.transform);
   }
   report.stages = std::move(stages);
   return report;

@@ -55,7 +55,7 @@ struct RegistrationReport {
   QorvEngineResult verdict;  // the engine's verdict and measures of `transform`
   uint32_t pipelineCorrespondences = 0;  // --exact only
   std::vector<StageTime> stages;
-  std::vector<float> movedSource;  // source points after the motion
+  Cloud movedSource;  // the source after the motion, every field carried (moved once, here)
 
   bool registered() const { return verdict.registered != 0; }
 };

@@ -45,11 +45,11 @@ int RunRegister(const GlobalOptions& global, RegisterOptions o) {
   report.source.path = o.source;
   if (!o.output.empty()) {
     const double start = Now();
-    WriteCloud(o.output, MoveCloud(session, source, report.transform));
+    WriteCloud(o.output, report.movedSource, QORV_ENGINE_ENCODING_DEFAULT, global.quiet);
     report.stages.push_back({"write output", Now() - start});
   }
   if (!o.snapshot.empty())
-    Snapshot(o.snapshot, target, source, report.movedSource, o.view, report.stages);
+    Snapshot(o.snapshot, target, source, report.movedSource.points, o.view, report.stages);
 
   if (global.json) {
     FlushAll();
