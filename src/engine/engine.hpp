@@ -9,6 +9,7 @@
 
 #include <Eigen/Core>
 
+#include "engine/refine.hpp"
 #include "engine/verdict.hpp"
 
 namespace qorv::engine {
@@ -46,6 +47,7 @@ struct Options {
   int32_t maxTries = 3;
   int32_t maxRansacIterations = 100000;
   double ransacConfidence = 0.999;
+  RefineMethod refine = RefineMethod::kPointToPlane;  // dense refinement (and coarse ICP)
 };
 
 struct StageTime {
