@@ -183,6 +183,7 @@ void AddBatchCommand(CLI::App& app, ToolRun& run) {
   AddSeedOption(sub, o.engine.seed, "Seed of every random draw");
   AddMaxTriesOption(sub, o.engine);
   AddSensorOriginOption(sub, o.engine);
+  AddRefineOption(sub, o.engine);
   sub->add_flag("--allow-failures",
                 o.allowFailures,
                 "Exit 0 even when some pairs failed or were not registered (default: exit 3)");

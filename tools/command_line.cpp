@@ -122,6 +122,18 @@ void AddSensorOriginOption(CLI::App* sub, QorvEngineOptions& engine) {
       "PCD viewpoints say so on their own");
 }
 
+void AddRefineOption(CLI::App* sub, QorvEngineOptions& engine) {
+  sub->add_option_function<std::string>(
+         "--refine",
+         [&engine](const std::string& name) {
+           engine.refine = name == "gicp" ? QORV_ENGINE_REFINE_GICP : QORV_ENGINE_REFINE_PLANE;
+         },
+         "Dense refinement: plane (point-to-plane ICP) or gicp (generalized ICP: both clouds' "
+         "local surfaces, slower)")
+      ->check(CLI::IsMember({"plane", "gicp"}))
+      ->default_str("plane");
+}
+
 void RegistrationFlags::applyTo(RegisterSettings& s) const {
   s.method = method == "iterative" ? Method::kIterative : Method::kRansac;
   s.crossCheck = !noCrossCheck;
@@ -144,6 +156,7 @@ void AddRegistrationOptions(CLI::App* sub, RegisterSettings& s, RegistrationFlag
   AddSeedOption(sub, flags.seed, "Seed of every random draw: same input and seed, same bits")
       ->check(CLI::NonNegativeNumber);
   AddSensorOriginOption(sub, s.engine);
+  AddRefineOption(sub, s.engine);
   sub->add_flag("--local",
                 flags.local,
                 "Only refine from --initial (consecutive frames, a known rough pose)");

@@ -101,6 +101,9 @@ void AddMaxTriesOption(CLI::App* sub, QorvEngineOptions& engine);
 // --sensor-origin: scans centred on their sensor, so the verdict may check free space.
 void AddSensorOriginOption(CLI::App* sub, QorvEngineOptions& engine);
 
+// --refine plane|gicp: the engine's dense refinement.
+void AddRefineOption(CLI::App* sub, QorvEngineOptions& engine);
+
 // The registration options of register and demo that are no field of RegisterSettings as
 // typed; applyTo puts them there once parsed.
 struct RegistrationFlags {

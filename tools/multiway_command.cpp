@@ -319,6 +319,7 @@ void AddMultiwayCommand(CLI::App& app, ToolRun& run) {
   AddVoxelOption(sub, o.engine.voxel, "Working voxel of the pairs");
   AddSeedOption(sub, o.engine.seed, "Seed of every random draw");
   AddSensorOriginOption(sub, o.engine);
+  AddRefineOption(sub, o.engine);
 }
 
 }  // namespace qorv::tools

@@ -182,6 +182,7 @@ RegistrationReport RegisterClouds(const Session& session,
     }
   } else {
     report.method = options.mode == QORV_ENGINE_MODE_LOCAL ? "engine (local)" : "engine (global)";
+    report.refine = options.refine == QORV_ENGINE_REFINE_GICP ? "gicp" : "plane";
     const double start = Now();
     report.verdict = RunEngine(target, source, options);
     double engineMs = 0.0;
@@ -298,6 +299,8 @@ void AddReportJson(nlohmann::ordered_json& doc, const RegistrationReport& r) {
   doc["voxel"] = v.voxel;
   doc["tries"] = v.tries;
   doc["method"] = r.method;
+  // The pipeline of --exact refines on its own: no engine refinement moved its answer.
+  doc["refine"] = r.refine.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(r.refine);
   if (r.method.rfind("pipeline", 0) == 0)
     doc["pipeline_correspondences"] = r.pipelineCorrespondences;
   doc["rotation_degrees"] = r.transform.rotationAngleDegrees();

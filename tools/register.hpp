@@ -51,6 +51,7 @@ struct CloudSummary {
 struct RegistrationReport {
   CloudSummary target, source;
   std::string method;        // "engine (global)", "engine (local)", "pipeline (ransac)", ...
+  std::string refine;        // the engine's dense refinement, "plane" or "gicp"; "" for --exact
   Rigid transform;           // carries the source onto the target
   QorvEngineResult verdict;  // the engine's verdict and measures of `transform`
   uint32_t pipelineCorrespondences = 0;  // --exact only

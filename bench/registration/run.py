@@ -10,7 +10,11 @@ folder.
 With QORV_BENCH_KISS_MATCHER naming a KISS-Matcher runner built outside this repository, the LiDAR
 sets run it too (see docs/BENCHMARK.md).
 
-usage: run.py --data DIR [--split dev|test|all] [--per-scan N] [--quick] [--no-peer] [--out DIR]"""
+Our engine runs twice: with its default point-to-plane refinement ("ours") and with generalized ICP
+("ours (gicp)"), unless --no-gicp.
+
+usage: run.py --data DIR [--split dev|test|all] [--per-scan N] [--quick] [--no-peer] [--no-gicp]
+              [--sets PREFIX,...] [--out DIR]"""
 
 import argparse
 import json
@@ -75,15 +79,15 @@ def judge(pair, transform):
     return angle, shift, bool(angle < max_angle and shift < max_shift)
 
 
-def run_ours(pairs, threads):
+def run_ours(pairs, threads, refine="plane"):
     out = []
     for i, pair in enumerate(pairs):
         options = pair[6] if len(pair) > 6 else {}
         start = time.perf_counter()
-        result = qorv.register(pair[2], pair[3], threads=threads, **options)
+        result = qorv.register(pair[2], pair[3], threads=threads, refine=refine, **options)
         seconds = time.perf_counter() - start
         angle, shift, ok = judge(pair, result.transform)
-        out.append(dict(pair=i, method="ours", voxel=result.voxel, voxel_choice="engine's",
+        out.append(dict(pair=i, method="ours" if refine == "plane" else f"ours ({refine})", voxel=result.voxel, voxel_choice="engine's",
                         threads=threads, seconds=seconds, angle=angle, shift=shift, ok=ok,
                         registered=result.registered, reason=result.reason, fitness=result.fitness,
                         target_overlap=result.target_overlap, inlier_rmse=result.inlier_rmse,
@@ -163,7 +167,7 @@ def table(pairs, results, command):
                 else:
                     error = "-"
                 times = [r["seconds"] for r in rs]
-                if method == "ours":
+                if method.startswith("ours"):
                     said = [r for r in rs if r["registered"]]
                     wrong = f"{sum(not r['ok'] for r in said)} of {len(said)}"
                     refused = str(sum(r["ok"] and not r["registered"] for r in rs))
@@ -184,6 +188,8 @@ def main():
     parser.add_argument("--per-scan", type=int, default=2, help="view pairs per scan and noise level")
     parser.add_argument("--quick", action="store_true", help="fewer pairs, threads 2 only")
     parser.add_argument("--no-peer", action="store_true", help="ours only")
+    parser.add_argument("--no-gicp", action="store_true", help="ours with point-to-plane refinement only")
+    parser.add_argument("--sets", help="only the sets whose names start with one of these comma-separated prefixes")
     parser.add_argument("--threads", default="1,2")
     parser.add_argument("--out", default=str(ROOT / "build" / "registration-bench"))
     args = parser.parse_args()
@@ -191,11 +197,15 @@ def main():
     out.mkdir(parents=True, exist_ok=True)
     pairs = pairsets.all_pairs(args.data, args.split, 1 if args.quick else args.per_scan)
     pairs += hard_pairs.hard_pairs(args.data, args.split, scale=0.5 if args.quick else 1.0)
+    if args.sets:
+        pairs = [p for p in pairs if p[0].startswith(tuple(args.sets.split(",")))]
     thread_counts = [2] if args.quick else [int(t) for t in args.threads.split(",")]
     results = []
     for threads in thread_counts:
         ours = run_ours(pairs, threads)
         results += ours
+        if not args.no_gicp:
+            results += run_ours(pairs, threads, refine="gicp")
         if args.no_peer:
             continue
         jobs = []

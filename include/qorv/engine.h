@@ -5,8 +5,9 @@
  *
  * The engine sits beside libqorv (whose 28 exports it does not change). It scales every length from
  * the scene (a working voxel chosen from a point budget), bounds its work, refines densely with
- * point-to-plane ICP and says whether the answer can be trusted (the verdict). It is seeded: the
- * same inputs and options give the same bits on every run and with any thread count.
+ * point-to-plane ICP (or generalized ICP, on request) and says whether the answer can be trusted
+ * (the verdict). It is seeded: the same inputs and options give the same bits on every run and with
+ * any thread count.
  *
  * Conventions:
  * - Clouds are packed float triples (x, y, z) with an int64 count, or double triples (survey-scale
@@ -79,6 +80,11 @@ enum {
 /* The most scales a registration tries (options.max_tries). */
 #define QORV_ENGINE_MAX_TRIES 8
 
+enum {
+  QORV_ENGINE_REFINE_PLANE = 0, /* point-to-plane ICP: the residual along the target's normal */
+  QORV_ENGINE_REFINE_GICP = 1   /* generalized ICP: both clouds' local surfaces (plane-to-plane) */
+};
+
 typedef struct QorvEngineOptions {
   uint32_t struct_size;  /* sizeof(QorvEngineOptions) */
   int32_t mode;          /* QORV_ENGINE_MODE_* */
@@ -101,6 +107,8 @@ typedef struct QorvEngineOptions {
   uint32_t cloud_size; /* sizeof(QorvEngineCloud) of the clouds passed with these options (set by
                           QorvEngineDefaultOptions); older callers pass the smaller clouds of
                           version 2, and arrays of them are strided by it */
+  /* Added in interface version 3 (a caller built before it gets the default, 0). */
+  int32_t refine; /* QORV_ENGINE_REFINE_PLANE (0, default) or QORV_ENGINE_REFINE_GICP (1) */
 } QorvEngineOptions;
 
 /* Time of one stage of a registration. */

@@ -40,6 +40,24 @@ def test_register_recovers_a_large_motion_with_the_same_bits_every_time(views):
     assert rotation_error_degrees(local.transform, truth) < 0.1
 
 
+def test_generalized_icp_refines_in_register_and_multiway(views):
+    target, source, motion = views
+    truth = np.linalg.inv(np.vstack([motion, [0, 0, 0, 1]]))
+    result = qorv.register(target, source, threads=2, refine="gicp")
+    assert result.registered and "covariances" in result.stages
+    assert rotation_error_degrees(result.transform, truth) < 0.5
+    assert np.linalg.norm(result.transform[:3, 3] - truth[:3, 3]) < 2e-3
+    assert np.array_equal(qorv.register(target, source, threads=1, refine="gicp").transform, result.transform)
+    assert "covariances" not in qorv.register(target, source, refine="plane").stages
+    local = qorv.register(target, source, mode="local", initial=truth @ rigid_4x4(2.0), refine="gicp")
+    assert local.registered and rotation_error_degrees(local.transform, truth) < 0.1
+    aligned = qorv.multiway([target, source], threads=2, refine="gicp")
+    assert aligned.placed == [True, True]
+    assert rotation_error_degrees(aligned.poses[1], truth) < 0.5
+    with pytest.raises(ValueError, match="refine"):
+        qorv.multiway([target, source], refine="GICP")
+
+
 def rigid_4x4(degrees):
     m = np.eye(4)
     m[:3, :3] = rotation_about([0, 0, 1], degrees)
@@ -63,6 +81,7 @@ def test_organized_frames_and_normals_are_taken_as_given(views):
     (dict(mode="local"), qorv.QorvEngineError, "initial transform"),
     (dict(voxel=-1.0), qorv.QorvEngineError, "voxel"),
     (dict(initial=2 * np.eye(4)), qorv.QorvEngineError, "rigid"),
+    (dict(refine="point"), ValueError, "refine must be one of"),
 ])
 def test_bad_options_raise_with_the_library_message(views, kwargs, error, message):
     target, source, _ = views

@@ -13,10 +13,10 @@
 #include "engine/features.hpp"
 #include "engine/frame.hpp"
 #include "engine/free_space.hpp"
-#include "engine/icp.hpp"
 #include "engine/matching.hpp"
 #include "engine/normals.hpp"
 #include "engine/ransac.hpp"
+#include "engine/refine.hpp"
 #include "engine/sanitize.hpp"
 #include "engine/scale.hpp"
 #include "engine/verdict.hpp"
@@ -82,14 +82,27 @@ class StageClock {
   std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
 };
 
-// A cloud at one scale with its search tree (built on the calling thread, as the trees require).
+// A cloud at one scale with its search tree (built on the calling thread, as the trees require),
+// and what the refiner keeps about it (made only for refiners that want something).
 struct Level {
   Cloud cloud;
   std::vector<float> weights;
   std::unique_ptr<PointKdTree> tree;
+  std::unique_ptr<CloudExtras> extras;
 
   void index() { tree = std::make_unique<PointKdTree>(cloud.points.data(), cloud.size()); }
+  void describe(const Refiner& refiner, StageClock& clock) {
+    extras = refiner.Describe(cloud, *tree);
+    if (extras) clock.lap("covariances");
+  }
+  RefineCloud refining() const { return {&cloud, tree.get(), extras.get()}; }
 };
+
+// The options' refiner (point-to-plane for a method no refiner is listed for).
+const Refiner& RefinerOf(const Options& options) {
+  const Refiner* refiner = FindRefiner(options.refine);
+  return refiner != nullptr ? *refiner : *FindRefiner(RefineMethod::kPointToPlane);
+}
 
 Level Thin(const Level& from, double voxel) {
   Level out;
@@ -104,13 +117,16 @@ struct Working {
   Features features;
 };
 
-Working MakeWorking(const Level& fine, double v, bool describe, StageClock& clock) {
+// refiner: the refiner whose extras the working cloud keeps, when its tries refine at this scale.
+Working MakeWorking(
+    const Level& fine, double v, bool describe, const Refiner* refiner, StageClock& clock) {
   Working out;
   out.level = Thin(fine, v);
   out.level.index();
   const float vf = static_cast<float>(v);
   EstimateNormals(*out.level.tree, kNormalRadius * vf, kNormalNeighbours, out.level.cloud);
   clock.lap("normals");
+  if (refiner != nullptr) out.level.describe(*refiner, clock);
   if (describe) {
     out.features = DescribePoints(
         *out.level.tree, out.level.cloud, kFeatureRadius * vf, kHistogramRadius * vf);
@@ -205,7 +221,7 @@ void TryScale(TryResult& out, double v, const Options& options, StageClock& cloc
     ip.maxIterations = 15;
     ip.stopShift = 1e-3 * v;
     Candidate c;
-    c.pose = RefinePointToPlane(source.cloud, target.cloud, *target.tree, start, ip).pose;
+    c.pose = RefinerOf(options).Refine(source.refining(), target.refining(), start, ip).pose;
     c.overlap = MeasureOverlap(
         source.cloud, *source.tree, target.cloud, *target.tree, c.pose, kInlierDistance * vf);
     c.score = Score(c.overlap);
@@ -285,7 +301,13 @@ std::unique_ptr<Prepared> Finish(
                   kFineNormalNeighbours,
                   prepared->fine.cloud);
   clock.lap("scale");
-  prepared->first = MakeWorking(prepared->fine, scales.voxel, options.mode != Mode::kLocal, clock);
+  const Refiner& refiner = RefinerOf(options);
+  prepared->fine.describe(refiner, clock);
+  prepared->first = MakeWorking(prepared->fine,
+                                scales.voxel,
+                                options.mode != Mode::kLocal,
+                                options.mode == Mode::kGlobal ? &refiner : nullptr,
+                                clock);
   return prepared;
 }
 
@@ -298,6 +320,19 @@ void RegisterPrepared(const Prepared& target,
                       StageClock& clock) {
   const Level& fineTarget = target.fine;
   const Level& fineSource = source.fine;
+  const Refiner& refiner = RefinerOf(options);
+  // Clouds prepared for another refiner lack this one's extras: made here once for all the tries.
+  auto refining = [&refiner](const Level& level, std::unique_ptr<CloudExtras>& own) {
+    RefineCloud view = level.refining();
+    if (view.extras == nullptr) {
+      own = refiner.Describe(level.cloud, *level.tree);
+      view.extras = own.get();
+    }
+    return view;
+  };
+  std::unique_ptr<CloudExtras> ownTargetExtras, ownSourceExtras;
+  const RefineCloud refineTarget = refining(fineTarget, ownTargetExtras);
+  const RefineCloud refineSource = refining(fineSource, ownSourceExtras);
   const double spacing = scales.spacing;
   const double v = scales.voxel;
   const double fineVoxel = scales.fineVoxel;
@@ -335,8 +370,11 @@ void RegisterPrepared(const Prepared& target,
       tr.source = &source.first;
     } else {
       const bool describe = options.mode != Mode::kLocal;
-      tr.ownTarget = std::make_unique<Working>(MakeWorking(fineTarget, tryVoxel, describe, clock));
-      tr.ownSource = std::make_unique<Working>(MakeWorking(fineSource, tryVoxel, describe, clock));
+      const Refiner* tryRefiner = options.mode == Mode::kGlobal ? &refiner : nullptr;
+      tr.ownTarget =
+          std::make_unique<Working>(MakeWorking(fineTarget, tryVoxel, describe, tryRefiner, clock));
+      tr.ownSource =
+          std::make_unique<Working>(MakeWorking(fineSource, tryVoxel, describe, tryRefiner, clock));
       tr.target = tr.ownTarget.get();
       tr.source = tr.ownSource.get();
     }
@@ -390,29 +428,23 @@ void RegisterPrepared(const Prepared& target,
       IcpParams coarse = ip;
       coarse.maxDistance = kFineIcpDistance * static_cast<float>(tryVoxel);
       coarse.kernel = tryVoxel;
-      tr.best.pose = RefinePointToPlane(
-                         fineSource.cloud, fineTarget.cloud, *fineTarget.tree, tr.best.pose, coarse)
-                         .pose;
+      tr.best.pose = refiner.Refine(refineSource, refineTarget, tr.best.pose, coarse).pose;
     }
     Pose pose = tr.best.pose;
     double residual = 0.0;
     if (options.mode == Mode::kEvaluate) {
       IcpParams probe = ip;
       probe.maxIterations = 1;  // the residual of the pose as given; the step is not taken
-      residual =
-          RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, pose, probe)
-              .residualScale;
+      residual = refiner.Refine(refineSource, refineTarget, pose, probe).residualScale;
     } else {
-      const IcpOutcome wide =
-          RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, pose, ip);
+      const IcpOutcome wide = refiner.Refine(refineSource, refineTarget, pose, ip);
       // Then narrow to the residuals the data shows: clean scans settle on their exact overlap,
       // noisy sensors keep a kernel as wide as their noise.
       IcpParams narrow = ip;
       narrow.kernel = std::max(kNarrowKernel * wide.residualScale, kNarrowFloor * fineVoxel);
       narrow.maxDistance = static_cast<float>(std::max(kNarrowDistance * narrow.kernel, fineVoxel));
       narrow.maxIterations = 30;
-      const IcpOutcome settled = RefinePointToPlane(
-          fineSource.cloud, fineTarget.cloud, *fineTarget.tree, wide.pose, narrow);
+      const IcpOutcome settled = refiner.Refine(refineSource, refineTarget, wide.pose, narrow);
       pose = settled.pose;
       residual = settled.residualScale;
     }
@@ -449,8 +481,7 @@ void RegisterPrepared(const Prepared& target,
     const double score = Score(evidence.overlap);
     for (const Candidate& c : tr.candidates) {
       if (!distinct(c.pose, pose, tryVoxel)) continue;
-      const Pose rival =
-          RefinePointToPlane(fineSource.cloud, fineTarget.cloud, *fineTarget.tree, c.pose, ip).pose;
+      const Pose rival = refiner.Refine(refineSource, refineTarget, c.pose, ip).pose;
       if (!distinct(rival, pose, tryVoxel)) break;
       seen.push_back({rival,
                       Score(MeasureOverlap(fineSource.cloud,

@@ -9,6 +9,7 @@
 
 #include <Eigen/Core>
 
+#include "engine/refine.hpp"
 #include "engine/verdict.hpp"
 
 // The registration engine. It keeps its own normals, voxel grid and RANSAC beside the library's
@@ -52,6 +53,7 @@ struct Options {
   int32_t maxTries = 3;  // 1 to kMaxTries
   int32_t maxRansacIterations = 100000;
   double ransacConfidence = 0.999;
+  RefineMethod refine = RefineMethod::kPointToPlane;  // dense refinement (and coarse ICP)
 };
 
 struct StageTime {

@@ -60,9 +60,10 @@ SharedFrame::SharedFrame(const std::vector<CloudView>& clouds, bool sensorOrigin
   }
   for (CloudView& view : views_) {
     // Viewpoints are in the caller's frame; a sensor at a cloud's zero is at -origin here.
+    // An organized frame without one was taken from its own zero, as Sanitize takes it.
     if (view.hasViewpoint) {
       view.viewpoint -= origin_;
-    } else if (sensorOrigin && moved()) {
+    } else if ((sensorOrigin || view.height > 1) && moved()) {
       view.hasViewpoint = true;
       view.viewpoint = -origin_;
     }

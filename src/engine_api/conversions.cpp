@@ -38,6 +38,10 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
     return "ransac_confidence must lie strictly between 0 and 1";
   }
   if (in.sensor_origin != 0 && in.sensor_origin != 1) return "sensor_origin must be 0 or 1";
+  if (in.refine != QORV_ENGINE_REFINE_PLANE && in.refine != QORV_ENGINE_REFINE_GICP) {
+    return "refine must be QORV_ENGINE_REFINE_PLANE (0) or QORV_ENGINE_REFINE_GICP (1), not " +
+           std::to_string(in.refine);
+  }
   if (in.mode != QORV_ENGINE_MODE_GLOBAL && !in.has_initial) {
     return "the local and evaluate modes need an initial transform (has_initial = 1)";
   }
@@ -67,6 +71,8 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   out.maxRansacIterations = in.max_ransac_iterations;
   out.ransacConfidence = in.ransac_confidence;
   out.sensorOrigin = in.sensor_origin != 0;
+  out.refine = in.refine == QORV_ENGINE_REFINE_GICP ? RefineMethod::kGeneralized
+                                                    : RefineMethod::kPointToPlane;
   return {};
 }
 

@@ -49,6 +49,7 @@ QORV_ENGINE_API void QorvEngineDefaultOptionsOfSize(QorvEngineOptions* options,
   full.ransac_confidence = defaults.ransacConfidence;
   full.sensor_origin = defaults.sensorOrigin ? 1 : 0;
   full.cloud_size = sizeof(QorvEngineCloud);
+  full.refine = QORV_ENGINE_REFINE_PLANE;
   // A newer caller's fields past ours are zeroed; an older caller gets only what it has room for.
   const size_t known = std::min<size_t>(struct_size, sizeof(full));
   if (struct_size > sizeof(full)) std::memset(options, 0, struct_size);

@@ -11,8 +11,8 @@
 
 #include <qorv/engine.h>
 
-#include "engine/icp.hpp"
 #include "engine/normals.hpp"
+#include "engine/refine.hpp"
 #include "engine/scale.hpp"
 #include "engine/voxel_grid.hpp"
 #include "support/clouds.hpp"

@@ -50,6 +50,7 @@ TEST(EngineApi, VersionAndDefaults) {
   EXPECT_EQ(o.struct_size, sizeof(QorvEngineOptions));
   EXPECT_EQ(o.mode, QORV_ENGINE_MODE_GLOBAL);
   EXPECT_GE(o.point_budget, 1000);
+  EXPECT_EQ(o.refine, QORV_ENGINE_REFINE_PLANE);
   EXPECT_EQ(o.initial[0] * o.initial[5] * o.initial[10] * o.initial[15], 1.0);
   QorvEngineDefaultOptions(nullptr);  // no crash
 }
@@ -93,6 +94,11 @@ TEST(EngineApi, RefusesBadArgumentsWithAMessageAndLeavesTheResult) {
         o.initial[0] = 2.0;  // a scaling, not a rotation
       },
       "non-rigid guess");
+  QorvEngineOptions unknownRefine = defaults;
+  unknownRefine.refine = 2;
+  ExpectRefused(kInvalid, &good, &good, &unknownRefine, "unknown refinement");
+  EXPECT_NE(std::string(QorvEngineLastError()).find("refine must be"), std::string::npos)
+      << QorvEngineLastError();
 }
 
 TEST(EngineApi, CloudsWithoutEnoughFinitePointsAreErrors) {

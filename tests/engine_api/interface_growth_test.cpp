@@ -167,6 +167,24 @@ TEST(InterfaceGrowth, OlderAndNewerCallersStructsAreReadAndWrittenWithinTheirSiz
   // Scan 2 is scan 0 again: its pose is the identity, which strided reading gets right only.
   for (int i = 0; i < 16; ++i) EXPECT_NEAR(poses[32 + i], i % 5 == 0 ? 1.0 : 0.0, 1e-4) << i;
 
+  // Options of version 3 before the refinement choice: they register with the default, the bits of
+  // an explicit point-to-plane request, whatever lies past their end.
+  constexpr size_t kOptionsBeforeRefine = offsetof(QorvEngineOptions, refine);
+  QorvEngineOptions current;
+  QorvEngineDefaultOptions(&current);
+  current.refine = QORV_ENGINE_REFINE_PLANE;
+  current.cloud_size = sizeof(CloudV2);
+  QorvEngineOptions shorter = current;
+  shorter.struct_size = kOptionsBeforeRefine;
+  shorter.refine = 12345;  // beyond the caller's struct: never read
+  QorvEngineResult fromCurrent{}, fromShorter{};
+  fromCurrent.struct_size = fromShorter.struct_size = sizeof(QorvEngineResult);
+  const auto* turned = reinterpret_cast<const QorvEngineCloud*>(&scans[1]);
+  ASSERT_EQ(QorvEngineRegister(asCloud, turned, &current, &fromCurrent), QORV_ENGINE_OK);
+  ASSERT_EQ(QorvEngineRegister(asCloud, turned, &shorter, &fromShorter), QORV_ENGINE_OK)
+      << QorvEngineLastError();
+  EXPECT_EQ(0, std::memcmp(fromCurrent.transform, fromShorter.transform, sizeof(double) * 16));
+
   // A cloud size below any version is refused.
   QorvEngineOptions bad;
   QorvEngineDefaultOptions(&bad);

@@ -399,6 +399,17 @@ def test_register_json(tmp_path, moved_bunny, bunny):
     assert head[:8] == b"\x89PNG\r\n\x1a\n" and struct.unpack(">II", head[16:24]) == (1200, 600)
 
 
+def test_register_with_generalized_icp(moved_bunny):
+    path, r, t = moved_bunny
+    doc, _ = run_json("register", BUNNY, path, "--refine", "gicp", "--threads", 2)
+    assert doc["registered"] is True and doc["refine"] == "gicp"
+    assert_recovered(doc, r, t)
+    assert "engine: covariances" in [s["name"] for s in doc["stages"]]
+    plane, _ = run_json("register", BUNNY, path)
+    assert plane["refine"] == "plane"
+    fail("register", BUNNY, path, "--refine", "icp", status=2, message="--refine: icp not in {plane,gicp}")
+
+
 def test_register_text_and_the_seed(moved_bunny):
     path, r, t = moved_bunny
     text = run("register", BUNNY, path, "--voxel", 0.5, "--seed", 7).stdout

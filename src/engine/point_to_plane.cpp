@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 // Copyright (c) 2026 The Qorv developers
-#include "engine/icp.hpp"
-
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <vector>
 
 #include <Eigen/Cholesky>
 #include <Eigen/Geometry>
 
+#include "engine/refine.hpp"
 #include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
@@ -20,16 +20,6 @@ struct Normal6 {
   double weight = 0.0, weightedSq = 0.0;
   int32_t pairs = 0;
 };
-
-Pose Increment(const Eigen::Matrix<double, 6, 1>& x) {
-  Pose step = Pose::Identity();
-  const Eigen::Vector3d omega = x.head<3>();
-  const double angle = omega.norm();
-  if (angle > 0.0)
-    step.topLeftCorner<3, 3>() = Eigen::AngleAxisd(angle, omega / angle).toRotationMatrix();
-  step.topRightCorner<3, 1>() = x.tail<3>();
-  return step;
-}
 
 }  // namespace
 
@@ -93,10 +83,28 @@ IcpOutcome RefinePointToPlane(const Cloud& source,
     sum.ata.diagonal().array() += damping;
     const Eigen::Matrix<double, 6, 1> x = sum.ata.ldlt().solve(sum.atb);
     if (!x.allFinite()) break;
-    out.pose = Increment(x) * out.pose;
+    out.pose = IncrementOf(x) * out.pose;
     if (x.head<3>().norm() < params.stopAngle && x.tail<3>().norm() < params.stopShift) break;
   }
   return out;
+}
+
+namespace {
+
+class PointToPlaneRefiner final : public Refiner {
+ public:
+  IcpOutcome Refine(const RefineCloud& source,
+                    const RefineCloud& target,
+                    const Pose& initial,
+                    const IcpParams& params) const override {
+    return RefinePointToPlane(*source.cloud, *target.cloud, *target.tree, initial, params);
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<Refiner> MakePointToPlaneRefiner() {
+  return std::make_unique<PointToPlaneRefiner>();
 }
 
 }  // namespace qorv::engine

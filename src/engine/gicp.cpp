@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#include "engine/gicp.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+
+#include <Eigen/Cholesky>
+#include <Eigen/Eigenvalues>
+#include <Eigen/LU>
+
+#include "runtime/parallel_for.hpp"
+
+namespace qorv::engine {
+namespace {
+
+constexpr int32_t kBlock = 1024;
+
+struct Covariances final : CloudExtras {
+  std::vector<Eigen::Matrix3d> perPoint;
+};
+
+Eigen::Matrix3d Skew(const Eigen::Vector3d& v) {
+  Eigen::Matrix3d m;
+  m << 0.0, -v.z(), v.y(), v.z(), 0.0, -v.x(), -v.y(), v.x(), 0.0;
+  return m;
+}
+
+// The covariances of a refinement cloud: the ones Describe made, else made here for this call.
+const std::vector<Eigen::Matrix3d>& CovariancesOf(const RefineCloud& in,
+                                                  std::unique_ptr<Covariances>& own) {
+  if (const auto* made = dynamic_cast<const Covariances*>(in.extras)) return made->perPoint;
+  own = std::make_unique<Covariances>();
+  if (in.tree != nullptr) {
+    own->perPoint = GicpCovariances(*in.cloud, *in.tree);
+  } else {
+    const PointKdTree tree(in.cloud->points.data(), in.cloud->size());
+    own->perPoint = GicpCovariances(*in.cloud, tree);
+  }
+  return own->perPoint;
+}
+
+class GeneralizedRefiner final : public Refiner {
+ public:
+  std::unique_ptr<CloudExtras> Describe(const Cloud& cloud,
+                                        const PointKdTree& tree) const override {
+    auto out = std::make_unique<Covariances>();
+    out->perPoint = GicpCovariances(cloud, tree);
+    return out;
+  }
+
+  IcpOutcome Refine(const RefineCloud& source,
+                    const RefineCloud& target,
+                    const Pose& initial,
+                    const IcpParams& params) const override {
+    IcpOutcome out;
+    out.pose = initial;
+    if (source.cloud->size() == 0 || target.tree->size() == 0) return out;
+    std::unique_ptr<Covariances> ownSource, ownTarget;
+    const std::vector<Eigen::Matrix3d>& cs = CovariancesOf(source, ownSource);
+    const std::vector<Eigen::Matrix3d>& ct = CovariancesOf(target, ownTarget);
+    for (int32_t iteration = 0; iteration < params.maxIterations; ++iteration) {
+      GicpSystem sum =
+          GicpStep(*source.cloud, cs, *target.cloud, ct, *target.tree, out.pose, params);
+      out.pairs = sum.pairs;
+      out.residualScale = sum.weight > 0.0 ? std::sqrt(sum.weightedSq / sum.weight) : 0.0;
+      out.iterations = iteration + 1;
+      if (sum.pairs < 6) break;
+      // As for point-to-plane: a touch of damping keeps unconstrained directions still.
+      const double damping = 1e-9 * std::max(1.0, sum.hessian.trace());
+      sum.hessian.diagonal().array() += damping;
+      const Eigen::Matrix<double, 6, 1> x = sum.hessian.ldlt().solve(sum.gradient);
+      if (!x.allFinite()) break;
+      out.pose = IncrementOf(x) * out.pose;
+      if (x.head<3>().norm() < params.stopAngle && x.tail<3>().norm() < params.stopShift) break;
+    }
+    return out;
+  }
+};
+
+}  // namespace
+
+std::vector<Eigen::Matrix3d> GicpCovariances(const Cloud& cloud, const PointKdTree& tree) {
+  const int32_t n = cloud.size();
+  std::vector<Eigen::Matrix3d> out(static_cast<size_t>(n), Eigen::Matrix3d::Identity());
+  const Eigen::Vector3d flat(kGicpFlatness, 1.0, 1.0);  // eigenvalues in increasing order
+  ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
+    int32_t found[kGicpNeighbours];
+    float distSq[kGicpNeighbours];
+    for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
+      const size_t count =
+          tree.knnSearch(cloud.points.col(i).data(), kGicpNeighbours, found, distSq);
+      if (count < 3) continue;
+      Eigen::Vector3d mean = Eigen::Vector3d::Zero();
+      for (size_t j = 0; j < count; ++j) mean += cloud.points.col(found[j]).cast<double>();
+      mean /= static_cast<double>(count);
+      Eigen::Matrix3d cov = Eigen::Matrix3d::Zero();
+      for (size_t j = 0; j < count; ++j) {
+        const Eigen::Vector3d d = cloud.points.col(found[j]).cast<double>() - mean;
+        cov.noalias() += d * d.transpose();
+      }
+      Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver;
+      solver.computeDirect(cov);
+      if (solver.info() != Eigen::Success) continue;
+      const Eigen::Matrix3d& v = solver.eigenvectors();
+      out[static_cast<size_t>(i)] = v * flat.asDiagonal() * v.transpose();
+    }
+  });
+  return out;
+}
+
+GicpSystem GicpStep(const Cloud& source,
+                    const std::vector<Eigen::Matrix3d>& sourceCovariances,
+                    const Cloud& target,
+                    const std::vector<Eigen::Matrix3d>& targetCovariances,
+                    const PointKdTree& targetTree,
+                    const Pose& pose,
+                    const IcpParams& params) {
+  const int32_t n = source.size();
+  const int32_t blocks = (n + kBlock - 1) / kBlock;
+  std::vector<GicpSystem> parts(static_cast<size_t>(blocks));
+  const float maxSq = params.maxDistance * params.maxDistance;
+  const double kernelSq = params.kernel * params.kernel;
+  const Eigen::Matrix3d rd = pose.topLeftCorner<3, 3>();
+  const Eigen::Matrix3f r = rd.cast<float>();
+  const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();
+  ForBlocks(blocks, [&](int32_t block) {
+    GicpSystem part;
+    for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
+      const Eigen::Vector3f p = r * source.points.col(i) + shift;
+      int32_t nearest = -1;
+      float distSq = 0.0f;
+      if (targetTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < maxSq)) continue;
+      const Eigen::Vector3d pd = p.cast<double>();
+      const Eigen::Vector3d d = target.points.col(nearest).cast<double>() - pd;
+      const Eigen::Matrix3d combined =
+          targetCovariances[static_cast<size_t>(nearest)] +
+          rd * sourceCovariances[static_cast<size_t>(i)] * rd.transpose();
+      const Eigen::Matrix3d w = (2.0 * kGicpFlatness) * combined.inverse();
+      const double rSq = d.dot(w * d);
+      if (!std::isfinite(rSq)) continue;
+      const double e = kernelSq / (kernelSq + rSq);
+      const double robust = e * e;
+      // d after the update x: d + [p]x omega - shift, so its Jacobian is [ [p]x | -I ].
+      Eigen::Matrix<double, 3, 6> j;
+      j.leftCols<3>() = Skew(pd);
+      j.rightCols<3>() = -Eigen::Matrix3d::Identity();
+      const Eigen::Matrix<double, 6, 3> jtw = j.transpose() * w;
+      part.hessian.noalias() += robust * jtw * j;
+      part.gradient.noalias() -= robust * jtw * d;
+      part.weight += robust;
+      part.weightedSq += robust * rSq;
+      ++part.pairs;
+    }
+    parts[static_cast<size_t>(block)] = part;
+  });
+  GicpSystem sum;
+  for (const GicpSystem& part : parts) {
+    sum.hessian += part.hessian;
+    sum.gradient += part.gradient;
+    sum.weight += part.weight;
+    sum.weightedSq += part.weightedSq;
+    sum.pairs += part.pairs;
+  }
+  return sum;
+}
+
+std::unique_ptr<Refiner> MakeGeneralizedRefiner() { return std::make_unique<GeneralizedRefiner>(); }
+
+}  // namespace qorv::engine

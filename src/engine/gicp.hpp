@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <Eigen/Core>
+
+#include "engine/refine.hpp"
+
+namespace qorv::engine {
+
+// Generalized ICP (plane-to-plane). Each point carries the covariance of its neighbourhood with the
+// spread along its normal flattened to kGicpFlatness and the spread along the surface set to 1, so
+// a pair weighs the residual d = q - T p by (C_q + R C_p R^T)^-1: across both surfaces strongly,
+// along them hardly at all.
+constexpr int32_t kGicpNeighbours = 20;
+constexpr double kGicpFlatness = 1e-3;
+
+// Per-point covariances of a cloud, from its kGicpNeighbours nearest points (the point itself
+// among them); tree indexes cloud.points. A point with fewer than 3 neighbours gets the identity.
+std::vector<Eigen::Matrix3d> GicpCovariances(const Cloud& cloud, const PointKdTree& tree);
+
+// The Gauss-Newton system of one step at `pose`: for every source point whose nearest target
+// point lies within maxDistance, the residual d = q - T p is measured by
+// r^2 = d^T W d, W = 2 kGicpFlatness (C_q + R C_p R^T)^-1 (scaled so that two coplanar patches
+// give r = their distance along the normal: the kernel is a length, as for point-to-plane), and
+// weighed by Geman-McClure w = (k^2 / (k^2 + r^2))^2. The update x = (rotation vector, shift)
+// applied as Increment(x) * pose solves hessian x = gradient. Summed in fixed blocks of source
+// points, so the same bits for any thread count.
+struct GicpSystem {
+  Eigen::Matrix<double, 6, 6> hessian = Eigen::Matrix<double, 6, 6>::Zero();
+  Eigen::Matrix<double, 6, 1> gradient = Eigen::Matrix<double, 6, 1>::Zero();
+  double weight = 0.0;      // sum of w
+  double weightedSq = 0.0;  // sum of w r^2
+  int32_t pairs = 0;
+};
+GicpSystem GicpStep(const Cloud& source,
+                    const std::vector<Eigen::Matrix3d>& sourceCovariances,
+                    const Cloud& target,
+                    const std::vector<Eigen::Matrix3d>& targetCovariances,
+                    const PointKdTree& targetTree,
+                    const Pose& pose,
+                    const IcpParams& params);
+
+}  // namespace qorv::engine
