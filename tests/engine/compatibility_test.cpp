@@ -10,7 +10,7 @@
 #include <Eigen/Geometry>
 #include <gtest/gtest.h>
 
-#include "engine/parallel.hpp"
+#include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
 namespace {
