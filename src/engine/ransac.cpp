@@ -197,7 +197,16 @@ std::vector<Hypothesis> EstimateByRansac(const Cloud& source,
   std::stable_sort(kept.begin(), kept.end(), [](const Hypothesis& x, const Hypothesis& y) {
     return x.inliers > y.inliers;
   });
-  return kept;
+  // Refits can pull two hypotheses onto one motion: keep the better of such twins.
+  std::vector<Hypothesis> distinct;
+  for (const Hypothesis& h : kept) {
+    const bool twin = std::any_of(distinct.begin(), distinct.end(), [&](const Hypothesis& other) {
+      return RotationBetween(h.pose, other.pose) < params.distinctAngle &&
+             ShiftBetween(h.pose, other.pose, params.centre) < params.distinctShift;
+    });
+    if (!twin) distinct.push_back(h);
+  }
+  return distinct;
 }
 
 }  // namespace qorv::engine
