@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "cloud_io.hpp"
+#include "manifest.hpp"
 #include "rigid.hpp"
 #include "session.hpp"
 
@@ -53,21 +54,13 @@ void SetInitial(BatchPair& pair, const std::string& text) {
 }  // namespace
 
 std::vector<BatchPair> ReadManifest(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw ToolError("cannot open manifest '" + path + "': " + std::strerror(errno));
   std::vector<BatchPair> pairs;
-  std::string line;
-  int64_t number = 0;
   int targetColumn = -1, sourceColumn = -1, initialColumn = -1;
   bool json = false, header = false;
-  while (std::getline(in, line)) {
-    ++number;
-    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    const std::string where = "manifest '" + path + "' line " + std::to_string(number);
-    if (!header && !json && line.find_first_not_of(" \t") != std::string::npos &&
-        line[line.find_first_not_of(" \t")] == '{') {
-      json = true;
-    }
+  for (const ManifestLine& entry : ReadManifestLines(path)) {
+    const std::string& line = entry.text;
+    const std::string& where = entry.where;
+    if (!header && !json && line[line.find_first_not_of(" \t")] == '{') json = true;
     BatchPair pair;
     pair.index = static_cast<int64_t>(pairs.size());
     if (json) {
@@ -118,14 +111,8 @@ std::vector<BatchPair> ReadManifest(const std::string& path) {
         SetInitial(pair, cells[static_cast<size_t>(initialColumn)]);
       }
     }
-    // A relative path in a manifest is relative to the manifest, as in a playlist.
-    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-    auto resolve = [&](const std::string& p) {
-      const std::filesystem::path given(p);
-      return given.is_absolute() ? p : (folder / given).lexically_normal().string();
-    };
-    pair.targetPath = resolve(pair.target);
-    pair.sourcePath = resolve(pair.source);
+    pair.targetPath = ResolveBeside(path, pair.target);
+    pair.sourcePath = ResolveBeside(path, pair.source);
     pairs.push_back(pair);
   }
   if (pairs.empty()) throw ToolError("manifest '" + path + "' lists no pair");

@@ -10,6 +10,7 @@
 #include <qorv/engine_multiway.h>
 
 #include "commands.hpp"
+#include "manifest.hpp"
 
 #include <nlohmann/json.hpp>
 #include <unistd.h>
@@ -71,14 +72,11 @@ struct MultiwayOptions {
   MultiwayOptions() { QorvEngineDefaultOptions(&engine); }
 };
 
+// The scans a manifest lists, one a line, relative to the manifest.
 std::vector<std::string> ManifestScans(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw ToolError("cannot open manifest '" + path + "'");
   std::vector<std::string> scans;
-  for (std::string line; std::getline(in, line);) {
-    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-    if (!line.empty() && line[0] != '#') scans.push_back(line);
-  }
+  for (const ManifestLine& line : ReadManifestLines(path))
+    scans.push_back(ResolveBeside(path, line.text));
   return scans;
 }
 

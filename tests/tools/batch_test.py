@@ -145,8 +145,12 @@ def test_multiway_reports_a_stranger_unplaced_and_exits_4(tmp_path):
     doc = json.loads(out.read_text())
     assert [s["placed"] for s in doc["scans"]] == [True, False, True, True]
     assert "pose" not in doc["scans"][1] and doc["summary"]["unplaced"] == 1
-    allowed = subprocess.run([CLI, "multiway", *map(str, paths), "--output", str(out), "--allow-unplaced",
-                              "--reference", "2"], capture_output=True, text=True, timeout=300)
+    # The same scans listed in a manifest, by paths relative to it, run from another folder.
+    listed = tmp_path / "lists" / "scans.txt"
+    listed.parent.mkdir()
+    listed.write_text("# the views and a stranger\n" + "\n".join(f"../{p.name}" for p in paths) + "\n")
+    allowed = subprocess.run([CLI, "multiway", "--manifest", str(listed), "--output", str(out), "--allow-unplaced",
+                              "--reference", "2"], capture_output=True, text=True, timeout=300, cwd="/")
     assert allowed.returncode == 0, allowed.stderr
     assert np.allclose(json.loads(out.read_text())["scans"][2]["pose"], np.eye(4))
 
