@@ -26,6 +26,7 @@ CompatibilityGraph BuildCompatibility(const Cloud& source,
     s.col(i) = source.points.col(matches[static_cast<size_t>(i)].source);
     t.col(i) = target.points.col(matches[static_cast<size_t>(i)].target);
   }
+  // Matches a block; each match's list is its own, so the size only splits the work.
   constexpr int32_t kBlock = 32;
   const int32_t blocks = (m + kBlock - 1) / kBlock;
   std::vector<std::vector<int32_t>> lists(static_cast<size_t>(m));

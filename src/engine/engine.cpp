@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cmath>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include <Eigen/LU>
 
@@ -26,7 +28,8 @@
 namespace qorv::engine {
 namespace {
 
-// Lengths of one try, all in units of its voxel v (refinement lengths in the fine voxel).
+// Lengths of one try, all in units of its voxel v (refinement lengths in the refinement unit,
+// Scales::refineUnit).
 constexpr float kNormalRadius = 2.5f;
 constexpr int32_t kNormalNeighbours = 30;
 constexpr int32_t kFineNormalNeighbours = 12;
@@ -41,18 +44,34 @@ constexpr float kCoarseIcpDistance = 2.0f;
 constexpr float kFineIcpDistance = 3.0f;
 constexpr double kFineKernel = 2.0;
 constexpr double kNarrowKernel = 3.0;    // x the residual scale of the wide pass
-constexpr double kNarrowFloor = 0.25;    // x the fine voxel
+constexpr double kNarrowFloor = 0.25;    // x the refinement unit
 constexpr double kNarrowDistance = 2.0;  // x the narrow kernel
-// The verdict's inlier distance: kVerdictNoise x the refined residual, kept between
-// kVerdictSpacing and kVerdictSpacingMax x the refinement clouds' spacing.
+
+// Lengths of the fine-scale evidence. The verdict's inlier distance is kVerdictNoise x the
+// refined residual, kept between kVerdictSpacing and kVerdictSpacingMax x the refinement clouds'
+// spacing, so that it never grows with the working voxel.
+// 3 residual scales take in nearly all of a right answer's noise, as three standard deviations do.
 constexpr double kVerdictNoise = 3.0;
+// Two clouds sample a surface at different places: on a right answer a point's nearest neighbour
+// in the other cloud can lie about a spacing away, more across a slope. 2.5 spacings keep those
+// pairs in when the residual of clean scans is near 0.
 constexpr double kVerdictSpacing = 2.5;
+// However noisy the sensor, a few spacings at most: a longer distance lets surfaces slid along
+// each other count as overlap, which is how wrong motions used to pass.
 constexpr double kVerdictSpacingMax = 5.0;
-constexpr double kPlaneFloor = 0.5;       // x the spacing: least plane distance that agrees
-constexpr float kVerdictNear = 3.0f;      // x the inlier distance: structure near enough to judge
-constexpr float kFreeSpaceMargin = 2.0f;  // x the inlier distance
-constexpr double kScreenOverlap = 0.5;    // x the verdict's overlap: below it, no dense refinement
-constexpr double kSpacingFloor = 1.5;     // the matching voxel is never below 1.5 x the spacing
+// x the spacing: the least distance off the target's plane that still agrees. Clean scans refine
+// to a residual near 0, and their normals, estimated over sampled patches, are not exact either.
+constexpr double kPlaneFloor = 0.5;
+// x the inlier distance: structure this near counts as nearby, the constraint a right motion
+// would have met. Near enough to belong to the overlap, far enough to see a post or a corner left
+// standing beside what it should meet.
+constexpr float kVerdictNear = 3.0f;
+// x the inlier distance: a point counts as seen through only when it lies further than this in
+// front of the surface the sensor saw, beyond what noise and the tangent-plane estimate of that
+// surface's range put there.
+constexpr float kFreeSpaceMargin = 2.0f;
+
+constexpr double kSpacingFloor = 1.5;  // the matching voxel is never below 1.5 x the spacing
 constexpr int32_t kMinPoints = 5;
 constexpr double kDistinctAngle =
     0.175;                              // radians (10 degrees): motions further apart are distinct
@@ -60,6 +79,30 @@ constexpr double kDistinctShift = 5.0;  // voxels: likewise for translations
 // Scale of each try in turn while the verdict is negative: coarser (noise), then finer (small
 // clouds).
 constexpr double kTryScales[kMaxTries] = {1.0, 1.6, 1.0 / 1.6, 2.5, 1.0 / 2.5, 4.0, 1.0 / 4.0, 6.0};
+
+// What a registration does in each mode: global matches features and refines RANSAC's hypotheses
+// at up to kMaxTries scales, screening each answer before dense refinement; local refines from the
+// guess, pulled in first by a pass at the working scale; evaluate only measures the guess.
+struct Steps {
+  bool features;            // the working clouds carry features, and the pair's are matched
+  bool hypotheses;          // RANSAC hypotheses, refined at the working scale
+  bool retries;             // further scales while the verdict is negative
+  bool screen;              // a coarse judgement decides whether dense refinement is worth it
+  bool pullIn;              // a wide pass at the working scale before the dense passes
+  bool probe;               // the residual of the pose as given: no dense step is taken
+  int32_t denseIterations;  // of the wide dense pass (local mode starts further off)
+  bool countMatches;        // the verdict asks for consistent feature matches
+};
+
+const Steps& StepsOf(Mode mode) {
+  //                            features hypotheses retries screen pullIn probe iterations count
+  static constexpr Steps kGlobal{true, true, true, true, false, false, 20, true};
+  static constexpr Steps kLocal{false, false, false, false, true, false, 40, false};
+  static constexpr Steps kEvaluate{true, false, false, false, false, true, 20, true};
+  if (mode == Mode::kLocal) return kLocal;
+  if (mode == Mode::kEvaluate) return kEvaluate;
+  return kGlobal;
+}
 
 class StageClock {
  public:
@@ -161,7 +204,8 @@ void TryScale(TryResult& out, double v, const Options& options, StageClock& cloc
   out.targetSamples = target.cloud.size();
   out.sourceSamples = source.cloud.size();
   const float vf = static_cast<float>(v);
-  if (options.mode == Mode::kLocal) {
+  const Steps& steps = StepsOf(options.mode);
+  if (!steps.features) {
     out.best.pose = options.initial;
     return;
   }
@@ -187,7 +231,7 @@ void TryScale(TryResult& out, double v, const Options& options, StageClock& cloc
   auto chance = [&](const Pose& pose) {
     return ChanceMatches(source.cloud, target.cloud, matches, pose, kInlierDistance * vf);
   };
-  if (options.mode == Mode::kEvaluate) {
+  if (!steps.hypotheses) {
     out.best.pose = options.initial;
     out.consistentPairs = consistent(options.initial);
     out.chancePairs = chance(options.initial);
@@ -297,224 +341,340 @@ std::unique_ptr<Prepared> Finish(
   prepared->points = points;
   prepared->fine = std::move(fine);
   EstimateNormals(*prepared->fine.tree,
-                  kNormalRadius * static_cast<float>(scales.fineVoxel),
+                  kNormalRadius * static_cast<float>(scales.refineUnit),
                   kFineNormalNeighbours,
                   prepared->fine.cloud);
   clock.lap("scale");
   const Refiner& refiner = RefinerOf(options);
   prepared->fine.describe(refiner, clock);
-  prepared->first = MakeWorking(prepared->fine,
-                                scales.voxel,
-                                options.mode != Mode::kLocal,
-                                options.mode == Mode::kGlobal ? &refiner : nullptr,
-                                clock);
+  const Steps& steps = StepsOf(options.mode);
+  prepared->first = MakeWorking(
+      prepared->fine, scales.voxel, steps.features, steps.hypotheses ? &refiner : nullptr, clock);
   return prepared;
 }
 
-// Registers two prepared clouds: the tries, each densely refined and judged.
+// Clouds prepared for another refiner lack this one's extras: made here once for all the tries.
+RefineCloud RefiningWith(const Refiner& refiner,
+                         const Level& level,
+                         std::unique_ptr<CloudExtras>& own) {
+  RefineCloud view = level.refining();
+  if (view.extras == nullptr) {
+    own = refiner.Describe(level.cloud, *level.tree);
+    view.extras = own.get();
+  }
+  return view;
+}
+
+// What stays the same over the tries of one registration.
+struct Registration {
+  Registration(const Prepared& target, const Prepared& source, const Scales& s, const Options& o)
+      : fineTarget(target.fine),
+        fineSource(source.fine),
+        scales(s),
+        options(o),
+        steps(StepsOf(o.mode)),
+        refiner(RefinerOf(o)),
+        refineTarget(RefiningWith(refiner, target.fine, ownTargetExtras)),
+        refineSource(RefiningWith(refiner, source.fine, ownSourceExtras)),
+        targetSight(target.fine.cloud),
+        sourceSight(source.fine.cloud),
+        centre(source.fine.cloud.points.cast<double>().rowwise().mean()) {
+    if (!steps.countMatches) rules.minConsistentPairs = 0;
+  }
+
+  // Whether two motions are distinct answers for a try at voxel v.
+  bool Distinct(const Pose& a, const Pose& b, double v) const {
+    return RotationBetween(a, b) > kDistinctAngle ||
+           ShiftBetween(a, b, centre) > kDistinctShift * v;
+  }
+
+  const Level& fineTarget;
+  const Level& fineSource;
+  const Scales& scales;
+  const Options& options;
+  const Steps steps;
+  const Refiner& refiner;
+  std::unique_ptr<CloudExtras> ownTargetExtras, ownSourceExtras;
+  const RefineCloud refineTarget, refineSource;
+  VerdictRules rules;
+  // What each sensor saw, where its origin is known: a right motion puts no point of one scan in
+  // space the other sensor saw through.
+  const SensorView targetSight, sourceSight;
+  const Eigen::Vector3d centre;  // of the source: where shifts between motions are measured
+};
+
+// Whether the try at this scale is left out: never finer than the spacing allows, and a finer try
+// costs the square of its extra samples in matching: it is for small clouds, whose first try kept
+// well under the budget.
+bool SkipScale(int32_t attempt, double tryVoxel, int32_t firstSamples, const Registration& reg) {
+  if (attempt > 0 && tryVoxel < kSpacingFloor * reg.scales.spacing * 0.99) return true;
+  return kTryScales[attempt] < 1.0 && firstSamples * 2 > reg.options.pointBudget;
+}
+
+// The try's working clouds: the prepared ones at the first scale, made anew at the others.
+void OpenTry(TryResult& tr,
+             const Prepared& target,
+             const Prepared& source,
+             int32_t attempt,
+             double tryVoxel,
+             const Registration& reg,
+             StageClock& clock) {
+  if (attempt == 0) {
+    tr.target = &target.first;
+    tr.source = &source.first;
+    return;
+  }
+  const bool describe = reg.steps.features;
+  const Refiner* tryRefiner = reg.steps.hypotheses ? &reg.refiner : nullptr;
+  tr.ownTarget =
+      std::make_unique<Working>(MakeWorking(reg.fineTarget, tryVoxel, describe, tryRefiner, clock));
+  tr.ownSource =
+      std::make_unique<Working>(MakeWorking(reg.fineSource, tryVoxel, describe, tryRefiner, clock));
+  tr.target = tr.ownTarget.get();
+  tr.source = tr.ownSource.get();
+}
+
+// The smoother normals the fine-scale verdict judges a cloud with: its working-scale samples'.
+SmoothNormals SmoothOf(const Working& working) {
+  return {&working.level.cloud, working.level.tree.get()};
+}
+
+struct Screening {
+  bool refine = false;  // the answer may pass after dense refinement
+  Evidence coarse;      // measured at the working scale
+};
+
+// The coarse judgement of a try's answer at its working scale, so that dense refinement is kept
+// for answers that may pass.
+Screening ScreenTry(const TryResult& tr, double tryVoxel, const VerdictRules& rules) {
+  Screening out;
+  Evidence& coarse = out.coarse;
+  coarse.distance = kInlierDistance * tryVoxel;
+  coarse.overlap = MeasureOverlap(tr.source->level.cloud,
+                                  *tr.source->level.tree,
+                                  tr.target->level.cloud,
+                                  *tr.target->level.tree,
+                                  tr.best.pose,
+                                  static_cast<float>(coarse.distance),
+                                  kVerdictNear * static_cast<float>(coarse.distance));
+  coarse.consistentPairs = tr.consistentPairs;
+  coarse.chancePairs = tr.chancePairs;
+  out.refine = !tr.candidates.empty() && WorthRefining(coarse, rules);
+  return out;
+}
+
+// The parameters of the dense passes, in the refinement unit.
+IcpParams DenseParams(const Registration& reg) {
+  const double unit = reg.scales.refineUnit;
+  IcpParams ip;
+  ip.maxDistance = kFineIcpDistance * static_cast<float>(unit);
+  // The kernel is wider than the unit: sensor noise of a few spacings must still pull.
+  ip.kernel = kFineKernel * unit;
+  ip.maxIterations = reg.steps.denseIterations;
+  ip.stopShift = 1e-3 * unit;
+  return ip;
+}
+
+struct Refined {
+  Pose pose = Pose::Identity();
+  double residual = 0.0;  // residual scale of the last pass
+};
+
+// Dense refinement on the refinement clouds from a try's answer: a wide pass, then one narrowed to
+// the residuals it measured. Local mode pulls its guess in first with a pass at the working scale;
+// evaluate mode only measures the residual of the pose as given.
+Refined RefineDensely(const Pose& start, double tryVoxel, const Registration& reg) {
+  const IcpParams ip = DenseParams(reg);
+  const double unit = reg.scales.refineUnit;
+  const Refiner& refiner = reg.refiner;
+  Refined out;
+  out.pose = start;
+  if (reg.steps.pullIn) {
+    IcpParams coarse = ip;
+    coarse.maxDistance = kFineIcpDistance * static_cast<float>(tryVoxel);
+    coarse.kernel = tryVoxel;
+    out.pose = refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, coarse).pose;
+  }
+  if (reg.steps.probe) {
+    IcpParams probe = ip;
+    probe.maxIterations = 1;  // the residual of the pose as given; the step is not taken
+    out.residual =
+        refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, probe).residualScale;
+    return out;
+  }
+  const IcpOutcome wide = refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, ip);
+  // Then narrow to the residuals the data shows: clean scans settle on their exact overlap, noisy
+  // sensors keep a kernel as wide as their noise.
+  IcpParams narrow = ip;
+  narrow.kernel = std::max(kNarrowKernel * wide.residualScale, kNarrowFloor * unit);
+  narrow.maxDistance = static_cast<float>(std::max(kNarrowDistance * narrow.kernel, unit));
+  narrow.maxIterations = 30;
+  const IcpOutcome settled = refiner.Refine(reg.refineSource, reg.refineTarget, wide.pose, narrow);
+  out.pose = settled.pose;
+  out.residual = settled.residualScale;
+  return out;
+}
+
+// The evidence at the fine scale: its lengths follow the refinement clouds' spacing and the
+// residual noise the refinement measured, never the working voxel.
+Evidence GatherEvidence(const TryResult& tr, const Refined& refined, const Registration& reg) {
+  const double spacing = reg.scales.spacing;
+  const Level& fineSource = reg.fineSource;
+  const Level& fineTarget = reg.fineTarget;
+  Evidence evidence;
+  evidence.distance = std::clamp(
+      kVerdictNoise * refined.residual, kVerdictSpacing * spacing, kVerdictSpacingMax * spacing);
+  const float distance = static_cast<float>(evidence.distance);
+  evidence.overlap = MeasureOverlap(
+      fineSource.cloud,
+      *fineSource.tree,
+      fineTarget.cloud,
+      *fineTarget.tree,
+      refined.pose,
+      distance,
+      kVerdictNear * distance,
+      SmoothOf(*tr.source),
+      SmoothOf(*tr.target),
+      static_cast<float>(
+          std::clamp(kVerdictNoise * refined.residual, kPlaneFloor * spacing, evidence.distance)));
+  evidence.consistentPairs = tr.consistentPairs;
+  evidence.chancePairs = tr.chancePairs;
+  const float margin = kFreeSpaceMargin * distance;
+  evidence.freeSpaceConflict =
+      std::max(reg.targetSight.Conflict(fineSource.cloud, refined.pose, margin),
+               reg.sourceSight.Conflict(fineTarget.cloud, Pose(refined.pose.inverse()), margin));
+  return evidence;
+}
+
+// A densely refined answer and its fine-scale score.
+struct Seen {
+  Pose pose = Pose::Identity();
+  double score = 0.0;
+};
+
+// The try's best hypothesis distinct from its answer, refined the same way and scored at the same
+// scale (distance: the evidence's inlier distance). False when there is none, or when refinement
+// brings it onto the answer.
+bool FindRival(const TryResult& tr,
+               const Pose& answer,
+               double tryVoxel,
+               double distance,
+               const Registration& reg,
+               Seen& rival) {
+  for (const Candidate& c : tr.candidates) {
+    if (!reg.Distinct(c.pose, answer, tryVoxel)) continue;
+    const Pose pose =
+        reg.refiner.Refine(reg.refineSource, reg.refineTarget, c.pose, DenseParams(reg)).pose;
+    if (!reg.Distinct(pose, answer, tryVoxel)) return false;
+    rival.pose = pose;
+    rival.score = Score(MeasureOverlap(reg.fineSource.cloud,
+                                       *reg.fineSource.tree,
+                                       reg.fineTarget.cloud,
+                                       *reg.fineTarget.tree,
+                                       pose,
+                                       static_cast<float>(distance),
+                                       0.0f,
+                                       SmoothOf(*tr.source),
+                                       SmoothOf(*tr.target)));
+    return true;
+  }
+  return false;
+}
+
+// The answer's rival share among the answers seen so far: any try's may rival it (a symmetric
+// object seen two ways).
+double RivalShareAmong(const std::vector<Seen>& seen,
+                       const Pose& answer,
+                       double score,
+                       double tryVoxel,
+                       const Registration& reg) {
+  double share = 0.0;
+  for (const Seen& other : seen) {
+    if (reg.Distinct(other.pose, answer, tryVoxel))
+      share = std::max(share, RivalShare(score, other.score));
+  }
+  return share;
+}
+
+// The answer a registration reports: the best ranked of its tries.
+class BestAnswer {
+ public:
+  explicit BestAnswer(Outcome& result) : result_(result) {}
+
+  // Takes a try's answer when it ranks above the best so far.
+  void Offer(double rank,
+             const Pose& pose,
+             std::string reason,
+             const Evidence& evidence,
+             const TryResult& tr,
+             double tryVoxel) {
+    if (have_ && !(rank > rank_)) return;
+    have_ = true;
+    rank_ = rank;
+    result_.transform = pose;
+    result_.registered = reason.empty();
+    result_.reason = std::move(reason);
+    result_.evidence = evidence;
+    result_.matches = tr.matches;
+    result_.voxel = tryVoxel;
+    result_.targetSamples = tr.targetSamples;
+    result_.sourceSamples = tr.sourceSamples;
+  }
+
+ private:
+  Outcome& result_;
+  bool have_ = false;
+  double rank_ = -1.0;
+};
+
+// Registers two prepared clouds: the tries in turn, each screened, densely refined and judged,
+// until one passes.
 void RegisterPrepared(const Prepared& target,
                       const Prepared& source,
                       const Scales& scales,
                       const Options& options,
                       Outcome& result,
                       StageClock& clock) {
-  const Level& fineTarget = target.fine;
-  const Level& fineSource = source.fine;
-  const Refiner& refiner = RefinerOf(options);
-  // Clouds prepared for another refiner lack this one's extras: made here once for all the tries.
-  auto refining = [&refiner](const Level& level, std::unique_ptr<CloudExtras>& own) {
-    RefineCloud view = level.refining();
-    if (view.extras == nullptr) {
-      own = refiner.Describe(level.cloud, *level.tree);
-      view.extras = own.get();
-    }
-    return view;
-  };
-  std::unique_ptr<CloudExtras> ownTargetExtras, ownSourceExtras;
-  const RefineCloud refineTarget = refining(fineTarget, ownTargetExtras);
-  const RefineCloud refineSource = refining(fineSource, ownSourceExtras);
-  const double spacing = scales.spacing;
-  const double v = scales.voxel;
-  const double fineVoxel = scales.fineVoxel;
+  const Registration reg(target, source, scales, options);
   result.targetPoints = target.points;
   result.sourcePoints = source.points;
-  VerdictRules rules;
-  if (options.mode == Mode::kLocal) rules.minConsistentPairs = 0;  // no feature matches to count
-  // What each sensor saw, where its origin is known: a right motion puts no point of one scan in
-  // space the other sensor saw through.
-  const SensorView targetSight(fineTarget.cloud), sourceSight(fineSource.cloud);
-  bool haveBest = false;
-  double bestRank = -1.0;
-  struct Seen {
-    Pose pose;
-    double score;
-  };
+  BestAnswer best(result);
   std::vector<Seen> seen;  // densely refined answers of every try, with their fine-scale score
-  const Eigen::Vector3d centre = fineSource.cloud.points.cast<double>().rowwise().mean();
-  auto distinct = [&](const Pose& a, const Pose& b, double voxel) {
-    return RotationBetween(a, b) > kDistinctAngle ||
-           ShiftBetween(a, b, centre) > kDistinctShift * voxel;
-  };
-  const int32_t tries =
-      options.mode == Mode::kGlobal ? std::clamp(options.maxTries, 1, kMaxTries) : 1;
+  const int32_t tries = reg.steps.retries ? std::clamp(options.maxTries, 1, kMaxTries) : 1;
   int32_t firstSamples = 0;
   for (int32_t attempt = 0; attempt < tries; ++attempt) {
-    const double tryVoxel = v * kTryScales[attempt];
-    if (attempt > 0 && tryVoxel < kSpacingFloor * spacing * 0.99) continue;
-    // A finer try costs the square of its extra samples in matching: it is for small clouds,
-    // whose first try kept well under the budget.
-    if (kTryScales[attempt] < 1.0 && firstSamples * 2 > options.pointBudget) continue;
+    const double tryVoxel = scales.voxel * kTryScales[attempt];
+    if (SkipScale(attempt, tryVoxel, firstSamples, reg)) continue;
     TryResult tr;
-    if (attempt == 0) {
-      tr.target = &target.first;
-      tr.source = &source.first;
-    } else {
-      const bool describe = options.mode != Mode::kLocal;
-      const Refiner* tryRefiner = options.mode == Mode::kGlobal ? &refiner : nullptr;
-      tr.ownTarget =
-          std::make_unique<Working>(MakeWorking(fineTarget, tryVoxel, describe, tryRefiner, clock));
-      tr.ownSource =
-          std::make_unique<Working>(MakeWorking(fineSource, tryVoxel, describe, tryRefiner, clock));
-      tr.target = tr.ownTarget.get();
-      tr.source = tr.ownSource.get();
-    }
+    OpenTry(tr, target, source, attempt, tryVoxel, reg, clock);
     TryScale(tr, tryVoxel, options, clock);
     ++result.tries;
     if (attempt == 0) firstSamples = std::min(tr.targetSamples, tr.sourceSamples);
-    // Screening: an answer whose feature matches do not beat chance, or that shares too little at
-    // the working scale, is judged there; dense refinement is kept for answers that may pass.
-    if (options.mode == Mode::kGlobal) {
-      Evidence coarse;
-      coarse.distance = kInlierDistance * tryVoxel;
-      coarse.overlap = MeasureOverlap(tr.source->level.cloud,
-                                      *tr.source->level.tree,
-                                      tr.target->level.cloud,
-                                      *tr.target->level.tree,
-                                      tr.best.pose,
-                                      static_cast<float>(coarse.distance),
-                                      kVerdictNear * static_cast<float>(coarse.distance));
-      coarse.consistentPairs = tr.consistentPairs;
-      coarse.chancePairs = tr.chancePairs;
-      const double shared = std::min(coarse.overlap.fitness, coarse.overlap.targetOverlap);
-      if (tr.candidates.empty() || tr.consistentPairs < ConsistentFloor(tr.chancePairs, rules) ||
-          shared < kScreenOverlap * rules.minOverlap) {
-        const double rank = Score(coarse.overlap) - 1.0;  // below any answer judged densely
-        if (!haveBest || rank > bestRank) {
-          haveBest = true;
-          bestRank = rank;
-          result.transform = tr.best.pose;
-          result.registered = false;
-          result.reason = Decide(coarse, rules);
-          if (result.reason.empty()) result.reason = "no answer worth refining";
-          result.evidence = coarse;
-          result.matches = tr.matches;
-          result.voxel = tryVoxel;
-          result.targetSamples = tr.targetSamples;
-          result.sourceSamples = tr.sourceSamples;
-        }
+    if (reg.steps.screen) {
+      const Screening screening = ScreenTry(tr, tryVoxel, reg.rules);
+      if (!screening.refine) {
+        best.Offer(ScreenedRank(screening.coarse),
+                   tr.best.pose,
+                   ScreenedReason(screening.coarse, reg.rules),
+                   screening.coarse,
+                   tr,
+                   tryVoxel);
         clock.lap("verdict");
         continue;
       }
     }
-    // Dense refinement at the fine scale, then the verdict.
-    IcpParams ip;
-    ip.maxDistance = kFineIcpDistance * static_cast<float>(fineVoxel);
-    // The kernel is wider than the voxel: sensor noise of a few fine voxels must still pull.
-    ip.kernel = kFineKernel * fineVoxel;
-    ip.maxIterations = options.mode == Mode::kLocal ? 40 : 20;
-    ip.stopShift = 1e-3 * fineVoxel;
-    if (options.mode == Mode::kLocal) {
-      // Local mode starts from the guess: first a wide, coarse pass to pull in.
-      IcpParams coarse = ip;
-      coarse.maxDistance = kFineIcpDistance * static_cast<float>(tryVoxel);
-      coarse.kernel = tryVoxel;
-      tr.best.pose = refiner.Refine(refineSource, refineTarget, tr.best.pose, coarse).pose;
-    }
-    Pose pose = tr.best.pose;
-    double residual = 0.0;
-    if (options.mode == Mode::kEvaluate) {
-      IcpParams probe = ip;
-      probe.maxIterations = 1;  // the residual of the pose as given; the step is not taken
-      residual = refiner.Refine(refineSource, refineTarget, pose, probe).residualScale;
-    } else {
-      const IcpOutcome wide = refiner.Refine(refineSource, refineTarget, pose, ip);
-      // Then narrow to the residuals the data shows: clean scans settle on their exact overlap,
-      // noisy sensors keep a kernel as wide as their noise.
-      IcpParams narrow = ip;
-      narrow.kernel = std::max(kNarrowKernel * wide.residualScale, kNarrowFloor * fineVoxel);
-      narrow.maxDistance = static_cast<float>(std::max(kNarrowDistance * narrow.kernel, fineVoxel));
-      narrow.maxIterations = 30;
-      const IcpOutcome settled = refiner.Refine(refineSource, refineTarget, wide.pose, narrow);
-      pose = settled.pose;
-      residual = settled.residualScale;
-    }
+    const Refined refined = RefineDensely(tr.best.pose, tryVoxel, reg);
     clock.lap("refine");
-    // The verdict at the fine scale: its lengths follow the refinement clouds' spacing and the
-    // residual noise ICP measured, never the working voxel.
-    Evidence evidence;
-    evidence.distance = std::clamp(
-        kVerdictNoise * residual, kVerdictSpacing * spacing, kVerdictSpacingMax * spacing);
-    const float distance = static_cast<float>(evidence.distance);
-    const SmoothNormals sourceSmooth{&tr.source->level.cloud, tr.source->level.tree.get()};
-    const SmoothNormals targetSmooth{&tr.target->level.cloud, tr.target->level.tree.get()};
-    evidence.overlap =
-        MeasureOverlap(fineSource.cloud,
-                       *fineSource.tree,
-                       fineTarget.cloud,
-                       *fineTarget.tree,
-                       pose,
-                       distance,
-                       kVerdictNear * distance,
-                       sourceSmooth,
-                       targetSmooth,
-                       static_cast<float>(std::clamp(
-                           kVerdictNoise * residual, kPlaneFloor * spacing, evidence.distance)));
-    evidence.consistentPairs = tr.consistentPairs;
-    evidence.chancePairs = tr.chancePairs;
-    const float margin = kFreeSpaceMargin * distance;
-    evidence.freeSpaceConflict =
-        std::max(targetSight.Conflict(fineSource.cloud, pose, margin),
-                 sourceSight.Conflict(fineTarget.cloud, Pose(pose.inverse()), margin));
-    // Uniqueness, judged after dense refinement: the best distinct motion of this try is refined
-    // the same way and scored at the same scale; any try's may rival the answer (a symmetric
-    // object seen two ways).
+    Evidence evidence = GatherEvidence(tr, refined, reg);
     const double score = Score(evidence.overlap);
-    for (const Candidate& c : tr.candidates) {
-      if (!distinct(c.pose, pose, tryVoxel)) continue;
-      const Pose rival = refiner.Refine(refineSource, refineTarget, c.pose, ip).pose;
-      if (!distinct(rival, pose, tryVoxel)) break;
-      seen.push_back({rival,
-                      Score(MeasureOverlap(fineSource.cloud,
-                                           *fineSource.tree,
-                                           fineTarget.cloud,
-                                           *fineTarget.tree,
-                                           rival,
-                                           distance,
-                                           0.0f,
-                                           sourceSmooth,
-                                           targetSmooth))});
-      break;
-    }
-    for (const Seen& other : seen) {
-      if (score > 0.0 && distinct(other.pose, pose, tryVoxel))
-        evidence.rivalShare = std::max(evidence.rivalShare, other.score / score);
-    }
-    seen.push_back({pose, score});
-    const std::string reason = Decide(evidence, rules);
+    Seen rival;
+    if (FindRival(tr, refined.pose, tryVoxel, evidence.distance, reg, rival)) seen.push_back(rival);
+    evidence.rivalShare = RivalShareAmong(seen, refined.pose, score, tryVoxel, reg);
+    seen.push_back({refined.pose, score});
+    std::string reason = Decide(evidence, reg.rules);
     clock.lap("verdict");
-    const double rank = score + (reason.empty() ? 1.0 : 0.0);
-    if (!haveBest || rank > bestRank) {
-      haveBest = true;
-      bestRank = rank;
-      result.transform = pose;
-      result.registered = reason.empty();
-      result.reason = reason;
-      result.evidence = evidence;
-      result.matches = tr.matches;
-      result.voxel = tryVoxel;
-      result.targetSamples = tr.targetSamples;
-      result.sourceSamples = tr.sourceSamples;
-    }
+    const double rank = RankOf(score, reason.empty());
+    best.Offer(rank, refined.pose, std::move(reason), evidence, tr, tryVoxel);
     if (result.registered) break;
   }
 }
@@ -563,7 +723,7 @@ Scales CommonScales(const std::vector<OwnScale>& scales, const Options& options)
   out.spacing = typical.spacing;
   out.voxel =
       options.voxel > 0.0 ? options.voxel : std::max(typical.voxel, kSpacingFloor * out.spacing);
-  out.fineVoxel = std::min(out.spacing, out.voxel);
+  out.refineUnit = std::min(out.spacing, out.voxel);
   return out;
 }
 
@@ -633,7 +793,7 @@ int32_t RegisterShared(const CloudView& targetView,
                             VoxelForBudget(fineSource.cloud, options.pointBudget));
     scales.voxel = std::max(scales.voxel, kSpacingFloor * scales.spacing);
   }
-  scales.fineVoxel = std::min(scales.spacing, scales.voxel);
+  scales.refineUnit = std::min(scales.spacing, scales.voxel);
   const std::unique_ptr<Prepared> target =
       Finish(std::move(fineTarget), scales, options, targetPoints, clock);
   const std::unique_ptr<Prepared> source =

@@ -105,10 +105,12 @@ struct OwnScale {
 // The scales a set of alike clouds is registered at: the median of what each asks for (Register
 // takes the larger of its two clouds').
 struct Scales {
-  double thin = 0.0;       // refinement voxel (0: the clouds as they are)
-  double spacing = 0.0;    // the refined clouds' spacing
-  double voxel = 0.0;      // the first try's working voxel
-  double fineVoxel = 0.0;  // the refinement lengths' unit: min(spacing, voxel)
+  double thin = 0.0;     // refinement voxel (0: the clouds as they are)
+  double spacing = 0.0;  // the refined clouds' spacing
+  double voxel = 0.0;    // the first try's working voxel
+  // The unit of the refinement lengths (ICP distances and kernels, fine normals): min(spacing,
+  // voxel), so that they follow the refined clouds unless the working voxel is finer still.
+  double refineUnit = 0.0;
 };
 
 struct Prepared;

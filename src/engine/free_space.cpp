@@ -35,6 +35,7 @@ SensorView::~SensorView() = default;
 double SensorView::Conflict(const Cloud& other, const Pose& pose, float margin) const {
   if (!usable() || other.size() == 0) return -1.0;
   const int32_t n = other.size();
+  // Points a block; the blocks' counts are integers, so the size only splits the work.
   constexpr int32_t kBlock = 2048, kRays = 4;
   const int32_t blocks = (n + kBlock - 1) / kBlock;
   std::vector<int64_t> checked(static_cast<size_t>(blocks), 0), seenThrough(checked);

@@ -15,6 +15,9 @@
 namespace qorv::engine {
 namespace {
 
+// Points a block. GicpStep adds the blocks' systems in block order, so this size, and not the
+// thread count, fixes the order of its floating-point sums: changing it changes the result bits.
+// (The covariances are each a point's own.)
 constexpr int32_t kBlock = 1024;
 
 struct Covariances final : CloudExtras {

@@ -14,6 +14,7 @@ namespace qorv::engine {
 void EstimateNormals(const PointKdTree& tree, float radius, int32_t maxNeighbours, Cloud& cloud) {
   const int32_t n = cloud.size();
   cloud.normals.setZero(3, n);
+  // Points a block; each normal is its point's own, so the size only splits the work.
   constexpr int32_t kBlock = 512;
   const float radiusSq = radius * radius;
   ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {

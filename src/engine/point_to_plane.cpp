@@ -32,6 +32,9 @@ IcpOutcome RefinePointToPlane(const Cloud& source,
   out.pose = initial;
   const int32_t n = source.size();
   if (n == 0 || targetTree.size() == 0) return out;
+  // Points a block. The blocks' normal equations are added in block order, so this size, and not
+  // the thread count, fixes the order of the floating-point sums: changing it changes the result
+  // bits.
   constexpr int32_t kBlock = 1024;
   const int32_t blocks = (n + kBlock - 1) / kBlock;
   std::vector<Normal6> parts(static_cast<size_t>(blocks));

@@ -87,6 +87,7 @@ double ChanceMatches(const Cloud& source,
   const PointKdTree tree(t.data(), m);
   const Eigen::Matrix3f r = pose.topLeftCorner<3, 3>().cast<float>();
   const Eigen::Vector3f shift = pose.topRightCorner<3, 1>().cast<float>();
+  // Matches a block; the blocks' counts are integers, so the size only splits the work.
   constexpr int32_t kBlock = 256;
   const int32_t blocks = (m + kBlock - 1) / kBlock;
   std::vector<int64_t> counts(static_cast<size_t>(blocks), 0);

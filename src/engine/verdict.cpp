@@ -15,6 +15,18 @@
 namespace qorv::engine {
 namespace {
 
+// Screening keeps an answer for dense refinement when its overlap at the working scale is at least
+// this share of the verdict's minimum. Measured on the coarse samples around a pose not yet
+// refined, a right answer's overlap falls short of what dense refinement finds, so only answers
+// far below the minimum are refused there.
+constexpr double kScreenOverlap = 0.5;
+// Scores are overlap shares times a share of agreeing normals, within [0, 1]: 1 more puts every
+// passing answer above every refused one.
+constexpr double kPassedRank = 1.0;
+// 1 less puts a screened answer's rank within [-1, 0], below any answer judged after dense
+// refinement (ranked at least its score, 0 or more): a refusal judged densely says more.
+constexpr double kScreenedRank = -1.0;
+
 using Matrix6 = Eigen::Matrix<double, 6, 6>;
 using Vector6 = Eigen::Matrix<double, 6, 1>;
 
@@ -66,6 +78,8 @@ Tally Pair(const Cloud& from,
            const SmoothNormals& fromSmooth,
            const SmoothNormals& toSmooth) {
   const int32_t n = from.size();
+  // Points a block. The blocks' tallies are added in block order, so this size, and not the thread
+  // count, fixes the order of the floating-point sums: changing it changes the result bits.
   constexpr int32_t kBlock = 2048;
   const int32_t blocks = (n + kBlock - 1) / kBlock;
   std::vector<Tally> parts(static_cast<size_t>(blocks));
@@ -257,6 +271,26 @@ std::string Decide(const Evidence& e, const VerdictRules& rules) {
     return {};
   }
   return text;
+}
+
+bool WorthRefining(const Evidence& coarse, const VerdictRules& rules) {
+  const double shared = std::min(coarse.overlap.fitness, coarse.overlap.targetOverlap);
+  return !(coarse.consistentPairs < ConsistentFloor(coarse.chancePairs, rules) ||
+           shared < kScreenOverlap * rules.minOverlap);
+}
+
+std::string ScreenedReason(const Evidence& coarse, const VerdictRules& rules) {
+  std::string reason = Decide(coarse, rules);
+  if (reason.empty()) reason = "no answer worth refining";
+  return reason;
+}
+
+double RankOf(double score, bool passed) { return score + (passed ? kPassedRank : 0.0); }
+
+double ScreenedRank(const Evidence& coarse) { return Score(coarse.overlap) + kScreenedRank; }
+
+double RivalShare(double answerScore, double rivalScore) {
+  return answerScore > 0.0 ? rivalScore / answerScore : 0.0;
 }
 
 }  // namespace qorv::engine

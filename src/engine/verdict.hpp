@@ -90,4 +90,22 @@ int32_t ConsistentFloor(double chancePairs, const VerdictRules& rules);
 // Decides on the evidence; returns "" when registered, else the reason in words.
 std::string Decide(const Evidence& evidence, const VerdictRules& rules);
 
+// Screening, at a try's working scale before dense refinement (which costs about as much as the
+// rest of a try): whether an answer may still pass once refined. Its feature matches must beat
+// chance, and it must share at least a part of the overlap the verdict asks for.
+bool WorthRefining(const Evidence& coarse, const VerdictRules& rules);
+
+// Why a screened answer is refused: the rules on its coarse evidence, or that it was not worth
+// refining when they would pass it.
+std::string ScreenedReason(const Evidence& coarse, const VerdictRules& rules);
+
+// Answers of all the tries are ranked by these: every passing answer above every refused one,
+// every densely judged answer above every screened one, and by score among alike answers.
+double RankOf(double score, bool passed);
+double ScreenedRank(const Evidence& coarse);
+
+// A distinct motion's score over the answer's (0 when the answer scores nothing): how nearly it
+// rivals the answer.
+double RivalShare(double answerScore, double rivalScore);
+
 }  // namespace qorv::engine

@@ -19,6 +19,7 @@ std::vector<uint64_t> CellKeys(const Cloud& cloud, double voxel) {
   const double inv = 1.0 / voxel;
   const int32_t n = cloud.size();
   std::vector<uint64_t> keys(static_cast<size_t>(n));
+  // Points a block; each key is its point's own, so the size only splits the work.
   constexpr int32_t kBlock = 16384;
   ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
     for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
