@@ -10,6 +10,7 @@
 #include <Eigen/Eigenvalues>
 #include <Eigen/LU>
 
+#include "engine/normals.hpp"
 #include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
@@ -95,16 +96,8 @@ std::vector<Eigen::Matrix3d> GicpCovariances(const Cloud& cloud, const PointKdTr
       const size_t count =
           tree.knnSearch(cloud.points.col(i).data(), kGicpNeighbours, found, distSq);
       if (count < 3) continue;
-      Eigen::Vector3d mean = Eigen::Vector3d::Zero();
-      for (size_t j = 0; j < count; ++j) mean += cloud.points.col(found[j]).cast<double>();
-      mean /= static_cast<double>(count);
-      Eigen::Matrix3d cov = Eigen::Matrix3d::Zero();
-      for (size_t j = 0; j < count; ++j) {
-        const Eigen::Vector3d d = cloud.points.col(found[j]).cast<double>() - mean;
-        cov.noalias() += d * d.transpose();
-      }
       Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver;
-      solver.computeDirect(cov);
+      solver.computeDirect(NeighbourScatter(cloud, found, count));
       if (solver.info() != Eigen::Success) continue;
       const Eigen::Matrix3d& v = solver.eigenvectors();
       out[static_cast<size_t>(i)] = v * flat.asDiagonal() * v.transpose();

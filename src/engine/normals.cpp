@@ -11,6 +11,18 @@
 
 namespace qorv::engine {
 
+Eigen::Matrix3d NeighbourScatter(const Cloud& cloud, const int32_t* found, size_t count) {
+  Eigen::Vector3d mean = Eigen::Vector3d::Zero();
+  for (size_t j = 0; j < count; ++j) mean += cloud.points.col(found[j]).cast<double>();
+  mean /= static_cast<double>(count);
+  Eigen::Matrix3d scatter = Eigen::Matrix3d::Zero();
+  for (size_t j = 0; j < count; ++j) {
+    const Eigen::Vector3d d = cloud.points.col(found[j]).cast<double>() - mean;
+    scatter.noalias() += d * d.transpose();
+  }
+  return scatter;
+}
+
 void EstimateNormals(const PointKdTree& tree, float radius, int32_t maxNeighbours, Cloud& cloud) {
   const int32_t n = cloud.size();
   cloud.normals.setZero(3, n);
@@ -27,16 +39,8 @@ void EstimateNormals(const PointKdTree& tree, float radius, int32_t maxNeighbour
                                     distSq.data());
       while (count > 0 && !(distSq[count - 1] < radiusSq)) --count;
       if (count < 3) continue;
-      Eigen::Vector3d mean = Eigen::Vector3d::Zero();
-      for (size_t j = 0; j < count; ++j) mean += cloud.points.col(found[j]).cast<double>();
-      mean /= static_cast<double>(count);
-      Eigen::Matrix3d cov = Eigen::Matrix3d::Zero();
-      for (size_t j = 0; j < count; ++j) {
-        const Eigen::Vector3d d = cloud.points.col(found[j]).cast<double>() - mean;
-        cov.noalias() += d * d.transpose();
-      }
       Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver;
-      solver.computeDirect(cov);
+      solver.computeDirect(NeighbourScatter(cloud, found.data(), count));
       if (solver.info() != Eigen::Success) continue;
       cloud.normals.col(i) = solver.eigenvectors().col(0).cast<float>().normalized();
     }
