@@ -98,6 +98,25 @@ double ValueOf(const CloudData& cloud, size_t i, Value value) {
   return 0.0;
 }
 
+// A float column's value as stored, bit for bit (a NaN keeps its payload, which a trip through
+// double would change).
+float StoredFloat(const CloudData& cloud, size_t i, Value value) {
+  switch (value) {
+    case Value::kX:
+    case Value::kY:
+    case Value::kZ:
+      return cloud.points[3 * i + static_cast<size_t>(value) - static_cast<size_t>(Value::kX)];
+    case Value::kNx:
+    case Value::kNy:
+    case Value::kNz:
+      return cloud.normals[3 * i + static_cast<size_t>(value) - static_cast<size_t>(Value::kNx)];
+    case Value::kIntensity:
+      return cloud.intensity[i];
+    default:
+      return static_cast<float>(ValueOf(cloud, i, value));
+  }
+}
+
 // The shortest text that reads back as the same value of the column's type.
 void AppendText(std::string& out, double v, Scalar type) {
   char buffer[40];
@@ -110,6 +129,18 @@ void AppendText(std::string& out, double v, Scalar type) {
     r = std::to_chars(buffer, buffer + sizeof(buffer), static_cast<uint64_t>(v));
   }
   out.append(buffer, r.ptr);
+}
+
+void AppendBinary(std::string& out, double v, Scalar type);
+
+// Column c of point i in binary: float columns straight from storage.
+void AppendColumn(std::string& out, const CloudData& cloud, size_t i, const Column& column) {
+  if (column.type == Scalar::kFloat32) {
+    const float f = StoredFloat(cloud, i, column.value);
+    out.append(reinterpret_cast<const char*>(&f), sizeof(f));
+  } else {
+    AppendBinary(out, ValueOf(cloud, i, column.value), column.type);
+  }
 }
 
 void AppendBinary(std::string& out, double v, Scalar type) {
@@ -201,8 +232,7 @@ std::string FormatPly(const CloudData& cloud, Encoding encoding) {
   }
   out.reserve(out.size() + n * 8 * columns.size());
   for (size_t i = 0; i < n; ++i) {
-    for (const Column& column : columns)
-      AppendBinary(out, ValueOf(cloud, i, column.value), column.type);
+    for (const Column& column : columns) AppendColumn(out, cloud, i, column);
   }
   return out;
 }
@@ -255,13 +285,11 @@ std::string FormatPcd(const CloudData& cloud, Encoding encoding) {
   block.reserve(n * rowBytes);
   if (encoding == Encoding::kCompressed) {
     for (const Column& column : columns) {  // column after column
-      for (size_t i = 0; i < n; ++i)
-        AppendBinary(block, ValueOf(cloud, i, column.value), column.type);
+      for (size_t i = 0; i < n; ++i) AppendColumn(block, cloud, i, column);
     }
   } else {
     for (size_t i = 0; i < n; ++i) {  // point after point
-      for (const Column& column : columns)
-        AppendBinary(block, ValueOf(cloud, i, column.value), column.type);
+      for (const Column& column : columns) AppendColumn(block, cloud, i, column);
     }
   }
   const size_t raw = block.size();
