@@ -20,7 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } catch (const qorv::io::IoError&) {
     return 0;
   }
-  if (cloud.size() == 0 || cloud.size() > 4096) return 0;  // nothing to compare, or too dear
+  // Nothing to compare, too dear, or kept relative to an origin (its origin comes from the first
+  // large coordinate read, which a double written back from float may round the other way).
+  if (cloud.size() == 0 || cloud.size() > 4096 || cloud.hasOrigin()) return 0;
   for (qorv::io::Encoding e : {qorv::io::Encoding::kBinary, qorv::io::Encoding::kCompressed}) {
     const qorv::io::CloudData back = qorv::io::ParsePcd(qorv::io::FormatPcd(cloud, e), "again.pcd");
     if (back.size() != cloud.size() ||
