@@ -330,6 +330,8 @@ TEST(CloudFiles, FuzzSeedsReadAsClouds) {
   for (const char* target :
        {"qorv_fuzz_pcd_reader", "qorv_fuzz_ply_reader", "qorv_fuzz_depth_image"}) {
     for (const auto& entry : std::filesystem::directory_iterator(corpus / target)) {
+      // Inputs the fuzzer found keep its bytes and have no extension; the replay tests run them.
+      if (!entry.path().has_extension()) continue;
       if (entry.path().filename().string().rfind("empty", 0) == 0) {
         EXPECT_THROW(ReadCloudFile(entry.path().string(), true, DepthCamera()), IoError)
             << entry.path();
