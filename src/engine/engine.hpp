@@ -9,6 +9,8 @@
 
 #include <Eigen/Core>
 
+#include "engine/hypotheses.hpp"
+#include "engine/matcher.hpp"
 #include "engine/refine.hpp"
 #include "engine/verdict.hpp"
 
@@ -54,6 +56,8 @@ struct Options {
   int32_t maxRansacIterations = 100000;
   double ransacConfidence = 0.999;
   RefineMethod refine = RefineMethod::kPointToPlane;  // dense refinement (and coarse ICP)
+  MatchMethod match = MatchMethod::kMutualFeatures;
+  HypothesisMethod hypotheses = HypothesisMethod::kCompatibleRansac;
 };
 
 struct StageTime {

@@ -6,48 +6,22 @@
 
 #include <Eigen/Geometry>
 
+#include "engine/listing.hpp"
+
 namespace qorv::engine {
 namespace {
 
-struct Listed {
-  RefineMethod method;
-  const char* name;
-  std::unique_ptr<Refiner> (*make)();
-};
-
 // Every refiner the engine knows. A new one is a file defining its factory and a line here.
-const Listed kRefiners[] = {
+const Listed<Refiner, RefineMethod> kRefiners[] = {
     {RefineMethod::kPointToPlane, "plane", &MakePointToPlaneRefiner},
     {RefineMethod::kGeneralized, "gicp", &MakeGeneralizedRefiner},
 };
-constexpr size_t kListed = sizeof(kRefiners) / sizeof(kRefiners[0]);
-
-const Listed* Find(RefineMethod method) {
-  for (const Listed& listed : kRefiners) {
-    if (listed.method == method) return &listed;
-  }
-  return nullptr;
-}
 
 }  // namespace
 
-const Refiner* FindRefiner(RefineMethod method) {
-  // Made once, on first use; the refiners hold no state, so threads may share them.
-  static const auto made = [] {
-    std::unique_ptr<std::unique_ptr<Refiner>[]> all(new std::unique_ptr<Refiner>[kListed]);
-    for (size_t i = 0; i < kListed; ++i) all[i] = kRefiners[i].make();
-    return all;
-  }();
-  for (size_t i = 0; i < kListed; ++i) {
-    if (kRefiners[i].method == method) return made[i].get();
-  }
-  return nullptr;
-}
+const Refiner* FindRefiner(RefineMethod method) { return FindListed(kRefiners, method); }
 
-const char* RefineName(RefineMethod method) {
-  const Listed* listed = Find(method);
-  return listed != nullptr ? listed->name : "";
-}
+const char* RefineName(RefineMethod method) { return ListedName(kRefiners, method); }
 
 Pose IncrementOf(const Eigen::Matrix<double, 6, 1>& x) {
   Pose step = Pose::Identity();

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: MIT
+// Copyright (c) 2026 The Qorv developers
+//
+// Dense refinement of a try's answer on the refinement clouds: a wide pass, then one narrowed to
+// the residuals it measured.
+#include <algorithm>
+
+#include "engine/steps.hpp"
+
+namespace qorv::engine {
+namespace {
+
+// In the refinement unit: pairs within 3 units, a Geman-McClure kernel of 2 (wider than the unit,
+// so that sensor noise of a few spacings still pulls).
+constexpr float kFineIcpDistance = 3.0f;
+constexpr double kFineKernel = 2.0;
+// The narrow pass: a kernel of 3 x the wide pass's residual scale, never below a quarter unit,
+// pairs within twice the kernel (never below a unit), 30 steps.
+constexpr double kNarrowKernel = 3.0;
+constexpr double kNarrowFloor = 0.25;
+constexpr double kNarrowDistance = 2.0;
+constexpr int32_t kNarrowIterations = 30;
+
+}  // namespace
+
+IcpParams DenseParams(const Registration& reg) {
+  const double unit = reg.scales.refineUnit;
+  IcpParams ip;
+  ip.maxDistance = kFineIcpDistance * static_cast<float>(unit);
+  ip.kernel = kFineKernel * unit;
+  ip.maxIterations = reg.steps.denseIterations;
+  ip.stopShift = 1e-3 * unit;
+  return ip;
+}
+
+// Local mode pulls its guess in first with a pass at the working scale; evaluate mode only
+// measures the residual of the pose as given.
+Refined RefineDensely(const Pose& start, double tryVoxel, const Registration& reg) {
+  const IcpParams ip = DenseParams(reg);
+  const double unit = reg.scales.refineUnit;
+  const Refiner& refiner = reg.refiner;
+  Refined out;
+  out.pose = start;
+  if (reg.steps.pullIn) {
+    IcpParams coarse = ip;
+    coarse.maxDistance = kFineIcpDistance * static_cast<float>(tryVoxel);
+    coarse.kernel = tryVoxel;
+    out.pose = refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, coarse).pose;
+  }
+  if (reg.steps.probe) {
+    IcpParams probe = ip;
+    probe.maxIterations = 1;  // the residual of the pose as given; the step is not taken
+    out.residual =
+        refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, probe).residualScale;
+    return out;
+  }
+  const IcpOutcome wide = refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, ip);
+  // Then narrow to the residuals the data shows: clean scans settle on their exact overlap, noisy
+  // sensors keep a kernel as wide as their noise.
+  IcpParams narrow = ip;
+  narrow.kernel = std::max(kNarrowKernel * wide.residualScale, kNarrowFloor * unit);
+  narrow.maxDistance = static_cast<float>(std::max(kNarrowDistance * narrow.kernel, unit));
+  narrow.maxIterations = kNarrowIterations;
+  const IcpOutcome settled = refiner.Refine(reg.refineSource, reg.refineTarget, wide.pose, narrow);
+  out.pose = settled.pose;
+  out.residual = settled.residualScale;
+  return out;
+}
+
+}  // namespace qorv::engine
