@@ -5,7 +5,8 @@
 # Each seed must be read or refused with IoError; a trap, a crash or another exception fails.
 set(QORV_REPLAY_LAYERS qorv_io qorv_registration qorv_features qorv_surface qorv_search qorv_geometry
                        qorv_runtime)
-set(QORV_REPLAYED column_text obj_reader stl_reader ply_reader pcd_reader depth_image asc_reader)
+set(QORV_REPLAYED column_text obj_reader stl_reader ply_reader pcd_reader depth_image asc_reader
+                   manifest)
 # The exports fuzzer takes its arguments through libFuzzer's header-only FuzzedDataProvider, which
 # comes with clang; without it that corpus is replayed by `make fuzz` only.
 file(GLOB QORV_CLANG_INCLUDE_DIRS /usr/lib/llvm-*/lib/clang/*/include)

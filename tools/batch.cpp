@@ -9,8 +9,9 @@
 #include <fstream>
 #include <sstream>
 
+#include <qorv/engine_io.h>
+
 #include "cloud_io.hpp"
-#include "manifest.hpp"
 #include "rigid.hpp"
 #include "session.hpp"
 
@@ -18,104 +19,25 @@
 #include <unistd.h>
 
 namespace qorv::tools {
-namespace {
-
-std::vector<std::string> SplitCsv(const std::string& line) {
-  std::vector<std::string> cells;
-  std::string cell;
-  bool quoted = false;
-  for (char c : line) {
-    if (c == '"') {
-      quoted = !quoted;
-    } else if (c == ',' && !quoted) {
-      cells.push_back(cell);
-      cell.clear();
-    } else if (c != '\r') {
-      cell += c;
-    }
-  }
-  cells.push_back(cell);
-  for (std::string& s : cells) {
-    const size_t a = s.find_first_not_of(" \t"), b = s.find_last_not_of(" \t");
-    s = a == std::string::npos ? "" : s.substr(a, b - a + 1);
-  }
-  return cells;
-}
-
-void SetInitial(BatchPair& pair, const std::string& text) {
-  const Rigid guess = ParseMatrix(text);
-  const std::array<double, 12> m = guess.matrix3x4();
-  std::copy(m.begin(), m.end(), pair.initial);
-  pair.initial[12] = pair.initial[13] = pair.initial[14] = 0.0;
-  pair.initial[15] = 1.0;
-  pair.hasInitial = true;
-}
-
-}  // namespace
 
 std::vector<BatchPair> ReadManifest(const std::string& path) {
+  QorvEngineManifest* manifest = nullptr;
+  if (QorvEngineReadManifest(path.c_str(), &manifest) != QORV_ENGINE_OK)
+    throw ToolError(QorvEngineLastError());
   std::vector<BatchPair> pairs;
-  int targetColumn = -1, sourceColumn = -1, initialColumn = -1;
-  bool json = false, header = false;
-  for (const ManifestLine& entry : ReadManifestLines(path)) {
-    const std::string& line = entry.text;
-    const std::string& where = entry.where;
-    if (!header && !json && line[line.find_first_not_of(" \t")] == '{') json = true;
+  for (int64_t i = 0; i < manifest->count; ++i) {
+    const QorvEngineManifestPair& listed = manifest->pairs[i];
     BatchPair pair;
-    pair.index = static_cast<int64_t>(pairs.size());
-    if (json) {
-      nlohmann::json doc;
-      try {
-        doc = nlohmann::json::parse(line);
-      } catch (const nlohmann::json::exception& e) {
-        throw ToolError(where + ": not JSON: " + e.what());
-      }
-      if (!doc.is_object() || !doc.contains("target") || !doc.contains("source") ||
-          !doc["target"].is_string() || !doc["source"].is_string()) {
-        throw ToolError(where + ": needs \"target\" and \"source\" strings");
-      }
-      pair.target = doc["target"].get<std::string>();
-      pair.source = doc["source"].get<std::string>();
-      if (doc.contains("initial") && !doc["initial"].is_null()) {
-        std::string numbers;
-        for (const auto& v : doc["initial"]) {
-          if (v.is_array()) {
-            for (const auto& x : v) numbers += x.dump() + " ";
-          } else {
-            numbers += v.dump() + " ";
-          }
-        }
-        SetInitial(pair, numbers);
-      }
-    } else if (!header) {
-      const std::vector<std::string> cells = SplitCsv(line);
-      for (size_t c = 0; c < cells.size(); ++c) {
-        if (cells[c] == "target") targetColumn = static_cast<int>(c);
-        if (cells[c] == "source") sourceColumn = static_cast<int>(c);
-        if (cells[c] == "initial") initialColumn = static_cast<int>(c);
-      }
-      if (targetColumn < 0 || sourceColumn < 0) {
-        throw ToolError(where +
-                        ": a CSV manifest starts with a header naming target and source columns");
-      }
-      header = true;
-      continue;
-    } else {
-      const std::vector<std::string> cells = SplitCsv(line);
-      const int needed = std::max(targetColumn, sourceColumn);
-      if (static_cast<int>(cells.size()) <= needed) throw ToolError(where + ": too few columns");
-      pair.target = cells[static_cast<size_t>(targetColumn)];
-      pair.source = cells[static_cast<size_t>(sourceColumn)];
-      if (initialColumn >= 0 && static_cast<int>(cells.size()) > initialColumn &&
-          !cells[static_cast<size_t>(initialColumn)].empty()) {
-        SetInitial(pair, cells[static_cast<size_t>(initialColumn)]);
-      }
-    }
-    pair.targetPath = ResolveBeside(path, pair.target);
-    pair.sourcePath = ResolveBeside(path, pair.source);
-    pairs.push_back(pair);
+    pair.index = i;
+    pair.target = listed.target;
+    pair.source = listed.source;
+    pair.targetPath = listed.target_path;
+    pair.sourcePath = listed.source_path;
+    pair.hasInitial = listed.has_initial != 0;
+    std::copy(listed.initial, listed.initial + 16, pair.initial);
+    pairs.push_back(std::move(pair));
   }
-  if (pairs.empty()) throw ToolError("manifest '" + path + "' lists no pair");
+  QorvEngineFreeManifest(manifest);
   return pairs;
 }
 

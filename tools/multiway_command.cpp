@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <fstream>
 
+#include <qorv/engine_io.h>
 #include <qorv/engine_multiway.h>
 
 #include "commands.hpp"
-#include "manifest.hpp"
 
 #include <nlohmann/json.hpp>
 #include <unistd.h>
@@ -74,9 +74,11 @@ struct MultiwayOptions {
 
 // The scans a manifest lists, one a line, relative to the manifest.
 std::vector<std::string> ManifestScans(const std::string& path) {
-  std::vector<std::string> scans;
-  for (const ManifestLine& line : ReadManifestLines(path))
-    scans.push_back(ResolveBeside(path, line.text));
+  QorvEngineScanList* list = nullptr;
+  if (QorvEngineReadScanList(path.c_str(), &list) != QORV_ENGINE_OK)
+    throw ToolError(QorvEngineLastError());
+  const std::vector<std::string> scans(list->paths, list->paths + list->count);
+  QorvEngineFreeScanList(list);
   return scans;
 }
 

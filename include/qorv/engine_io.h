@@ -123,6 +123,38 @@ QORV_ENGINE_API int32_t QorvEngineWriteCloudData(const char* path,
 /* After a successful write: the fields the file could not hold, as one line ("" when none). */
 QORV_ENGINE_API const char* QorvEngineLastWarning(void);
 
+/* One pair of a batch manifest. */
+typedef struct QorvEngineManifestPair {
+  int64_t line;       /* where the manifest lists it (from 1) */
+  const char* target; /* the paths as the manifest writes them */
+  const char* source;
+  const char* target_path; /* where they are read: relative paths start at the manifest's folder */
+  const char* source_path;
+  int32_t has_initial;
+  double initial[16]; /* row-major 4 x 4 guess (the identity when has_initial is 0) */
+} QorvEngineManifestPair;
+
+typedef struct QorvEngineManifest {
+  int64_t count;
+  const QorvEngineManifestPair* pairs;
+} QorvEngineManifest;
+
+/* Reads a batch manifest: CSV whose header names target and source (and optionally initial: 12 or
+ * 16 numbers separated by spaces), or JSON lines with those keys. Blank lines and lines starting
+ * with '#' are passed over. Errors name the manifest and the line; a manifest listing no pair is
+ * one. Free the result with QorvEngineFreeManifest. */
+QORV_ENGINE_API int32_t QorvEngineReadManifest(const char* path, QorvEngineManifest** manifest);
+QORV_ENGINE_API void QorvEngineFreeManifest(QorvEngineManifest* manifest);
+
+/* Reads a list of scans, one path a line (relative paths start at the list's folder); blank lines
+ * and '#' lines are passed over. Free the result with QorvEngineFreeScanList. */
+typedef struct QorvEngineScanList {
+  int64_t count;
+  const char* const* paths;
+} QorvEngineScanList;
+QORV_ENGINE_API int32_t QorvEngineReadScanList(const char* path, QorvEngineScanList** list);
+QORV_ENGINE_API void QorvEngineFreeScanList(QorvEngineScanList* list);
+
 #ifdef __cplusplus
 }
 #endif

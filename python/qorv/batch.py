@@ -11,7 +11,7 @@ command line shows it on standard error unless --quiet.
 
 from __future__ import annotations
 
-import csv
+import ctypes
 import json
 import logging
 import os
@@ -20,54 +20,48 @@ from typing import Callable, Optional, Union
 
 import numpy as np
 
+from ._engine_library import check, load
+
 _log = logging.getLogger("qorv")
 
 FIELDS = ("target", "source", "initial")
 
 
+class _ManifestPair(ctypes.Structure):
+    _fields_ = [("line", ctypes.c_int64), ("target", ctypes.c_char_p), ("source", ctypes.c_char_p),
+                ("target_path", ctypes.c_char_p), ("source_path", ctypes.c_char_p),
+                ("has_initial", ctypes.c_int32), ("initial", ctypes.c_double * 16)]
+
+
+class _Manifest(ctypes.Structure):
+    _fields_ = [("count", ctypes.c_int64), ("pairs", ctypes.POINTER(_ManifestPair))]
+
+
 def read_manifest(path: Union[str, os.PathLike]) -> list:
-    """Pairs of a CSV manifest (header naming target, source, optionally initial) or JSON lines."""
-    with open(path, newline="") as f:
-        text = f.read()
-    pairs = []
-    stripped = text.lstrip()
-    if stripped.startswith("{"):
-        for number, line in enumerate(text.splitlines(), 1):
-            if not line.strip():
-                continue
-            doc = json.loads(line)
-            if not isinstance(doc.get("target"), str) or not isinstance(doc.get("source"), str):
-                raise ValueError(f"manifest {path!r} line {number}: needs \"target\" and \"source\" strings")
-            pairs.append(dict(pair=len(pairs), target=doc["target"], source=doc["source"],
-                              initial=_initial(doc.get("initial"))))
-    else:
-        rows = csv.DictReader(text.splitlines(), skipinitialspace=True)
-        if not rows.fieldnames or "target" not in rows.fieldnames or "source" not in rows.fieldnames:
-            raise ValueError(f"manifest {path!r}: a CSV manifest starts with a header naming target and source")
-        for row in rows:
-            if not (row.get("target") or "").strip():
-                continue
-            pairs.append(dict(pair=len(pairs), target=row["target"].strip(), source=row["source"].strip(),
-                              initial=_initial((row.get("initial") or "").split() or None)))
-    if not pairs:
-        raise ValueError(f"manifest {path!r} lists no pair")
-    # A relative path in a manifest is relative to the manifest; the results repeat it as written.
-    folder = os.path.dirname(os.path.abspath(path))
-    for pair in pairs:
-        for key in ("target", "source"):
-            pair[key + "_path"] = os.path.normpath(os.path.join(folder, pair[key]))
-    return pairs
-
-
-def _initial(value):
-    if value is None:
-        return None
-    numbers = np.asarray(value, dtype=np.float64).reshape(-1)
-    if numbers.size == 12:
-        numbers = np.concatenate([numbers, [0.0, 0.0, 0.0, 1.0]])
-    if numbers.size != 16:
-        raise ValueError("an initial guess is 12 or 16 numbers")
-    return numbers.reshape(4, 4).tolist()
+    """Pairs of a CSV manifest (header naming target, source, optionally initial) or JSON lines,
+    read by the engine library as the command-line tool reads them. Relative paths start at the
+    manifest's folder (target_path, source_path); the results repeat them as written."""
+    lib = load()
+    if not getattr(lib, "_qorv_manifest_typed", False):
+        lib.QorvEngineReadManifest.restype = ctypes.c_int32
+        lib.QorvEngineReadManifest.argtypes = [ctypes.c_char_p, ctypes.POINTER(ctypes.POINTER(_Manifest))]
+        lib.QorvEngineFreeManifest.restype = None
+        lib.QorvEngineFreeManifest.argtypes = [ctypes.POINTER(_Manifest)]
+        lib._qorv_manifest_typed = True
+    manifest = ctypes.POINTER(_Manifest)()
+    check(lib.QorvEngineReadManifest(os.fsencode(path), ctypes.byref(manifest)), "QorvEngineReadManifest")
+    try:
+        pairs = []
+        for i in range(manifest.contents.count):
+            listed = manifest.contents.pairs[i]
+            initial = np.array(listed.initial[:], dtype=np.float64).reshape(4, 4).tolist() \
+                if listed.has_initial else None
+            pairs.append(dict(pair=i, target=os.fsdecode(listed.target), source=os.fsdecode(listed.source),
+                              initial=initial, target_path=os.fsdecode(listed.target_path),
+                              source_path=os.fsdecode(listed.source_path)))
+        return pairs
+    finally:
+        lib.QorvEngineFreeManifest(manifest)
 
 
 def done_pairs(path: Union[str, os.PathLike]) -> set:
