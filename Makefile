@@ -116,6 +116,18 @@ bench-registration: deps need-data need-open3d
 	QORV_LIBRARY=$(CURDIR)/build/libqorv.so QORV_ENGINE_LIBRARY=$(CURDIR)/build/libqorv_engine.so \
 	  /usr/bin/python3 bench/registration/run.py --data $(DATA) --split $(SPLIT)
 
+# Local refinement: the engine's local mode against Open3D's point-to-plane ICP and PCL's
+# point-to-plane ICP and generalized ICP (Debian packages), same clouds and starts, 1 and 2 threads.
+.PHONY: bench-local
+bench-local: deps need-data need-open3d
+	@dpkg-query -W -f='$${Status}\n' libpcl-dev 2>/dev/null | grep -q 'install ok installed' || \
+	  ($(SUDO) apt-get update -qq && DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq \
+	   --no-install-recommends libpcl-dev libopen3d-dev)
+	cmake -S bench/peers -B build-peers -DCMAKE_BUILD_TYPE=Release -DQORV_PEERS_DATA_DIR=$(abspath $(DATA)) > /dev/null
+	cmake --build build-peers --target qorv_pcl_local -j1
+	QORV_LIBRARY=$(CURDIR)/build/libqorv.so QORV_ENGINE_LIBRARY=$(CURDIR)/build/libqorv_engine.so \
+	  /usr/bin/python3 bench/registration/local_bench.py --data $(DATA) --pcl build-peers/qorv_pcl_local
+
 # Many-scans benchmark: qorv.multiway on collections in order, shuffled and with strangers mixed in,
 # at 1 and 2 threads, against every pair registered one by one. Needs DATA like bench-registration.
 .PHONY: bench-multiway
