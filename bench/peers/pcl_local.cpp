@@ -15,6 +15,7 @@
 #include <string>
 
 #include <Eigen/Core>
+
 #include <pcl/features/normal_3d_omp.h>
 #include <pcl/filters/voxel_grid.h>
 #include <pcl/io/pcd_io.h>

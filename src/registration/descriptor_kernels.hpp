@@ -93,6 +93,8 @@ void MatchQueriesPortable(const float* queries,
 #if defined(__SSE2__)
 // The same on the blocks of PackTargets(targets, targetCount); columns then holds one entry per
 // lane of the blocks, padding included.
+// wide: use the AVX2 form of the kernel (the same bits, about twice as fast) where the
+// processor has AVX2.
 void MatchQueriesSse(const float* queries,
                      int32_t begin,
                      int32_t end,
@@ -100,7 +102,8 @@ void MatchQueriesSse(const float* queries,
                      const float* targets,
                      ColumnMinima* columns,
                      int32_t* bestIndex,
-                     float* bestDistSq);
+                     float* bestDistSq,
+                     bool wide = true);
 #endif
 
 }  // namespace qorv

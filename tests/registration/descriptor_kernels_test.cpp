@@ -22,10 +22,11 @@ std::vector<uint32_t> Bits(const std::vector<float>& values) {
   return bits;
 }
 
-// The SSE kernel against the portable one: best targets, distance bits and cross-check minima.
-// Target and query counts off the lane and tile widths exercise the padding lanes and the
-// single-query tail; half the trials draw from three values, so that equal distances (ties) are
-// everywhere, and some hold duplicated targets or NaN components (target 0's among them).
+// The SSE kernel, and its AVX2 form where the processor has it, against the portable one: best
+// targets, distance bits and cross-check minima. Target and query counts off the lane and tile
+// widths exercise the padding lanes and the single-query tail; half the trials draw from three
+// values, so that equal distances (ties) are everywhere, and some hold duplicated targets or NaN
+// components (target 0's among them).
 TEST(DescriptorKernels, SseAndPortableAgreeBitForBitIncludingTies) {
 #if !defined(__SSE2__)
   GTEST_SKIP() << "no SSE kernel on this processor";
@@ -50,38 +51,41 @@ TEST(DescriptorKernels, SseAndPortableAgreeBitForBitIncludingTies) {
 
     const std::vector<TargetBlock> blocks = PackTargets(targets.data(), targetCount);
     const size_t columnCount = blocks.size() * kTargetLanes;
-    for (const bool crossCheck : {false, true}) {
-      ColumnMinima portableColumns;
-      ColumnMinima sseColumns;
-      portableColumns.reset(columnCount);
-      sseColumns.reset(columnCount);
-      std::vector<int32_t> portableIndex(static_cast<size_t>(queryCount), -7);
-      std::vector<int32_t> sseIndex(static_cast<size_t>(queryCount), -7);
-      std::vector<float> portableSq(static_cast<size_t>(queryCount));
-      std::vector<float> sseSq(static_cast<size_t>(queryCount));
-      MatchQueriesPortable(queries.data(),
-                           0,
-                           queryCount,
-                           targets.data(),
-                           targetCount,
-                           crossCheck ? &portableColumns : nullptr,
-                           portableIndex.data(),
-                           portableSq.data());
-      MatchQueriesSse(queries.data(),
-                      0,
-                      queryCount,
-                      blocks,
-                      targets.data(),
-                      crossCheck ? &sseColumns : nullptr,
-                      sseIndex.data(),
-                      sseSq.data());
-      SCOPED_TRACE(testing::Message() << "trial " << trial << " crossCheck " << crossCheck);
-      EXPECT_EQ(sseIndex, portableIndex);
-      EXPECT_EQ(Bits(sseSq), Bits(portableSq));
-      EXPECT_EQ(Bits(sseColumns.nearestSq), Bits(portableColumns.nearestSq));
-      EXPECT_EQ(Bits(sseColumns.secondSq), Bits(portableColumns.secondSq));
-      EXPECT_EQ(sseColumns.nearestQuery, portableColumns.nearestQuery);
-    }
+    for (const bool wide : {false, true})
+      for (const bool crossCheck : {false, true}) {
+        ColumnMinima portableColumns;
+        ColumnMinima sseColumns;
+        portableColumns.reset(columnCount);
+        sseColumns.reset(columnCount);
+        std::vector<int32_t> portableIndex(static_cast<size_t>(queryCount), -7);
+        std::vector<int32_t> sseIndex(static_cast<size_t>(queryCount), -7);
+        std::vector<float> portableSq(static_cast<size_t>(queryCount));
+        std::vector<float> sseSq(static_cast<size_t>(queryCount));
+        MatchQueriesPortable(queries.data(),
+                             0,
+                             queryCount,
+                             targets.data(),
+                             targetCount,
+                             crossCheck ? &portableColumns : nullptr,
+                             portableIndex.data(),
+                             portableSq.data());
+        MatchQueriesSse(queries.data(),
+                        0,
+                        queryCount,
+                        blocks,
+                        targets.data(),
+                        crossCheck ? &sseColumns : nullptr,
+                        sseIndex.data(),
+                        sseSq.data(),
+                        wide);
+        SCOPED_TRACE(testing::Message()
+                     << "trial " << trial << " crossCheck " << crossCheck << " wide " << wide);
+        EXPECT_EQ(sseIndex, portableIndex);
+        EXPECT_EQ(Bits(sseSq), Bits(portableSq));
+        EXPECT_EQ(Bits(sseColumns.nearestSq), Bits(portableColumns.nearestSq));
+        EXPECT_EQ(Bits(sseColumns.secondSq), Bits(portableColumns.secondSq));
+        EXPECT_EQ(sseColumns.nearestQuery, portableColumns.nearestQuery);
+      }
   }
 #endif
 }
