@@ -82,7 +82,7 @@ def pairs(data):
 
 
 def error(found, reference):
-    delta = np.linalg.inv(reference) @ np.asarray(found)
+    delta = np.linalg.inv(reference) @ np.asarray(found, dtype=float).reshape(4, 4)
     angle = math.degrees(math.acos(max(-1.0, min(1.0, (np.trace(delta[:3, :3]) - 1) / 2))))
     return angle, float(np.linalg.norm(delta[:3, 3]))
 
