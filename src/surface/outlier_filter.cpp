@@ -112,7 +112,7 @@ std::vector<int32_t> OutlierFilter(const PointKdTree& tree,
 
 std::vector<int32_t> OutlierFilter(
     const float* points, int32_t count, int32_t meanK, float stdMul, const Execution& exec) {
-  const PointKdTree tree(points, count);
+  const PointKdTree tree(points, count, 10, exec);
   return OutlierFilter(tree, meanK, stdMul, exec);
 }
 
