@@ -331,6 +331,61 @@ Index KdTree<Dim, Index>::middleSplit(
   return index;
 }
 
+// Moves the elements of [begin, end) for which `left` holds to the front, exactly as the scan from
+// both ends that swaps the first misplaced element from the front with the first from the back,
+// then the second with the second, and so on, would: every element in front of the boundary that
+// belongs behind it is paired, in order from the front, with one behind it that belongs in front,
+// in order from the back. Finding the misplaced ones a block at a time keeps the scan free of
+// data-dependent branches. `left` and its negation must split the elements (no NaN involved).
+// Returns the boundary.
+template <typename Index, typename Element, typename Belongs>
+int64_t PartitionInPairs(Index* ind, Element element, int64_t begin, int64_t end, Belongs left) {
+  int64_t boundary = begin;
+  for (int64_t i = begin; i < end; ++i) boundary += left(i) ? 1 : 0;
+  constexpr int64_t kBlock = 64;
+  int64_t frontMisplaced[kBlock];
+  int64_t backMisplaced[kBlock];
+  int64_t frontCount = 0;
+  int64_t frontTaken = 0;
+  int64_t backCount = 0;
+  int64_t backTaken = 0;
+  int64_t front = begin;  // next position to look at in front of the boundary
+  int64_t back = end;     // one past the next position to look at behind it, going down
+  for (;;) {
+    while (frontTaken == frontCount && front < boundary) {
+      const int64_t stop = std::min(front + kBlock, boundary);
+      frontCount = 0;
+      frontTaken = 0;
+      for (int64_t i = front; i < stop; ++i) {
+        frontMisplaced[frontCount] = i;
+        frontCount += left(i) ? 0 : 1;
+      }
+      front = stop;
+    }
+    while (backTaken == backCount && back > boundary) {
+      const int64_t stop = std::max(back - kBlock, boundary);
+      backCount = 0;
+      backTaken = 0;
+      for (int64_t i = back - 1; i >= stop; --i) {
+        backMisplaced[backCount] = i;
+        backCount += left(i) ? 1 : 0;
+      }
+      back = stop;
+    }
+    const int64_t pairs = std::min(frontCount - frontTaken, backCount - backTaken);
+    if (pairs == 0) break;
+    for (int64_t k = 0; k < pairs; ++k) {
+      const int64_t a = frontMisplaced[frontTaken + k];
+      const int64_t b = backMisplaced[backTaken + k];
+      std::swap(ind[a], ind[b]);
+      element.swap(a, b);
+    }
+    frontTaken += pairs;
+    backTaken += pairs;
+  }
+  return boundary;
+}
+
 // Reorders positions left .. left+count-1 into [< cutval][== cutval][> cutval]; lim1 and lim2 are
 // the absolute positions of the first element not below and the first above the cut.
 template <int Dim, typename Index>
@@ -351,6 +406,27 @@ void KdTree<Dim, Index>::planeSplit(
                        pts + static_cast<size_t>(b) * Dim);
     }
   };
+  if (cutval == cutval) {
+    struct Elements {
+      float* pts;
+      void swap(int64_t a, int64_t b) const {
+        if constexpr (kMoveElements) {
+          std::swap_ranges(pts + static_cast<size_t>(a) * Dim,
+                           pts + static_cast<size_t>(a + 1) * Dim,
+                           pts + static_cast<size_t>(b) * Dim);
+        }
+      }
+    };
+    const auto n = static_cast<int64_t>(count);
+    const int64_t below =
+        PartitionInPairs(ind, Elements{pts}, 0, n, [&](int64_t i) { return at(i) < cutval; });
+    const int64_t notAbove =
+        PartitionInPairs(ind, Elements{pts}, below, n, [&](int64_t i) { return at(i) <= cutval; });
+    lim1 = left + static_cast<Index>(below);
+    lim2 = left + static_cast<Index>(notAbove);
+    return;
+  }
+  // A NaN cut (from infinite coordinates) compares false both ways: the plain scan.
   int64_t lo = 0;
   int64_t hi = static_cast<int64_t>(count) - 1;
   for (;;) {
