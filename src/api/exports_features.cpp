@@ -24,7 +24,7 @@ QORV_API QorvResult QorvDetectAndCompute(QorvInstance* inst,
   if (inst == nullptr) return QORV_ERROR_NULL_INSTANCE;
   if (points == nullptr || normals == nullptr || pointCount < 1) return QORV_ERROR_INVALID_ARGUMENT;
   return qorv::Guarded([&]() -> QorvResult {
-    const qorv::PointKdTree tree(points, pointCount);
+    const qorv::PointKdTree tree(points, pointCount, 10, qorv::ExecutionOf(*inst));
     const qorv::KeyPointParams params{keyPointRadius, nonMaxRadius, ratio21, ratio32, maxKeyPoints};
     const qorv::KeyPointFeatures features = qorv::DetectAndCompute(
         tree, normals, params, featureRadius, histogramRadius, qorv::ExecutionOf(*inst));

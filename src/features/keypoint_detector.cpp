@@ -75,7 +75,7 @@ void SuppressNonMaxima(const std::vector<float>& positions,
                        const Execution& exec,
                        std::vector<uint8_t>& keep) {
   const int32_t count = static_cast<int32_t>(scores.size());
-  const PointKdTree candidateTree(positions.data(), count);
+  const PointKdTree candidateTree(positions.data(), count, 10, exec);
   const float radiusSq = static_cast<float>(static_cast<double>(nonMaxRadius) * nonMaxRadius);
   keep.assign(scores.size(), 1);
   std::vector<DetectorScratch> scratch(static_cast<size_t>(exec.slots()));

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "runtime/parallel_for.hpp"
 #include "search/node_pool.hpp"
 
 namespace qorv {
@@ -85,11 +86,17 @@ class KdTree {
   KdTree(const float* data, int64_t count, Index leafMaxSize = 10) {
     build(data, count, leafMaxSize);
   }
+  KdTree(const float* data, int64_t count, Index leafMaxSize, const Execution& exec) {
+    build(data, count, leafMaxSize, exec);
+  }
   ~KdTree() { destroy(); }
   KdTree(const KdTree&) = delete;
   KdTree& operator=(const KdTree&) = delete;
 
   void build(const float* data, int64_t count, Index leafMaxSize = 10);
+  // The same tree, node for node; under a multi-thread execution the subtrees below the top
+  // levels are split on all threads. Nodes still come from the calling thread's pool.
+  void build(const float* data, int64_t count, Index leafMaxSize, const Execution& exec);
   void destroy() noexcept;
 
   bool empty() const { return root_ == nullptr; }
@@ -123,7 +130,20 @@ class KdTree {
   void findNeighbors(const float* query, ResultSet& result) const;
 
  private:
+  struct Subtree;
+  struct TopSplit;
   Node* divideTree(Index left, Index right, Box& box, int depth);
+  Node* divideOnThreads(Index count);
+  int32_t planTop(Index left,
+                  Index right,
+                  Box& box,
+                  int depth,
+                  int taskDepth,
+                  std::vector<TopSplit>& top,
+                  std::vector<Subtree>& tasks);
+  int32_t divideInto(Index left, Index right, Box& box, int depth, Subtree& out);
+  Node* assembleTop(int32_t id, std::vector<TopSplit>& top, std::vector<Subtree>& tasks, Box& box);
+  Node* assembleSubtree(const Subtree& sub, int32_t id);
   void computeBox(Index left, Index right, Box& box) const;
   Index middleSplit(Index left, Index right, Box& box, Index& divfeat, float& cutval);
   void planeSplit(Index left, Index count, Index divfeat, float cutval, Index& lim1, Index& lim2);
@@ -151,6 +171,13 @@ class KdTree {
 
   float coord(Index element, Index dim) const {
     return data_[static_cast<size_t>(element) * Dim + static_cast<size_t>(dim)];
+  }
+  // During the build, small elements move with their index through leafPoints_, so that the
+  // splits read memory in order; larger ones are read through the index and gathered at the end.
+  static constexpr bool kMoveElements = Dim <= kLoopMaxDim;
+  const float* atPosition(Index pos) const {
+    if constexpr (kMoveElements) return leafPoints_.data() + static_cast<size_t>(pos) * Dim;
+    return element(indices_[static_cast<size_t>(pos)]);
   }
 
   const float* data_ = nullptr;

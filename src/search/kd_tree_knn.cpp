@@ -37,6 +37,33 @@ struct KnnResultSet {
   }
 };
 
+// The same set kept in one array of pairs on the stack, so that an entry moves in one step;
+// copied out to the caller's arrays at the end, where it leaves the same contents.
+template <typename Index, size_t Capacity>
+struct PairedKnnResultSet {
+  struct Entry {
+    float distSq;
+    Index index;
+  };
+  Entry entries[Capacity];
+  size_t capacity;
+  size_t count = 0;
+
+  explicit PairedKnnResultSet(size_t k) : capacity(k) { entries[k - 1].distSq = FLT_MAX; }
+  float worstDist() const { return entries[capacity - 1].distSq; }
+  void addPoint(Index index, float dist) {
+    size_t i = count;
+    if (i == capacity) {
+      if (dist > entries[i - 1].distSq) return;
+      --i;
+    }
+    for (; i > 0 && !(dist > entries[i - 1].distSq); --i) entries[i] = entries[i - 1];
+    entries[i].distSq = dist;
+    entries[i].index = index;
+    if (count != capacity) ++count;
+  }
+};
+
 }  // namespace
 
 template <int Dim, typename Index>
@@ -46,6 +73,16 @@ size_t KdTree<Dim, Index>::knnSearch(const float* query,
                                      float* distSq) const {
   if (k == 0) return 0;  // no last slot to initialise
   distSq[k - 1] = FLT_MAX;
+  constexpr size_t kPairedMaximum = 64;
+  if (k <= kPairedMaximum) {
+    PairedKnnResultSet<Index, kPairedMaximum> set(k);
+    findNeighbors(query, set);
+    for (size_t i = 0; i < set.count; ++i) {
+      distSq[i] = set.entries[i].distSq;
+      indices[i] = set.entries[i].index;
+    }
+    return set.count;
+  }
   KnnResultSet<Index> set{indices, distSq, k};
   findNeighbors(query, set);
   return set.count;

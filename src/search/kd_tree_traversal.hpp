@@ -102,8 +102,31 @@ template <int Dim, typename Index>
 template <typename ResultSet>
 void KdTree<Dim, Index>::searchLeaf(const Node* node, const float* query, ResultSet& result) const {
   const float worst = result.worstDist();
-  for (Index i = node->leaf.left; i < node->leaf.right; ++i) {
-    const float* e = leafPoints_.data() + static_cast<size_t>(i) * Dim;
+  const Index left = node->leaf.left;
+  const Index right = node->leaf.right;
+  const float* e = leafPoints_.data() + static_cast<size_t>(left) * Dim;
+  if constexpr (Dim <= kLoopMaxDim) {
+    // A leaf's distances first, without branches, then the offers.
+    constexpr Index kChunk = 16;
+    float dist[kChunk];
+    for (Index start = left; start < right; start += kChunk) {
+      const Index n = std::min<Index>(kChunk, right - start);
+      for (Index j = 0; j < n; ++j) {
+        float distSq = 0.0f;
+        for (int d = 0; d < Dim; ++d) {
+          const float diff = query[d] - e[static_cast<size_t>(j) * Dim + static_cast<size_t>(d)];
+          distSq += diff * diff;
+        }
+        dist[j] = distSq;
+      }
+      for (Index j = 0; j < n; ++j) {
+        if (worst > dist[j]) result.addPoint(indices_[static_cast<size_t>(start + j)], dist[j]);
+      }
+      e += static_cast<size_t>(n) * Dim;
+    }
+    return;
+  }
+  for (Index i = left; i < right; ++i, e += Dim) {
     float distSq = 0.0f;
     for (int d = 0; d < Dim; ++d) {
       const float diff = query[d] - e[d];

@@ -113,7 +113,7 @@ std::vector<int32_t> EdgeFilter(const float* points,
                                 int32_t count,
                                 float radius,
                                 const Execution& exec) {
-  const PointKdTree tree(points, count);
+  const PointKdTree tree(points, count, 10, exec);
   return EdgeFilter(tree, radius, exec);
 }
 

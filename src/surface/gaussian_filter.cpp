@@ -67,7 +67,7 @@ void GaussianFilter(const PointKdTree64& tree,
 
 void GaussianFilter(
     const float* points, int32_t count, float radius, const Execution& exec, float* smoothed) {
-  const PointKdTree tree(points, count);
+  const PointKdTree tree(points, count, 10, exec);
   Smooth(tree, radius, exec, smoothed);
 }
 

@@ -61,7 +61,7 @@ void EstimateNormals(const PointKdTree& tree, float radius, const Execution& exe
 
 void ComputeNormals(
     const float* points, int32_t count, float radius, const Execution& exec, float* normals) {
-  const PointKdTree tree(points, count);
+  const PointKdTree tree(points, count, 10, exec);
   EstimateNormals(tree, radius, exec, normals);
 }
 
@@ -71,7 +71,7 @@ void ReComputeNormals(
   // whatever it shares with the points.
   std::vector<float> fresh(3 * static_cast<size_t>(count));
   {
-    const PointKdTree tree(points, count);
+    const PointKdTree tree(points, count, 10, exec);
     EstimateNormals(tree, radius, exec, fresh.data());
   }
   for (size_t i = 0; i < fresh.size(); i += 3) {

@@ -6,6 +6,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 
 namespace qorv {
 namespace {
@@ -17,6 +18,7 @@ struct alignas(64) KnnScratch {
   std::vector<float> distSq;
   std::vector<int32_t> replayIndices;
   std::vector<float> replayDistSq;
+  std::vector<float> roots;
 };
 
 // Slots that no search can fill stay zero for the whole call and add nothing to a float sum, and
@@ -25,10 +27,52 @@ size_t Capacity(int32_t meanK, size_t indexed) {
   return std::min(static_cast<size_t>(meanK) + 1, indexed + 1);
 }
 
-float Score(const float* distSq, size_t capacity, int32_t meanK) {
+// The roots are taken all at once (they vectorise, with the same bits), then added in order.
+float Score(const float* distSq, size_t capacity, int32_t meanK, float* roots) {
+  for (size_t j = 0; j < capacity; ++j) roots[j] = std::sqrt(distSq[j]);
   float sum = 0.0f;
-  for (size_t j = 0; j < capacity; ++j) sum += std::sqrt(distSq[j]);
+  for (size_t j = 0; j < capacity; ++j) sum += roots[j];
   return sum / static_cast<float>(meanK);
+}
+
+// Sorts floats that are not NaN into ascending order: their bits, with the sign bit flipped
+// (and every bit of a negative value), order as unsigned integers do. Three passes of 11 bits.
+// -0 comes before +0; equal values cannot be told apart otherwise.
+void SortScores(std::vector<float>& values) {
+  constexpr int kDigitBits = 11;
+  constexpr size_t kBuckets = size_t{1} << kDigitBits;
+  const size_t n = values.size();
+  std::vector<uint32_t> keys(n);
+  for (size_t i = 0; i < n; ++i) {
+    uint32_t bits = 0;
+    std::memcpy(&bits, &values[i], sizeof bits);
+    keys[i] = (bits & 0x80000000u) != 0 ? ~bits : bits | 0x80000000u;
+  }
+  std::vector<size_t> counts(3 * kBuckets, 0);
+  for (const uint32_t key : keys) {
+    for (int pass = 0; pass < 3; ++pass) {
+      ++counts[static_cast<size_t>(pass) * kBuckets +
+               ((key >> (pass * kDigitBits)) & (kBuckets - 1))];
+    }
+  }
+  std::vector<uint32_t> buffer(n);
+  for (int pass = 0; pass < 3; ++pass) {
+    size_t* offsets = counts.data() + static_cast<size_t>(pass) * kBuckets;
+    size_t sum = 0;
+    for (size_t b = 0; b < kBuckets; ++b) {
+      const size_t c = offsets[b];
+      offsets[b] = sum;
+      sum += c;
+    }
+    const int shift = pass * kDigitBits;
+    for (const uint32_t key : keys) buffer[offsets[(key >> shift) & (kBuckets - 1)]++] = key;
+    keys.swap(buffer);
+  }
+  for (size_t i = 0; i < n; ++i) {
+    const uint32_t key = keys[i];
+    const uint32_t bits = (key & 0x80000000u) != 0 ? key & 0x7fffffffu : ~key;
+    std::memcpy(&values[i], &bits, sizeof bits);
+  }
 }
 
 // Puts into s.distSq / s.indices the slot contents a single run over 0 .. begin - 1 would leave:
@@ -61,6 +105,7 @@ std::vector<float> OutlierScores(const PointKdTree& tree, int32_t meanK, const E
     KnnScratch& s = scratch[static_cast<size_t>(threadIndex)];
     s.indices.assign(capacity, 0);
     s.distSq.assign(capacity, 0.0f);
+    s.roots.resize(capacity);
     if (begin > 0) {
       s.replayIndices.assign(capacity, 0);
       s.replayDistSq.assign(capacity, 0.0f);
@@ -68,7 +113,7 @@ std::vector<float> OutlierScores(const PointKdTree& tree, int32_t meanK, const E
     }
     for (int32_t i = begin; i < end; ++i) {
       tree.knnSearch(tree.element(i), capacity, s.indices.data(), s.distSq.data());
-      meanDist[static_cast<size_t>(i)] = Score(s.distSq.data(), capacity, meanK);
+      meanDist[static_cast<size_t>(i)] = Score(s.distSq.data(), capacity, meanK, s.roots.data());
     }
   });
   return meanDist;
@@ -84,7 +129,7 @@ std::vector<int32_t> OutlierFilter(const PointKdTree& tree,
   if (count == 0) return kept;
 
   // Scores are finite: only distances below FLT_MAX enter a result set.
-  std::sort(meanDist.begin(), meanDist.end());
+  SortScores(meanDist);
   const int64_t lo = count / 16;
   const int64_t hi = count - lo;
   const auto n = static_cast<double>(hi - lo);
@@ -112,7 +157,7 @@ std::vector<int32_t> OutlierFilter(const PointKdTree& tree,
 
 std::vector<int32_t> OutlierFilter(
     const float* points, int32_t count, int32_t meanK, float stdMul, const Execution& exec) {
-  const PointKdTree tree(points, count);
+  const PointKdTree tree(points, count, 10, exec);
   return OutlierFilter(tree, meanK, stdMul, exec);
 }
 

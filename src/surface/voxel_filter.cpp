@@ -10,9 +10,12 @@
 namespace qorv {
 namespace {
 
+// Entry of any key: the cell key and the point's index.
 struct KeyEntry {
   uint64_t key;
-  int32_t index;
+  int32_t position;
+  int32_t index() const { return position; }
+  uint64_t cell() const { return key; }
 };
 
 bool IsFinite(const float* p) {
@@ -23,6 +26,7 @@ struct Grid {
   float minX, minY, minZ;
   float leafSize;
   uint64_t nx, ny, nxy;
+  uint64_t maxKey;  // no point's key is larger
 
   uint64_t key(const float* p) const {
     const auto ix = static_cast<uint64_t>((p[0] - minX) / leafSize);
@@ -91,27 +95,63 @@ bool MakeGrid(const float* points, int32_t count, float leafSize, Grid& grid) {
   if (!(zQuotient < 18446744073709551616.0f)) return false;  // 2^64
   const auto izMax = static_cast<uint64_t>(zQuotient);
   if (izMax > (UINT64_MAX - (grid.nxy - 1)) / grid.nxy) return false;
+  grid.maxKey = izMax * grid.nxy + (grid.nxy - 1);
   return true;
 }
 
-}  // namespace
-
-std::vector<int32_t> VoxelFilter(const float* points, int32_t count, float leafSize) {
-  std::vector<int32_t> kept;
-  Grid grid{};
-  if (count < 1 || !MakeGrid(points, count, leafSize, grid)) return kept;
-
-  std::vector<KeyEntry> table;
-  table.reserve(static_cast<size_t>(count));
-  for (int32_t i = 0; i < count; ++i) {
-    const float* p = points + 3 * static_cast<size_t>(i);
-    if (IsFinite(p)) table.push_back({grid.key(p), i});
+// Sorts the entries by key, keeping equal keys in their present order: least significant digit
+// first, over the bits up to the highest set bit of maxKey only, in digits of at most 11 bits.
+// shift is the position of the key's lowest bit within Entry::key.
+template <typename Entry>
+void RadixSortByKey(std::vector<Entry>& entries, uint64_t maxKey, int shift) {
+  constexpr int kMaxDigitBits = 11;
+  int bits = 0;
+  while (bits < 64 && (maxKey >> bits) != 0) ++bits;
+  const int passes = (bits + kMaxDigitBits - 1) / kMaxDigitBits;
+  if (passes == 0 || entries.size() < 2) return;
+  const int digitBits = (bits + passes - 1) / passes;
+  const size_t buckets = size_t{1} << digitBits;
+  const uint64_t mask = buckets - 1;
+  // All passes are counted in one read.
+  std::vector<size_t> counts(static_cast<size_t>(passes) * buckets, 0);
+  for (const Entry& e : entries) {
+    const uint64_t key = e.key >> shift;
+    for (int pass = 0; pass < passes; ++pass) {
+      ++counts[static_cast<size_t>(pass) * buckets + ((key >> (pass * digitBits)) & mask)];
+    }
   }
-  // Equal keys may end in any order; std::sort is still deterministic for a given input.
-  std::sort(table.begin(), table.end(), [](const KeyEntry& l, const KeyEntry& r) {
-    return l.key < r.key;
-  });
+  std::vector<Entry> buffer(entries.size());
+  for (int pass = 0; pass < passes; ++pass) {
+    size_t* offsets = counts.data() + static_cast<size_t>(pass) * buckets;
+    size_t sum = 0;
+    bool moves = true;
+    for (size_t b = 0; b < buckets; ++b) {
+      const size_t c = offsets[b];
+      if (c == entries.size()) moves = false;  // a digit every entry shares moves nothing
+      offsets[b] = sum;
+      sum += c;
+    }
+    if (!moves) continue;
+    const int digitShift = shift + pass * digitBits;
+    for (const Entry& e : entries) buffer[offsets[(e.key >> digitShift) & mask]++] = e;
+    entries.swap(buffer);
+  }
+}
 
+// Entry of a key that fits in 32 bits: the key above the point's index in one word.
+struct PackedEntry {
+  uint64_t key;
+  int32_t index() const { return static_cast<int32_t>(key & 0xffffffffu); }
+  uint64_t cell() const { return key >> 32; }
+};
+
+// The walk over the sorted keys: from each group of equal keys the point nearest to the voxel's
+// centre is flagged, the first in sorted order among equally near ones; the last group is not.
+template <typename Entry>
+std::vector<int32_t> SelectNearest(const std::vector<Entry>& table,
+                                   const float* points,
+                                   int32_t count,
+                                   const Grid& grid) {
   // The walk settles a voxel when the next one starts, so the last voxel is never settled. Its
   // starting key is a sentinel that a real key can equal; the centre is prepared for that key so
   // that such a first voxel is measured like any other.
@@ -122,25 +162,28 @@ std::vector<int32_t> VoxelFilter(const float* points, int32_t count, float leafS
   int64_t groupSize = 0;
   float centre[3];
   grid.centre(currentKey, centre);
-  for (const KeyEntry& entry : table) {
-    const float* p = points + 3 * static_cast<size_t>(entry.index);
-    if (entry.key == currentKey) {
+  for (const Entry& entry : table) {
+    const int32_t index = entry.index();
+    const uint64_t key = entry.cell();
+    const float* p = points + 3 * static_cast<size_t>(index);
+    if (key == currentKey) {
       const double distSq = grid.distSq(p, centre);
       if (bestDistSq > distSq) {
         bestDistSq = distSq;
-        bestIndex = entry.index;
+        bestIndex = index;
       }
       ++groupSize;
     } else {
-      grid.centre(entry.key, centre);
+      grid.centre(key, centre);
       bestDistSq = grid.distSq(p, centre);
       if (groupSize > 0) keepFlags[static_cast<size_t>(bestIndex)] = 255;
-      bestIndex = entry.index;
-      currentKey = entry.key;
+      bestIndex = index;
+      currentKey = key;
       groupSize = 1;
     }
   }
 
+  std::vector<int32_t> kept;
   size_t keptCount = 0;
   for (const unsigned char flag : keepFlags) keptCount += flag != 0;
   kept.reserve(keptCount);
@@ -148,6 +191,36 @@ std::vector<int32_t> VoxelFilter(const float* points, int32_t count, float leafS
     if (keepFlags[static_cast<size_t>(i)] != 0) kept.push_back(i);
   }
   return kept;
+}
+
+}  // namespace
+
+std::vector<int32_t> VoxelFilter(const float* points, int32_t count, float leafSize) {
+  std::vector<int32_t> kept;
+  Grid grid{};
+  if (count < 1 || !MakeGrid(points, count, leafSize, grid)) return kept;
+
+  // Keys are ordered stably, starting from index order, so that among points of one voxel
+  // equally near its centre the lowest index is kept. Keys of at most 32 bits travel packed with
+  // their index, halving the bytes the sort moves.
+  if (grid.maxKey <= 0xffffffffu) {
+    std::vector<PackedEntry> packed;
+    packed.reserve(static_cast<size_t>(count));
+    for (int32_t i = 0; i < count; ++i) {
+      const float* p = points + 3 * static_cast<size_t>(i);
+      if (IsFinite(p)) packed.push_back({(grid.key(p) << 32) | static_cast<uint32_t>(i)});
+    }
+    RadixSortByKey(packed, grid.maxKey, 32);
+    return SelectNearest(packed, points, count, grid);
+  }
+  std::vector<KeyEntry> table;
+  table.reserve(static_cast<size_t>(count));
+  for (int32_t i = 0; i < count; ++i) {
+    const float* p = points + 3 * static_cast<size_t>(i);
+    if (IsFinite(p)) table.push_back({grid.key(p), i});
+  }
+  RadixSortByKey(table, grid.maxKey, 0);
+  return SelectNearest(table, points, count, grid);
 }
 
 }  // namespace qorv

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "geometry/vec3.hpp"
+#include "runtime/parallel_for.hpp"
 #include "support/clouds.hpp"
 
 namespace qorv {
@@ -204,6 +205,58 @@ TEST(KdTreeTest, PoolsRecycleAndReleaseNodes) {
   }
   EXPECT_EQ(Pool::Local().blockCount(), 0u);
   EXPECT_EQ(Pool::Local().carved(), 0u);
+}
+
+// Node for node: the same splits, bounds and leaf ranges.
+template <typename Node>
+void ExpectSameNodes(const Node* a, const Node* b, int depth = 0) {
+  ASSERT_EQ(a->child1 == nullptr, b->child1 == nullptr) << "depth " << depth;
+  if (a->child1 == nullptr) {
+    ASSERT_EQ(a->leaf.left, b->leaf.left);
+    ASSERT_EQ(a->leaf.right, b->leaf.right);
+    return;
+  }
+  ASSERT_EQ(a->inner.divfeat, b->inner.divfeat) << "depth " << depth;
+  ASSERT_EQ(a->inner.divlow, b->inner.divlow) << "depth " << depth;
+  ASSERT_EQ(a->inner.divhigh, b->inner.divhigh) << "depth " << depth;
+  ExpectSameNodes(a->child1, b->child1, depth + 1);
+  ExpectSameNodes(a->child2, b->child2, depth + 1);
+}
+
+TEST(KdTreeTest, TreesBuiltOnTwoThreadsEqualTheSerialOnes) {
+  using Pool = PointKdTree::Pool;
+  // Awkward points; then nearly all points in one spot with a few far ones, which leaves
+  // single leaves among the subtrees handed to the threads.
+  std::vector<float> clumped(3 * 50000, 0.5f);
+  for (int32_t i = 0; i < 50000; i += 7) clumped[3 * static_cast<size_t>(i)] = 0.25f;
+  for (int32_t i = 0; i < 4; ++i) clumped[3 * static_cast<size_t>(49000 + i) + 2] = 9.0f + i;
+  for (const std::vector<float>& points : {AwkwardCloud(60000, 3), clumped}) {
+    const auto count = static_cast<int32_t>(points.size() / 3);
+    const PointKdTree serial(points.data(), count);
+    const ThreadScope threads(2);
+    const PointKdTree parallel(points.data(), count, 10, Execution{true});
+    EXPECT_EQ(parallel.indices(), serial.indices());
+    ASSERT_NE(parallel.root(), nullptr);
+    ExpectSameNodes(parallel.root(), serial.root());
+    for (int d = 0; d < 3; ++d) {
+      EXPECT_EQ(parallel.rootBox()[d].low, serial.rootBox()[d].low);
+      EXPECT_EQ(parallel.rootBox()[d].high, serial.rootBox()[d].high);
+    }
+    for (int32_t q = 0; q < count; q += 97) {
+      int32_t indexA[12];
+      int32_t indexB[12];
+      float distA[12];
+      float distB[12];
+      const size_t found = serial.knnSearch(&points[3 * static_cast<size_t>(q)], 12, indexA, distA);
+      ASSERT_EQ(parallel.knnSearch(&points[3 * static_cast<size_t>(q)], 12, indexB, distB), found);
+      for (size_t j = 0; j < found; ++j) {
+        EXPECT_EQ(indexA[j], indexB[j]);
+        EXPECT_EQ(distA[j], distB[j]);
+      }
+    }
+  }
+  // Every node came from this thread's pool and has gone back to it.
+  EXPECT_EQ(Pool::Local().blockCount(), 0u);
 }
 
 TEST(KdTreeTest, TreesBuildOnSeveralThreadsAtOnce) {

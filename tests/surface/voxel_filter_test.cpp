@@ -96,6 +96,21 @@ TEST(VoxelFilterTest, LargeButRepresentableGridsKeepExactKeys) {
   EXPECT_EQ(Filter(points, 1.0f / 16777216.0f), ReferenceFilter(points, 1.0f / 16777216.0f));
 }
 
+TEST(VoxelFilterTest, EquallyNearPointsKeepTheLowestIndex) {
+  // A second copy of the cloud after the first: every voxel's nearest point has an equally near
+  // twin at a higher index, and the copy in front must win. Fine leaves give keys of more than 32
+  // bits; the others fit beside the index.
+  for (const float leaf : {0.02f, 0.13f, 1.0f / 65536.0f}) {
+    std::vector<float> points = test::RandomCloud(3000, 33, 2.0f);
+    for (float& v : points) v -= 1.5f;  // negative and positive coordinates
+    std::vector<float> twice = points;
+    twice.insert(twice.end(), points.begin(), points.end());
+    const Indices kept = Filter(points, leaf);
+    EXPECT_EQ(kept, ReferenceFilter(points, leaf)) << "leaf " << leaf;
+    EXPECT_EQ(Filter(twice, leaf), kept) << "leaf " << leaf;
+  }
+}
+
 TEST(VoxelFilterTest, AFirstKeyEqualToTheWalkSentinelIsMeasuredFromItsOwnCentre) {
   // Cell (2^24 - 1, 127, 0) has key 2^31 - 1, the walk's starting key. Point 1 is nearer to
   // that cell's centre than point 0; both are in that cell, the smallest key of the cloud.
