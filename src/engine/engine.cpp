@@ -483,7 +483,10 @@ struct Refined {
 // Dense refinement on the refinement clouds from a try's answer: a wide pass, then one narrowed to
 // the residuals it measured. Local mode pulls its guess in first with a pass at the working scale;
 // evaluate mode only measures the residual of the pose as given.
-Refined RefineDensely(const Pose& start, double tryVoxel, const Registration& reg) {
+Refined RefineDensely(const TryResult& tr,
+                      const Pose& start,
+                      double tryVoxel,
+                      const Registration& reg) {
   const IcpParams ip = DenseParams(reg);
   const double unit = reg.scales.refineUnit;
   const Refiner& refiner = reg.refiner;
@@ -493,7 +496,11 @@ Refined RefineDensely(const Pose& start, double tryVoxel, const Registration& re
     IcpParams coarse = ip;
     coarse.maxDistance = kFineIcpDistance * static_cast<float>(tryVoxel);
     coarse.kernel = tryVoxel;
-    out.pose = refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, coarse).pose;
+    // On the working clouds: at this distance their samples pull as well, at a fraction of the
+    // points.
+    out.pose =
+        refiner.Refine(tr.source->level.refining(), tr.target->level.refining(), out.pose, coarse)
+            .pose;
   }
   if (reg.steps.probe) {
     IcpParams probe = ip;
@@ -663,7 +670,7 @@ void RegisterPrepared(const Prepared& target,
         continue;
       }
     }
-    const Refined refined = RefineDensely(tr.best.pose, tryVoxel, reg);
+    const Refined refined = RefineDensely(tr, tr.best.pose, tryVoxel, reg);
     clock.lap("refine");
     Evidence evidence = GatherEvidence(tr, refined, reg);
     const double score = Score(evidence.overlap);

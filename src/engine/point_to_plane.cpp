@@ -40,6 +40,8 @@ IcpOutcome RefinePointToPlane(const Cloud& source,
   std::vector<Normal6> parts(static_cast<size_t>(blocks));
   const float maxSq = params.maxDistance * params.maxDistance;
   const double kernelSq = params.kernel * params.kernel;
+  // Each source point's nearest target point in the last step: where this step's search starts.
+  std::vector<int32_t> nearestOf(static_cast<size_t>(n), -1);
   for (int32_t iteration = 0; iteration < params.maxIterations; ++iteration) {
     const Eigen::Matrix3f r = out.pose.topLeftCorner<3, 3>().cast<float>();
     const Eigen::Vector3f shift = out.pose.topRightCorner<3, 1>().cast<float>();
@@ -47,10 +49,11 @@ IcpOutcome RefinePointToPlane(const Cloud& source,
       Normal6 part;
       for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
         const Eigen::Vector3f p = r * source.points.col(i) + shift;
-        int32_t nearest = -1;
         float distSq = 0.0f;
-        if (targetTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < maxSq))
-          continue;
+        const int32_t nearest =
+            NearestWithin(targetTree, p.data(), maxSq, nearestOf[static_cast<size_t>(i)], distSq);
+        nearestOf[static_cast<size_t>(i)] = nearest;
+        if (nearest < 0) continue;
         const Eigen::Vector3d q = target.points.col(nearest).cast<double>();
         const Eigen::Vector3d normal = target.normals.col(nearest).cast<double>();
         if (normal.squaredNorm() < 0.5) continue;
