@@ -21,6 +21,15 @@ constexpr double kLadderShift = 4096.0;
 // an answer stands.
 constexpr int kChecks = 1;
 constexpr double kClose = 0.05;
+// Answers are snapped to steps of 1/64 octave (about 1 %): the counts of the same scene given in
+// another frame (survey coordinates moved near the origin, where float rounding falls otherwise)
+// differ by a few voxels, which would otherwise move the voxel, and every length after it.
+constexpr double kStepsAnOctave = 64.0;
+
+double Snapped(double voxel, double minimum) {
+  return std::max(std::exp2(std::round(std::log2(voxel) * kStepsAnOctave) / kStepsAnOctave),
+                  minimum);
+}
 
 }  // namespace
 
@@ -43,11 +52,12 @@ double VoxelForBudget(const Cloud& cloud, int32_t budget) {
     counts = OccupiedVoxelLadder(cloud, finest);
   }
   // Even the finest voxels keep fewer than the budget (repeated points): any finer keeps no more.
-  if (counts.front() < budget) return finest;
+  if (counts.front() < budget) return Snapped(finest, minimum);
   size_t k = 0;
   while (k + 1 < counts.size() && counts[k + 1] >= budget) ++k;
   const double below = std::ldexp(finest, static_cast<int>(k));
-  if (k + 1 == counts.size()) return below;  // one voxel holds them all and still meets it
+  if (k + 1 == counts.size())
+    return Snapped(below, minimum);  // one voxel holds them all and meets it
   // The bracket [lowV, highV] with N(lowV) >= budget > N(highV), narrowed on the log-log curve
   // (N(v) ~ v^-d, d from 1 for lines to 3 for volumes, bends where voxels hold single points).
   double lowV = std::log(below), lowN = std::log(static_cast<double>(counts[k]));
@@ -73,7 +83,7 @@ double VoxelForBudget(const Cloud& cloud, int32_t budget) {
     }
     if (!(highN < lowN)) break;
   }
-  return voxel;
+  return Snapped(voxel, minimum);
 }
 
 double MedianSpacing(const PointKdTree& tree) {
