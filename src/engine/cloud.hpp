@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include <Eigen/Core>
 
@@ -13,6 +14,10 @@ namespace qorv::engine {
 struct Cloud {
   Eigen::Matrix3Xf points;
   Eigen::Matrix3Xf normals;  // empty, or one column per point
+  // The neighbours the normals were estimated from: up to neighbourSlots a point (its nearest
+  // other points within the normal radius, nearest first, -1 past the end), or empty.
+  std::vector<int32_t> neighbours;
+  int32_t neighbourSlots = 0;
   bool hasViewpoint = false;
   Eigen::Vector3f viewpoint = Eigen::Vector3f::Zero();
 

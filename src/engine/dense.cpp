@@ -35,7 +35,10 @@ IcpParams DenseParams(const Registration& reg) {
 
 // Local mode pulls its guess in first with a pass at the working scale; evaluate mode only
 // measures the residual of the pose as given.
-Refined RefineDensely(const Pose& start, double tryVoxel, const Registration& reg) {
+Refined RefineDensely(const TryResult& tr,
+                      const Pose& start,
+                      double tryVoxel,
+                      const Registration& reg) {
   const IcpParams ip = DenseParams(reg);
   const double unit = reg.scales.refineUnit;
   const Refiner& refiner = reg.refiner;
@@ -45,7 +48,11 @@ Refined RefineDensely(const Pose& start, double tryVoxel, const Registration& re
     IcpParams coarse = ip;
     coarse.maxDistance = kFineIcpDistance * static_cast<float>(tryVoxel);
     coarse.kernel = tryVoxel;
-    out.pose = refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, coarse).pose;
+    // On the working clouds: at this distance their samples pull as well, at a fraction of the
+    // points.
+    out.pose =
+        refiner.Refine(tr.source->level.refining(), tr.target->level.refining(), out.pose, coarse)
+            .pose;
   }
   if (reg.steps.probe) {
     IcpParams probe = ip;

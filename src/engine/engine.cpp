@@ -161,7 +161,7 @@ void RegisterPrepared(const Prepared& target,
         continue;
       }
     }
-    const Refined refined = RefineDensely(tr.best.pose, tryVoxel, reg);
+    const Refined refined = RefineDensely(tr, tr.best.pose, tryVoxel, reg);
     clock.lap("refine");
     Evidence evidence = GatherEvidence(tr, refined, reg);
     const double score = Score(evidence.overlap);

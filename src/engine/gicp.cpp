@@ -31,16 +31,30 @@ Eigen::Matrix3d Skew(const Eigen::Vector3d& v) {
   return m;
 }
 
+// The covariances of a cloud: from its normals when it has them (the flattened covariance of a
+// neighbourhood depends on its normal alone, so the neighbour search that made the normals serves),
+// else from a search of their own.
+std::vector<Eigen::Matrix3d> CovariancesFor(const Cloud& cloud, const PointKdTree& tree) {
+  if (!cloud.hasNormals()) return GicpCovariances(cloud, tree);
+  const int32_t n = cloud.size();
+  std::vector<Eigen::Matrix3d> out(static_cast<size_t>(n));
+  ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
+    for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i)
+      out[static_cast<size_t>(i)] = GicpCovarianceOfNormal(cloud.normals.col(i).cast<double>());
+  });
+  return out;
+}
+
 // The covariances of a refinement cloud: the ones Describe made, else made here for this call.
 const std::vector<Eigen::Matrix3d>& CovariancesOf(const RefineCloud& in,
                                                   std::unique_ptr<Covariances>& own) {
   if (const auto* made = dynamic_cast<const Covariances*>(in.extras)) return made->perPoint;
   own = std::make_unique<Covariances>();
   if (in.tree != nullptr) {
-    own->perPoint = GicpCovariances(*in.cloud, *in.tree);
+    own->perPoint = CovariancesFor(*in.cloud, *in.tree);
   } else {
     const PointKdTree tree(in.cloud->points.data(), in.cloud->size());
-    own->perPoint = GicpCovariances(*in.cloud, tree);
+    own->perPoint = CovariancesFor(*in.cloud, tree);
   }
   return own->perPoint;
 }
@@ -50,7 +64,7 @@ class GeneralizedRefiner final : public Refiner {
   std::unique_ptr<CloudExtras> Describe(const Cloud& cloud,
                                         const PointKdTree& tree) const override {
     auto out = std::make_unique<Covariances>();
-    out->perPoint = GicpCovariances(cloud, tree);
+    out->perPoint = CovariancesFor(cloud, tree);
     return out;
   }
 
@@ -64,9 +78,11 @@ class GeneralizedRefiner final : public Refiner {
     std::unique_ptr<Covariances> ownSource, ownTarget;
     const std::vector<Eigen::Matrix3d>& cs = CovariancesOf(source, ownSource);
     const std::vector<Eigen::Matrix3d>& ct = CovariancesOf(target, ownTarget);
+    // Each source point's nearest target point in the last step: where this step's search starts.
+    std::vector<int32_t> nearestOf(static_cast<size_t>(source.cloud->size()), -1);
     for (int32_t iteration = 0; iteration < params.maxIterations; ++iteration) {
-      GicpSystem sum =
-          GicpStep(*source.cloud, cs, *target.cloud, ct, *target.tree, out.pose, params);
+      GicpSystem sum = GicpStep(
+          *source.cloud, cs, *target.cloud, ct, *target.tree, out.pose, params, &nearestOf);
       out.pairs = sum.pairs;
       out.residualScale = sum.weight > 0.0 ? std::sqrt(sum.weightedSq / sum.weight) : 0.0;
       out.iterations = iteration + 1;
@@ -84,6 +100,11 @@ class GeneralizedRefiner final : public Refiner {
 };
 
 }  // namespace
+
+Eigen::Matrix3d GicpCovarianceOfNormal(const Eigen::Vector3d& normal) {
+  if (!(normal.squaredNorm() > 0.5)) return Eigen::Matrix3d::Identity();
+  return Eigen::Matrix3d::Identity() - (1.0 - kGicpFlatness) * normal * normal.transpose();
+}
 
 std::vector<Eigen::Matrix3d> GicpCovariances(const Cloud& cloud, const PointKdTree& tree) {
   const int32_t n = cloud.size();
@@ -112,7 +133,8 @@ GicpSystem GicpStep(const Cloud& source,
                     const std::vector<Eigen::Matrix3d>& targetCovariances,
                     const PointKdTree& targetTree,
                     const Pose& pose,
-                    const IcpParams& params) {
+                    const IcpParams& params,
+                    std::vector<int32_t>* nearestOf) {
   const int32_t n = source.size();
   const int32_t blocks = (n + kBlock - 1) / kBlock;
   std::vector<GicpSystem> parts(static_cast<size_t>(blocks));
@@ -125,9 +147,12 @@ GicpSystem GicpStep(const Cloud& source,
     GicpSystem part;
     for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
       const Eigen::Vector3f p = r * source.points.col(i) + shift;
-      int32_t nearest = -1;
       float distSq = 0.0f;
-      if (targetTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < maxSq)) continue;
+      int32_t* hint = nearestOf != nullptr ? &(*nearestOf)[static_cast<size_t>(i)] : nullptr;
+      const int32_t nearest =
+          NearestWithin(targetTree, p.data(), maxSq, hint != nullptr ? *hint : -1, distSq);
+      if (hint != nullptr) *hint = nearest;
+      if (nearest < 0) continue;
       const Eigen::Vector3d pd = p.cast<double>();
       const Eigen::Vector3d d = target.points.col(nearest).cast<double>() - pd;
       const Eigen::Matrix3d combined =

@@ -26,6 +26,8 @@ Eigen::Matrix3d NeighbourScatter(const Cloud& cloud, const int32_t* found, size_
 void EstimateNormals(const PointKdTree& tree, float radius, int32_t maxNeighbours, Cloud& cloud) {
   const int32_t n = cloud.size();
   cloud.normals.setZero(3, n);
+  cloud.neighbourSlots = std::max(maxNeighbours - 1, 0);
+  cloud.neighbours.assign(static_cast<size_t>(n) * static_cast<size_t>(cloud.neighbourSlots), -1);
   // Points a block; each normal is its point's own, so the size only splits the work.
   constexpr int32_t kBlock = 512;
   const float radiusSq = radius * radius;
@@ -38,6 +40,11 @@ void EstimateNormals(const PointKdTree& tree, float radius, int32_t maxNeighbour
                                     found.data(),
                                     distSq.data());
       while (count > 0 && !(distSq[count - 1] < radiusSq)) --count;
+      int32_t* slots = cloud.neighbours.data() + static_cast<size_t>(i) * cloud.neighbourSlots;
+      int32_t kept = 0;
+      for (size_t k = 0; k < count && kept < cloud.neighbourSlots; ++k) {
+        if (found[k] != i) slots[kept++] = found[k];
+      }
       if (count < 3) continue;
       Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver;
       solver.computeDirect(NeighbourScatter(cloud, found.data(), count));

@@ -21,6 +21,52 @@ struct Normal6 {
   int32_t pairs = 0;
 };
 
+// Steps of a walk over the target's neighbours before the tree takes over: a walk this long has
+// met a motion the neighbours do not follow well.
+constexpr int32_t kMaxWalk = 4;
+
+float DistSq(const float* a, const float* b) {
+  float d = 0.0f;
+  for (int c = 0; c < 3; ++c) d += (a[c] - b[c]) * (a[c] - b[c]);
+  return d;
+}
+
+// The nearest target point to a moved source point within sqrt(maxSq), or -1. From the last
+// step's nearest point, a walk over the neighbours the target's normals were estimated from, to a
+// point none of whose neighbours is nearer; the tree, bounded by the nearest point seen, when there
+// is no last point, no neighbours to walk, or the walk is long.
+int32_t NearestTarget(const Cloud& target,
+                      const PointKdTree& tree,
+                      const float* query,
+                      float maxSq,
+                      int32_t hint,
+                      float& distSq) {
+  const int32_t slots = target.neighbourSlots;
+  if (hint < 0 || slots == 0 || target.neighbours.empty())
+    return NearestWithin(tree, query, maxSq, hint, distSq);
+  int32_t best = hint;
+  float bestSq = DistSq(query, tree.element(hint));
+  for (int32_t step = 0; step < kMaxWalk; ++step) {
+    const int32_t* next = target.neighbours.data() + static_cast<size_t>(best) * slots;
+    if (slots < 2 || next[1] < 0) break;  // too few neighbours to trust a walk
+    int32_t to = -1;
+    for (int32_t k = 0; k < slots && next[k] >= 0; ++k) {
+      const float d = DistSq(query, tree.element(next[k]));
+      if (d < bestSq) {
+        bestSq = d;
+        to = next[k];
+      }
+    }
+    if (to < 0) {
+      if (!(bestSq < maxSq)) return -1;
+      distSq = bestSq;
+      return best;
+    }
+    best = to;
+  }
+  return NearestWithin(tree, query, maxSq, best, distSq);
+}
+
 }  // namespace
 
 IcpOutcome RefinePointToPlane(const Cloud& source,
@@ -40,6 +86,8 @@ IcpOutcome RefinePointToPlane(const Cloud& source,
   std::vector<Normal6> parts(static_cast<size_t>(blocks));
   const float maxSq = params.maxDistance * params.maxDistance;
   const double kernelSq = params.kernel * params.kernel;
+  // Each source point's nearest target point in the last step: where this step's search starts.
+  std::vector<int32_t> nearestOf(static_cast<size_t>(n), -1);
   for (int32_t iteration = 0; iteration < params.maxIterations; ++iteration) {
     const Eigen::Matrix3f r = out.pose.topLeftCorner<3, 3>().cast<float>();
     const Eigen::Vector3f shift = out.pose.topRightCorner<3, 1>().cast<float>();
@@ -47,10 +95,11 @@ IcpOutcome RefinePointToPlane(const Cloud& source,
       Normal6 part;
       for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
         const Eigen::Vector3f p = r * source.points.col(i) + shift;
-        int32_t nearest = -1;
         float distSq = 0.0f;
-        if (targetTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < maxSq))
-          continue;
+        const int32_t nearest = NearestTarget(
+            target, targetTree, p.data(), maxSq, nearestOf[static_cast<size_t>(i)], distSq);
+        nearestOf[static_cast<size_t>(i)] = nearest;
+        if (nearest < 0) continue;
         const Eigen::Vector3d q = target.points.col(nearest).cast<double>();
         const Eigen::Vector3d normal = target.normals.col(nearest).cast<double>();
         if (normal.squaredNorm() < 0.5) continue;

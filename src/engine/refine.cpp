@@ -7,6 +7,7 @@
 #include <Eigen/Geometry>
 
 #include "engine/listing.hpp"
+#include "search/kd_tree_traversal.hpp"
 
 namespace qorv::engine {
 namespace {
@@ -22,6 +23,37 @@ const Listed<Refiner, RefineMethod> kRefiners[] = {
 const Refiner* FindRefiner(RefineMethod method) { return FindListed(kRefiners, method); }
 
 const char* RefineName(RefineMethod method) { return ListedName(kRefiners, method); }
+
+namespace {
+
+// The one nearest element below a bound that shrinks as nearer ones are offered.
+struct NearestBelow {
+  float bound;
+  int32_t index;
+  float worstDist() const { return bound; }
+  void addPoint(int32_t i, float distSq) {
+    if (distSq < bound) {
+      bound = distSq;
+      index = i;
+    }
+  }
+};
+
+}  // namespace
+
+int32_t NearestWithin(
+    const PointKdTree& tree, const float* query, float maxSq, int32_t hint, float& distSq) {
+  NearestBelow nearest{maxSq, -1};
+  if (hint >= 0) {
+    const float* q = tree.element(hint);
+    float d = 0.0f;
+    for (int c = 0; c < 3; ++c) d += (query[c] - q[c]) * (query[c] - q[c]);
+    if (d < maxSq) nearest = {d, hint};
+  }
+  tree.findNeighbors(query, nearest);
+  distSq = nearest.bound;
+  return nearest.index;
+}
 
 Pose IncrementOf(const Eigen::Matrix<double, 6, 1>& x) {
   Pose step = Pose::Identity();

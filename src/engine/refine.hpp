@@ -80,6 +80,13 @@ const char* RefineName(RefineMethod method);
 std::unique_ptr<Refiner> MakePointToPlaneRefiner();
 std::unique_ptr<Refiner> MakeGeneralizedRefiner();
 
+// The nearest target point to a moved source point strictly within sqrt(maxSq), or -1 (distSq
+// then unset), by the exact traversal of the tree. `hint` is a target point that was nearest in the
+// previous step (or -1): its distance bounds the search from the start, so that most of the tree
+// is pruned; an equally near point found later does not replace it.
+int32_t NearestWithin(
+    const PointKdTree& tree, const float* query, float maxSq, int32_t hint, float& distSq);
+
 // Shared by the refiners: the rigid motion of a small update x = (rotation vector, shift).
 Pose IncrementOf(const Eigen::Matrix<double, 6, 1>& x);
 

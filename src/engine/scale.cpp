@@ -11,33 +11,79 @@
 
 namespace qorv::engine {
 
-double VoxelForBudget(const Cloud& full, int32_t budget) {
-  if (full.size() <= budget) return 0.0;
-  // Counting on every k-th point is as good as counting on all while a voxel at the budget still
-  // holds about 8 of them: large clouds are counted on such a sample.
-  const int64_t stride = std::max<int64_t>(1, full.size() / (8 * static_cast<int64_t>(budget)));
-  Cloud sample;
-  if (stride > 1) {
-    sample.points.resize(3, (full.size() + stride - 1) / stride);
-    for (Eigen::Index i = 0; i < sample.points.cols(); ++i)
-      sample.points.col(i) = full.points.col(i * stride);
-  }
-  const Cloud& cloud = stride > 1 ? sample : full;
+namespace {
+
+// The first counts span voxels from 1/64 to 2^15 x the first guess; a guess more than 64 times too
+// coarse (a few far outliers stretching the extent) moves the ladder 4,096 times finer.
+constexpr double kLadderBelow = 64.0;
+constexpr double kLadderShift = 4096.0;
+// Counts made at the interpolated voxel to correct it, and the share of the budget within which
+// an answer stands.
+constexpr int kChecks = 1;
+constexpr double kClose = 0.05;
+// Answers are snapped to steps of 1/64 octave (about 1 %): the counts of the same scene given in
+// another frame (survey coordinates moved near the origin, where float rounding falls otherwise)
+// differ by a few voxels, which would otherwise move the voxel, and every length after it.
+constexpr double kStepsAnOctave = 64.0;
+
+double Snapped(double voxel, double minimum) {
+  return std::max(std::exp2(std::round(std::log2(voxel) * kStepsAnOctave) / kStepsAnOctave),
+                  minimum);
+}
+
+}  // namespace
+
+double VoxelForBudget(const Cloud& cloud, int32_t budget) {
+  if (cloud.size() <= budget) return 0.0;
   const Eigen::Vector3f extentF =
       cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
   std::array<double, 3> extent = {extentF[0], extentF[1], extentF[2]};
   std::sort(extent.begin(), extent.end());
-  double voxel = std::sqrt(std::max(extent[2] * extent[1], extent[2] * extent[2] * 1e-4) / budget);
-  voxel = std::max(voxel, MinimumVoxelFor(cloud));
-  if (!(voxel > 0.0)) return 0.0;
-  for (int step = 0; step < 5; ++step) {
-    const double count = static_cast<double>(CountOccupiedVoxels(cloud, voxel));
-    const double ratio = count / budget;
-    if (ratio > 0.9 && ratio < 1.1) break;
-    // Never grow or shrink by more than 4x a step: the v^-2 law is only a guide.
-    voxel *= std::clamp(std::sqrt(ratio), 0.25, 4.0);
+  // A first guess from the extent, as if the cloud were a surface filling its two largest extents.
+  const double guess =
+      std::sqrt(std::max(extent[2] * extent[1], extent[2] * extent[2] * 1e-4) / budget);
+  const double minimum = MinimumVoxelFor(cloud);
+  if (!(std::max(guess, minimum) > 0.0)) return 0.0;
+  // Occupied voxels at every power-of-two multiple of the finest edge, from one sort.
+  double finest = std::max(guess / kLadderBelow, minimum);
+  std::vector<int64_t> counts = OccupiedVoxelLadder(cloud, finest);
+  if (counts.front() < budget && finest > minimum) {
+    finest = std::max(finest / kLadderShift, minimum);
+    counts = OccupiedVoxelLadder(cloud, finest);
   }
-  return voxel;
+  // Even the finest voxels keep fewer than the budget (repeated points): any finer keeps no more.
+  if (counts.front() < budget) return Snapped(finest, minimum);
+  size_t k = 0;
+  while (k + 1 < counts.size() && counts[k + 1] >= budget) ++k;
+  const double below = std::ldexp(finest, static_cast<int>(k));
+  if (k + 1 == counts.size())
+    return Snapped(below, minimum);  // one voxel holds them all and meets it
+  // The bracket [lowV, highV] with N(lowV) >= budget > N(highV), narrowed on the log-log curve
+  // (N(v) ~ v^-d, d from 1 for lines to 3 for volumes, bends where voxels hold single points).
+  double lowV = std::log(below), lowN = std::log(static_cast<double>(counts[k]));
+  double highV = lowV + std::log(2.0), highN = std::log(static_cast<double>(counts[k + 1]));
+  const double want = std::log(static_cast<double>(budget));
+  double voxel = below;
+  for (int check = 0; check <= kChecks; ++check) {
+    const double at = lowV + (want - lowN) * (highV - lowV) / (highN - lowN);
+    voxel = std::exp(at);
+    if (check == kChecks) break;
+    const double count = static_cast<double>(CountOccupiedVoxels(cloud, voxel));
+    if (std::abs(count / budget - 1.0) < kClose) break;
+    // Off-power-of-two grids need not nest, so a count may fall outside the bracket: then the
+    // bracket stands and the interpolated voxel is kept.
+    if (count >= budget && count <= std::exp(lowN) && at >= lowV) {
+      lowV = at;
+      lowN = std::log(count);
+    } else if (count < budget && count >= std::exp(highN) && at <= highV) {
+      highV = at;
+      highN = std::log(count);
+    } else {
+      break;
+    }
+    if (!(highN < lowN)) break;
+  }
+  return Snapped(voxel, minimum);
 }
 
 double MedianSpacing(const PointKdTree& tree) {

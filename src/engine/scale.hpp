@@ -9,9 +9,11 @@
 
 namespace qorv::engine {
 
-// The voxel edge at which the cloud keeps about `budget` occupied voxels, found by counting: a
-// scanned surface holds N(v) ~ v^-2 voxels, so v <- v sqrt(N(v) / budget) converges in a few
-// steps. 0 when the cloud has no more points than the budget (nothing to thin).
+// The voxel edge at which the cloud keeps about `budget` occupied voxels, found by counting every
+// point: the occupied voxels at every power-of-two multiple of a fine edge (one sort), the
+// budget's place on that log-log curve, and one count there to correct it. Deterministic,
+// whatever the order of the points or the thread count. 0 when the cloud has no more points than
+// the budget (nothing to thin).
 double VoxelForBudget(const Cloud& cloud, int32_t budget);
 
 // Median distance from a point to its nearest other point, over an even sample of up to 2,000

@@ -197,7 +197,11 @@ struct Refined {
 // The parameters of the dense passes, in the refinement unit.
 IcpParams DenseParams(const Registration& reg);
 // Dense refinement on the refinement clouds from a try's answer.
-Refined RefineDensely(const Pose& start, double tryVoxel, const Registration& reg);
+// Local mode's pull-in pass runs on the try's working clouds.
+Refined RefineDensely(const TryResult& tr,
+                      const Pose& start,
+                      double tryVoxel,
+                      const Registration& reg);
 
 // --- evidence.cpp ---
 

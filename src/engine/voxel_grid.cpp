@@ -76,7 +76,76 @@ int32_t NumberCells(const std::vector<uint64_t>& keys, std::vector<int32_t>& cel
   return cells;
 }
 
+// Spreads the low 21 bits of x to every third bit (bit i to bit 3 i).
+uint64_t SpreadBits(uint64_t x) {
+  x &= 0x1fffffull;
+  x = (x | x << 32) & 0x1f00000000ffffull;
+  x = (x | x << 16) & 0x1f0000ff0000ffull;
+  x = (x | x << 8) & 0x100f00f00f00f00full;
+  x = (x | x << 4) & 0x10c30c30c30c30c3ull;
+  x = (x | x << 2) & 0x1249249249249249ull;
+  return x;
+}
+
+// Sorts keys of `bits` significant bits, 11 bits a pass from the lowest (a stable counting sort
+// each pass): linear in the keys, where a comparison sort is not.
+void RadixSort(std::vector<uint64_t>& keys, int bits) {
+  constexpr int kDigit = 11;
+  constexpr size_t kBuckets = size_t{1} << kDigit;
+  std::vector<uint64_t> other(keys.size());
+  std::vector<size_t> start(kBuckets);
+  for (int shift = 0; shift < bits; shift += kDigit) {
+    std::fill(start.begin(), start.end(), size_t{0});
+    for (const uint64_t key : keys) ++start[(key >> shift) & (kBuckets - 1)];
+    size_t at = 0;
+    for (size_t& s : start) {
+      const size_t count = s;
+      s = at;
+      at += count;
+    }
+    for (const uint64_t key : keys) other[start[(key >> shift) & (kBuckets - 1)]++] = key;
+    keys.swap(other);
+  }
+}
+
 }  // namespace
+
+std::vector<int64_t> OccupiedVoxelLadder(const Cloud& cloud, double finest) {
+  const int32_t n = cloud.size();
+  if (n == 0 || !(finest > 0.0)) return {};
+  const Eigen::Vector3f low = cloud.points.rowwise().minCoeff();
+  const Eigen::Vector3f extent = cloud.points.rowwise().maxCoeff() - low;
+  const double inv = 1.0 / finest;
+  // Bits an axis the finest cells take (at most 21, as for CellKeys: farther cells are clamped).
+  const double cellsAcross = std::min(static_cast<double>(extent.maxCoeff()) * inv, kAxisCells);
+  int bits = 0;
+  while (bits < kAxisBits && static_cast<double>(uint64_t{1} << bits) <= cellsAcross) ++bits;
+  std::vector<uint64_t> codes(static_cast<size_t>(n));
+  // Points a block; each code is its point's own, so the size only splits the work.
+  constexpr int32_t kBlock = 16384;
+  ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
+    for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
+      uint64_t code = 0;
+      for (int d = 0; d < 3; ++d) {
+        const double cell = std::floor((static_cast<double>(cloud.points(d, i)) - low[d]) * inv);
+        code |= SpreadBits(static_cast<uint64_t>(std::clamp(cell, 0.0, kAxisCells))) << d;
+      }
+      codes[static_cast<size_t>(i)] = code;
+    }
+  });
+  RadixSort(codes, 3 * bits);
+  // Level by level on the distinct cells of the level below: a cell's parent is its code without
+  // the lowest three bits, and sorted codes keep their parents sorted.
+  std::vector<int64_t> counts;
+  codes.erase(std::unique(codes.begin(), codes.end()), codes.end());
+  counts.push_back(static_cast<int64_t>(codes.size()));
+  while (codes.size() > 1) {
+    for (uint64_t& code : codes) code >>= 3;
+    codes.erase(std::unique(codes.begin(), codes.end()), codes.end());
+    counts.push_back(static_cast<int64_t>(codes.size()));
+  }
+  return counts;
+}
 
 double MinimumVoxelFor(const Cloud& cloud) {
   if (cloud.size() == 0) return 0.0;

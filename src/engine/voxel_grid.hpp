@@ -21,6 +21,12 @@ Cloud VoxelAverage(const Cloud& cloud,
 // Number of voxels of edge `voxel` that hold at least one of the points.
 int64_t CountOccupiedVoxels(const Cloud& cloud, double voxel);
 
+// Occupied voxels of edge finest x 2^k on the grid CountOccupiedVoxels uses, for k = 0, 1, ...
+// until one voxel holds every point: counts[k]. One sort of the points' cell codes at the finest
+// edge does for every level, since a coarser cell's code is a prefix of its points' codes.
+// finest must be at least MinimumVoxelFor(cloud). Empty for an empty cloud.
+std::vector<int64_t> OccupiedVoxelLadder(const Cloud& cloud, double finest);
+
 // The smallest voxel edge that keeps the cells of the grid within 21 bits an axis over the cloud.
 double MinimumVoxelFor(const Cloud& cloud);
 

@@ -242,5 +242,39 @@ TEST(EngineSteps, PointToPlaneIcpConvergesFromAPerturbedStart) {
             1e-4);
 }
 
+TEST(EngineSteps, NearestWithinIsTheNearestPointWhateverTheHint) {
+  const std::vector<float> points = test::RandomCloud(3000, 12);
+  const PointKdTree tree(points.data(), static_cast<int64_t>(points.size() / 3));
+  const std::vector<float> queries = test::RandomCloud(200, 13);
+  std::mt19937 random(14);
+  std::uniform_int_distribution<int32_t> anyPoint(0, 2999);
+  for (const float maxSq : {0.0004f, 0.01f, 10.0f}) {
+    for (size_t q = 0; q < queries.size(); q += 3) {
+      const float* query = queries.data() + q;
+      int32_t brute = -1;
+      float bruteSq = maxSq;
+      for (int32_t i = 0; i < 3000; ++i) {
+        const float* p = points.data() + 3 * static_cast<size_t>(i);
+        const float d = (query[0] - p[0]) * (query[0] - p[0]) +
+                        (query[1] - p[1]) * (query[1] - p[1]) +
+                        (query[2] - p[2]) * (query[2] - p[2]);
+        if (d < bruteSq) {
+          bruteSq = d;
+          brute = i;
+        }
+      }
+      // No hint, the answer itself, and a point anywhere else (near or beyond maxSq).
+      for (const int32_t hint : {-1, brute, anyPoint(random)}) {
+        float distSq = -1.0f;
+        EXPECT_EQ(NearestWithin(tree, query, maxSq, hint, distSq), brute)
+            << "maxSq " << maxSq << " hint " << hint;
+        if (brute >= 0) {
+          EXPECT_EQ(distSq, bruteSq);
+        }
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace qorv::engine
