@@ -34,6 +34,20 @@ inline void ReduceBest(float distSq, int32_t index, float& bestSq, int32_t& best
   }
 }
 
+// The best of one query's lanes, written at its query index.
+inline void SettleLanes(const float* lanes,
+                        const int32_t* indices,
+                        int32_t query,
+                        int32_t* bestIndex,
+                        float* bestDistSq) {
+  float bestSq = lanes[0];
+  int32_t best = indices[0];
+  for (int lane = 1; lane < kTargetLanes; ++lane)
+    ReduceBest(lanes[lane], indices[lane], bestSq, best);
+  bestIndex[query] = best;
+  bestDistSq[query] = bestSq;
+}
+
 inline __m128 Select(__m128 mask, __m128 a, __m128 b) {
   return _mm_or_ps(_mm_and_ps(mask, a), _mm_andnot_ps(mask, b));
 }
@@ -131,12 +145,7 @@ void MatchTile(const float* queries,
     _mm_store_ps(lanes + 4, laneBest[q][1]);
     _mm_store_si128(reinterpret_cast<__m128i*>(indices), laneIndex[q][0]);
     _mm_store_si128(reinterpret_cast<__m128i*>(indices + 4), laneIndex[q][1]);
-    float bestSq = lanes[0];
-    int32_t best = indices[0];
-    for (int lane = 1; lane < kTargetLanes; ++lane)
-      ReduceBest(lanes[lane], indices[lane], bestSq, best);
-    bestIndex[first + q] = best;
-    bestDistSq[first + q] = bestSq;
+    SettleLanes(lanes, indices, first + q, bestIndex, bestDistSq);
   }
 }
 
@@ -219,12 +228,7 @@ QORV_AVX2_TARGET void MatchTileAvx2(const float* queries,
     alignas(32) int32_t indices[kTargetLanes];
     _mm256_store_ps(lanes, laneBest[q]);
     _mm256_store_si256(reinterpret_cast<__m256i*>(indices), laneIndex[q]);
-    float bestSq = lanes[0];
-    int32_t best = indices[0];
-    for (int lane = 1; lane < kTargetLanes; ++lane)
-      ReduceBest(lanes[lane], indices[lane], bestSq, best);
-    bestIndex[first + q] = best;
-    bestDistSq[first + q] = bestSq;
+    SettleLanes(lanes, indices, first + q, bestIndex, bestDistSq);
   }
 }
 

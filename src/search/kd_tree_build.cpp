@@ -9,6 +9,20 @@
 #include "search/kd_tree.hpp"
 
 namespace qorv {
+namespace {
+
+// An inner node's split bounds from its children's boxes, and its own box as their union.
+template <int Dim, typename Node, typename Box, typename Feature>
+void JoinChildren(Node* node, Feature divfeat, const Box& leftBox, const Box& rightBox, Box& box) {
+  node->inner.divlow = leftBox[divfeat].high;
+  node->inner.divhigh = rightBox[divfeat].low;
+  for (int d = 0; d < Dim; ++d) {
+    box[d].low = std::min(leftBox[d].low, rightBox[d].low);
+    box[d].high = std::max(leftBox[d].high, rightBox[d].high);
+  }
+}
+
+}  // namespace
 
 // A subtree divided on a worker thread: its nodes in the order the calling thread's pool would
 // have handed them out (each node before its first child's subtree, which precedes the second
@@ -132,12 +146,7 @@ typename KdTree<Dim, Index>::Node* KdTree<Dim, Index>::divideTree(Index left,
     rightBox[divfeat].low = cutval;
     node->child2 = divideTree(index, right, rightBox, depth + 1);
 
-    node->inner.divlow = leftBox[divfeat].high;
-    node->inner.divhigh = rightBox[divfeat].low;
-    for (int d = 0; d < Dim; ++d) {
-      box[d].low = std::min(leftBox[d].low, rightBox[d].low);
-      box[d].high = std::max(leftBox[d].high, rightBox[d].high);
-    }
+    JoinChildren<Dim>(node, divfeat, leftBox, rightBox, box);
   } catch (...) {
     release(node);
     throw;
@@ -258,12 +267,7 @@ typename KdTree<Dim, Index>::Node* KdTree<Dim, Index>::assembleTop(int32_t id,
     node->child1 = assembleTop(split.child1, top, tasks, leftBox);
     Box rightBox{};
     node->child2 = assembleTop(split.child2, top, tasks, rightBox);
-    node->inner.divlow = leftBox[divfeat].high;
-    node->inner.divhigh = rightBox[divfeat].low;
-    for (int d = 0; d < Dim; ++d) {
-      box[d].low = std::min(leftBox[d].low, rightBox[d].low);
-      box[d].high = std::max(leftBox[d].high, rightBox[d].high);
-    }
+    JoinChildren<Dim>(node, divfeat, leftBox, rightBox, box);
   } catch (...) {
     release(node);
     throw;
