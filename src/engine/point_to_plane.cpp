@@ -21,52 +21,6 @@ struct Normal6 {
   int32_t pairs = 0;
 };
 
-// Steps of a walk over the target's neighbours before the tree takes over: a walk this long has
-// met a motion the neighbours do not follow well.
-constexpr int32_t kMaxWalk = 4;
-
-float DistSq(const float* a, const float* b) {
-  float d = 0.0f;
-  for (int c = 0; c < 3; ++c) d += (a[c] - b[c]) * (a[c] - b[c]);
-  return d;
-}
-
-// The nearest target point to a moved source point within sqrt(maxSq), or -1. From the last
-// step's nearest point, a walk over the neighbours the target's normals were estimated from, to a
-// point none of whose neighbours is nearer; the tree, bounded by the nearest point seen, when there
-// is no last point, no neighbours to walk, or the walk is long.
-int32_t NearestTarget(const Cloud& target,
-                      const PointKdTree& tree,
-                      const float* query,
-                      float maxSq,
-                      int32_t hint,
-                      float& distSq) {
-  const int32_t slots = target.neighbourSlots;
-  if (hint < 0 || slots == 0 || target.neighbours.empty())
-    return NearestWithin(tree, query, maxSq, hint, distSq);
-  int32_t best = hint;
-  float bestSq = DistSq(query, tree.element(hint));
-  for (int32_t step = 0; step < kMaxWalk; ++step) {
-    const int32_t* next = target.neighbours.data() + static_cast<size_t>(best) * slots;
-    if (slots < 2 || next[1] < 0) break;  // too few neighbours to trust a walk
-    int32_t to = -1;
-    for (int32_t k = 0; k < slots && next[k] >= 0; ++k) {
-      const float d = DistSq(query, tree.element(next[k]));
-      if (d < bestSq) {
-        bestSq = d;
-        to = next[k];
-      }
-    }
-    if (to < 0) {
-      if (!(bestSq < maxSq)) return -1;
-      distSq = bestSq;
-      return best;
-    }
-    best = to;
-  }
-  return NearestWithin(tree, query, maxSq, best, distSq);
-}
-
 }  // namespace
 
 IcpOutcome RefinePointToPlane(const Cloud& source,

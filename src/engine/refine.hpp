@@ -87,6 +87,17 @@ std::unique_ptr<Refiner> MakeGeneralizedRefiner();
 int32_t NearestWithin(
     const PointKdTree& tree, const float* query, float maxSq, int32_t hint, float& distSq);
 
+// The same answer found from the last step's nearest point by a walk over the neighbours the
+// target's normals were estimated from (target.neighbours), to a point none of whose neighbours is
+// nearer; NearestWithin when there is no last point, no neighbours to walk, or the walk is long.
+// The walk's answer is the nearest point near the last one, not always the tree's.
+int32_t NearestTarget(const Cloud& target,
+                      const PointKdTree& tree,
+                      const float* query,
+                      float maxSq,
+                      int32_t hint,
+                      float& distSq);
+
 // Shared by the refiners: the rigid motion of a small update x = (rotation vector, shift).
 Pose IncrementOf(const Eigen::Matrix<double, 6, 1>& x);
 
