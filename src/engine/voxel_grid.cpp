@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "geometry/radix_sort.hpp"
 #include "runtime/parallel_for.hpp"
 
 namespace qorv::engine {
@@ -87,27 +88,6 @@ uint64_t SpreadBits(uint64_t x) {
   return x;
 }
 
-// Sorts keys of `bits` significant bits, 11 bits a pass from the lowest (a stable counting sort
-// each pass): linear in the keys, where a comparison sort is not.
-void RadixSort(std::vector<uint64_t>& keys, int bits) {
-  constexpr int kDigit = 11;
-  constexpr size_t kBuckets = size_t{1} << kDigit;
-  std::vector<uint64_t> other(keys.size());
-  std::vector<size_t> start(kBuckets);
-  for (int shift = 0; shift < bits; shift += kDigit) {
-    std::fill(start.begin(), start.end(), size_t{0});
-    for (const uint64_t key : keys) ++start[(key >> shift) & (kBuckets - 1)];
-    size_t at = 0;
-    for (size_t& s : start) {
-      const size_t count = s;
-      s = at;
-      at += count;
-    }
-    for (const uint64_t key : keys) other[start[(key >> shift) & (kBuckets - 1)]++] = key;
-    keys.swap(other);
-  }
-}
-
 }  // namespace
 
 std::vector<int64_t> OccupiedVoxelLadder(const Cloud& cloud, double finest) {
@@ -133,7 +113,8 @@ std::vector<int64_t> OccupiedVoxelLadder(const Cloud& cloud, double finest) {
       codes[static_cast<size_t>(i)] = code;
     }
   });
-  RadixSort(codes, 3 * bits);
+  const uint64_t maxCode = bits == 0 ? 0 : (uint64_t{1} << (3 * bits)) - 1;
+  RadixSortByKey(codes, maxCode, [](uint64_t code) { return code; });
   // Level by level on the distinct cells of the level below: a cell's parent is its code without
   // the lowest three bits, and sorted codes keep their parents sorted.
   std::vector<int64_t> counts;

@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstddef>
 
+#include "geometry/radix_sort.hpp"
+
 namespace qorv {
 namespace {
 
@@ -99,45 +101,6 @@ bool MakeGrid(const float* points, int32_t count, float leafSize, Grid& grid) {
   return true;
 }
 
-// Sorts the entries by key, keeping equal keys in their present order: least significant digit
-// first, over the bits up to the highest set bit of maxKey only, in digits of at most 11 bits.
-// shift is the position of the key's lowest bit within Entry::key.
-template <typename Entry>
-void RadixSortByKey(std::vector<Entry>& entries, uint64_t maxKey, int shift) {
-  constexpr int kMaxDigitBits = 11;
-  int bits = 0;
-  while (bits < 64 && (maxKey >> bits) != 0) ++bits;
-  const int passes = (bits + kMaxDigitBits - 1) / kMaxDigitBits;
-  if (passes == 0 || entries.size() < 2) return;
-  const int digitBits = (bits + passes - 1) / passes;
-  const size_t buckets = size_t{1} << digitBits;
-  const uint64_t mask = buckets - 1;
-  // All passes are counted in one read.
-  std::vector<size_t> counts(static_cast<size_t>(passes) * buckets, 0);
-  for (const Entry& e : entries) {
-    const uint64_t key = e.key >> shift;
-    for (int pass = 0; pass < passes; ++pass) {
-      ++counts[static_cast<size_t>(pass) * buckets + ((key >> (pass * digitBits)) & mask)];
-    }
-  }
-  std::vector<Entry> buffer(entries.size());
-  for (int pass = 0; pass < passes; ++pass) {
-    size_t* offsets = counts.data() + static_cast<size_t>(pass) * buckets;
-    size_t sum = 0;
-    bool moves = true;
-    for (size_t b = 0; b < buckets; ++b) {
-      const size_t c = offsets[b];
-      if (c == entries.size()) moves = false;  // a digit every entry shares moves nothing
-      offsets[b] = sum;
-      sum += c;
-    }
-    if (!moves) continue;
-    const int digitShift = shift + pass * digitBits;
-    for (const Entry& e : entries) buffer[offsets[(e.key >> digitShift) & mask]++] = e;
-    entries.swap(buffer);
-  }
-}
-
 // Entry of a key that fits in 32 bits: the key above the point's index in one word.
 struct PackedEntry {
   uint64_t key;
@@ -210,7 +173,7 @@ std::vector<int32_t> VoxelFilter(const float* points, int32_t count, float leafS
       const float* p = points + 3 * static_cast<size_t>(i);
       if (IsFinite(p)) packed.push_back({(grid.key(p) << 32) | static_cast<uint32_t>(i)});
     }
-    RadixSortByKey(packed, grid.maxKey, 32);
+    RadixSortByKey(packed, grid.maxKey, [](const PackedEntry& e) { return e.key >> 32; });
     return SelectNearest(packed, points, count, grid);
   }
   std::vector<KeyEntry> table;
@@ -219,7 +182,7 @@ std::vector<int32_t> VoxelFilter(const float* points, int32_t count, float leafS
     const float* p = points + 3 * static_cast<size_t>(i);
     if (IsFinite(p)) table.push_back({grid.key(p), i});
   }
-  RadixSortByKey(table, grid.maxKey, 0);
+  RadixSortByKey(table, grid.maxKey, [](const KeyEntry& e) { return e.key; });
   return SelectNearest(table, points, count, grid);
 }
 
