@@ -35,11 +35,11 @@ void EstimateNormals(const PointKdTree& tree, float radius, int32_t maxNeighbour
     std::vector<int32_t> found(static_cast<size_t>(maxNeighbours));
     std::vector<float> distSq(static_cast<size_t>(maxNeighbours));
     for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
-      size_t count = tree.knnSearch(cloud.points.col(i).data(),
-                                    static_cast<size_t>(maxNeighbours),
-                                    found.data(),
-                                    distSq.data());
-      while (count > 0 && !(distSq[count - 1] < radiusSq)) --count;
+      const size_t count = tree.knnSearchWithin(cloud.points.col(i).data(),
+                                                static_cast<size_t>(maxNeighbours),
+                                                radiusSq,
+                                                found.data(),
+                                                distSq.data());
       int32_t* slots = cloud.neighbours.data() + static_cast<size_t>(i) * cloud.neighbourSlots;
       int32_t kept = 0;
       for (size_t k = 0; k < count && kept < cloud.neighbourSlots; ++k) {

@@ -29,10 +29,26 @@ constexpr float kHistogramRadius = 2.5f;
 // Fewer finite points than this have no shape worth registering.
 constexpr int32_t kMinPoints = 5;
 
+// Runs job(0) and job(1), the pair's target and source, side by side (each on a thread of its own
+// when there are two), so that the serial parts of preparing one (sorts, cell tables) overlap the
+// other's. Trees are built afterwards, on the calling thread, as their node pools require.
+template <typename Job>
+void ForBoth(Job job) {
+  ForBlocks(2, [&](int32_t c) { job(c); });
+}
+
 Level Thin(const Level& from, double voxel) {
   Level out;
   out.cloud = VoxelAverage(from.cloud, from.weights, voxel, out.weights);
   return out;
+}
+
+// The refinement level of a sanitized cloud, thinned at `thin` (0: as it is), not yet indexed.
+Level ThinLevel(Cloud cloud, double thin) {
+  Level level;
+  level.cloud = std::move(cloud);
+  if (thin > 0.0) level = Thin(level, thin);
+  return level;
 }
 
 }  // namespace
@@ -70,9 +86,7 @@ int32_t SanitizeChecked(const CloudView& view,
 }
 
 Level FineLevel(Cloud cloud, double thin) {
-  Level level;
-  level.cloud = std::move(cloud);
-  if (thin > 0.0) level = Thin(level, thin);
+  Level level = ThinLevel(std::move(cloud), thin);
   level.index();
   return level;
 }
@@ -120,26 +134,32 @@ int32_t PreparePair(Cloud target,
                     StageClock& clock,
                     std::string& error) {
   const int32_t targetPoints = target.size(), sourcePoints = source.size();
+  Cloud clouds[2] = {std::move(target), std::move(source)};
   // The refinement voxel keeps both clouds within the refinement budget; the working voxel both
   // within the point budget, never below kSpacingFloor x the refined spacing.
-  scales.thin = std::max(VoxelForBudget(target, options.refineBudget),
-                         VoxelForBudget(source, options.refineBudget));
-  Level fineTarget = FineLevel(std::move(target), scales.thin);
-  Level fineSource = FineLevel(std::move(source), scales.thin);
-  scales.spacing = std::max(MedianSpacing(*fineTarget.tree), MedianSpacing(*fineSource.tree));
+  double thin[2];
+  ForBoth([&](int32_t c) { thin[c] = VoxelForBudget(clouds[c], options.refineBudget); });
+  scales.thin = std::max(thin[0], thin[1]);
+  Level fine[2];
+  double voxel[2] = {0.0, 0.0};
+  ForBoth([&](int32_t c) {
+    fine[c] = ThinLevel(std::move(clouds[c]), scales.thin);
+    if (!(options.voxel > 0.0)) voxel[c] = VoxelForBudget(fine[c].cloud, options.pointBudget);
+  });
+  for (Level& level : fine) level.index();
+  scales.spacing = std::max(MedianSpacing(*fine[0].tree), MedianSpacing(*fine[1].tree));
   if (!(scales.spacing > 0.0)) {
     error = "the clouds' points all coincide: there is no scale to work at";
     return kTooFewPoints;
   }
   scales.voxel = options.voxel;
   if (!(scales.voxel > 0.0)) {
-    scales.voxel = std::max(VoxelForBudget(fineTarget.cloud, options.pointBudget),
-                            VoxelForBudget(fineSource.cloud, options.pointBudget));
+    scales.voxel = std::max(voxel[0], voxel[1]);
     scales.voxel = std::max(scales.voxel, kSpacingFloor * scales.spacing);
   }
   scales.refineUnit = std::min(scales.spacing, scales.voxel);
-  pair.target = Finish(std::move(fineTarget), scales, options, targetPoints, clock);
-  pair.source = Finish(std::move(fineSource), scales, options, sourcePoints, clock);
+  pair.target = Finish(std::move(fine[0]), scales, options, targetPoints, clock);
+  pair.source = Finish(std::move(fine[1]), scales, options, sourcePoints, clock);
   return kOk;
 }
 

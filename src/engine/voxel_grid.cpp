@@ -14,6 +14,14 @@ namespace {
 constexpr int kAxisBits = 21;
 constexpr double kAxisCells = static_cast<double>((1 << kAxisBits) - 1);
 
+// The cell along one axis of a coordinate at or above the grid's lower corner (which every
+// point of the cloud is, so the offset is never negative and truncation is the floor), clamped to
+// the axis' cells.
+inline uint64_t AxisCell(float coordinate, float low, double inv) {
+  const double cell = (static_cast<double>(coordinate) - low) * inv;
+  return static_cast<uint64_t>(std::clamp(cell, 0.0, kAxisCells));
+}
+
 // Cell keys packed z, y, x from high to low bits, relative to the cloud's lower corner.
 std::vector<uint64_t> CellKeys(const Cloud& cloud, double voxel) {
   const Eigen::Vector3f low = cloud.points.rowwise().minCoeff();
@@ -25,10 +33,8 @@ std::vector<uint64_t> CellKeys(const Cloud& cloud, double voxel) {
   ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
     for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
       uint64_t key = 0;
-      for (int d = 2; d >= 0; --d) {
-        const double cell = std::floor((static_cast<double>(cloud.points(d, i)) - low[d]) * inv);
-        key = (key << kAxisBits) | static_cast<uint64_t>(std::clamp(cell, 0.0, kAxisCells));
-      }
+      for (int d = 2; d >= 0; --d)
+        key = (key << kAxisBits) | AxisCell(cloud.points(d, i), low[d], inv);
       keys[static_cast<size_t>(i)] = key;
     }
   });
@@ -43,15 +49,24 @@ int32_t NumberCells(const std::vector<uint64_t>& keys, std::vector<int32_t>& cel
   size_t capacity = 1024;
   std::vector<uint64_t> table(capacity, kEmpty);
   std::vector<int32_t> number(capacity);
+  int shift = 64 - 10;  // log2 of the capacity
   auto slotOf = [&](uint64_t key) {
     const size_t mask = capacity - 1;
-    size_t slot = static_cast<size_t>((key * 0x9e3779b97f4a7c15ull) >> 20) & mask;
+    // The product's high bits, which every bit of the key reaches.
+    size_t slot = static_cast<size_t>((key * 0x9e3779b97f4a7c15ull) >> shift);
     while (table[slot] != kEmpty && table[slot] != key) slot = (slot + 1) & mask;
     return slot;
   };
   cellOf.resize(keys.size());
   int32_t cells = 0;
+  uint64_t lastKey = kEmpty;
+  int32_t lastCell = -1;
   for (size_t i = 0; i < keys.size(); ++i) {
+    // Scans come in sensor order, so a point mostly shares its predecessor's cell.
+    if (keys[i] == lastKey) {
+      cellOf[i] = lastCell;
+      continue;
+    }
     size_t slot = slotOf(keys[i]);
     if (table[slot] == kEmpty) {
       if (2 * static_cast<size_t>(cells + 1) > capacity) {
@@ -61,6 +76,7 @@ int32_t NumberCells(const std::vector<uint64_t>& keys, std::vector<int32_t>& cel
         oldTable.swap(table);
         oldNumber.swap(number);
         capacity *= 2;
+        --shift;
         for (size_t k = 0; k < oldTable.size(); ++k) {
           if (oldTable[k] == kEmpty) continue;
           const size_t to = slotOf(oldTable[k]);
@@ -73,6 +89,8 @@ int32_t NumberCells(const std::vector<uint64_t>& keys, std::vector<int32_t>& cel
       number[slot] = cells++;
     }
     cellOf[i] = number[slot];
+    lastKey = keys[i];
+    lastCell = number[slot];
   }
   return cells;
 }
@@ -106,10 +124,8 @@ std::vector<int64_t> OccupiedVoxelLadder(const Cloud& cloud, double finest) {
   ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
     for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
       uint64_t code = 0;
-      for (int d = 0; d < 3; ++d) {
-        const double cell = std::floor((static_cast<double>(cloud.points(d, i)) - low[d]) * inv);
-        code |= SpreadBits(static_cast<uint64_t>(std::clamp(cell, 0.0, kAxisCells))) << d;
-      }
+      for (int d = 0; d < 3; ++d)
+        code |= SpreadBits(AxisCell(cloud.points(d, i), low[d], inv)) << d;
       codes[static_cast<size_t>(i)] = code;
     }
   });

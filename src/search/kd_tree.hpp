@@ -120,6 +120,11 @@ class KdTree {
   // Fills the first found <= k slots with the nearest elements, ascending; returns how many.
   // distSq[k - 1] is set to FLT_MAX first and slots past the found ones keep what they held.
   size_t knnSearch(const float* query, size_t k, Index* indices, float* distSq) const;
+  // The same among the elements strictly within sqrt(boundSq) of the query: fewer than k when
+  // fewer lie that close, found with the bound pruning from the start. distSq[k - 1] is set to
+  // boundSq first.
+  size_t knnSearchWithin(
+      const float* query, size_t k, float boundSq, Index* indices, float* distSq) const;
 
   // Runs the exact traversal with a caller's result set, which offers
   //   float worstDist() const;             acceptance bound: offered only if distSq < bound

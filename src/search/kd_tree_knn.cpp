@@ -49,7 +49,7 @@ struct PairedKnnResultSet {
   size_t capacity;
   size_t count = 0;
 
-  explicit PairedKnnResultSet(size_t k) : capacity(k) { entries[k - 1].distSq = FLT_MAX; }
+  PairedKnnResultSet(size_t k, float boundSq) : capacity(k) { entries[k - 1].distSq = boundSq; }
   float worstDist() const { return entries[capacity - 1].distSq; }
   void addPoint(Index index, float dist) {
     size_t i = count;
@@ -71,11 +71,17 @@ size_t KdTree<Dim, Index>::knnSearch(const float* query,
                                      size_t k,
                                      Index* indices,
                                      float* distSq) const {
+  return knnSearchWithin(query, k, FLT_MAX, indices, distSq);
+}
+
+template <int Dim, typename Index>
+size_t KdTree<Dim, Index>::knnSearchWithin(
+    const float* query, size_t k, float boundSq, Index* indices, float* distSq) const {
   if (k == 0) return 0;  // no last slot to initialise
-  distSq[k - 1] = FLT_MAX;
+  distSq[k - 1] = boundSq;
   constexpr size_t kPairedMaximum = 64;
   if (k <= kPairedMaximum) {
-    PairedKnnResultSet<Index, kPairedMaximum> set(k);
+    PairedKnnResultSet<Index, kPairedMaximum> set(k, boundSq);
     findNeighbors(query, set);
     for (size_t i = 0; i < set.count; ++i) {
       distSq[i] = set.entries[i].distSq;
@@ -89,6 +95,8 @@ size_t KdTree<Dim, Index>::knnSearch(const float* query,
 }
 
 template size_t KdTree<3, int32_t>::knnSearch(const float*, size_t, int32_t*, float*) const;
+template size_t KdTree<3, int32_t>::knnSearchWithin(
+    const float*, size_t, float, int32_t*, float*) const;
 template size_t KdTree<3, uint64_t>::knnSearch(const float*, size_t, uint64_t*, float*) const;
 template size_t KdTree<33, int32_t>::knnSearch(const float*, size_t, int32_t*, float*) const;
 

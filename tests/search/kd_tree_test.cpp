@@ -96,6 +96,33 @@ TEST(KdTreeTest, KnnSearchMatchesBruteForceWithLaterFindsFirst) {
   }
 }
 
+TEST(KdTreeTest, BoundedKnnIsTheUnboundedOneCutAtTheBound) {
+  // Duplicates and points at exactly 0.25 from others make ties and finds on the bound itself.
+  const std::vector<float> points = AwkwardCloud(2000, 13);
+  const int32_t count = 2000;
+  PointKdTree tree(points.data(), count);
+  for (int32_t q = 0; q < count; q += 3) {
+    for (size_t k : {size_t{1}, size_t{12}, size_t{70}}) {
+      for (float bound : {0.0f, 0.0625f, 0.01f, FLT_MAX}) {
+        std::vector<int32_t> all(k), within(k, -7);
+        std::vector<float> allSq(k), withinSq(k, -1.0f);
+        size_t kept = tree.knnSearch(&points[3 * q], k, all.data(), allSq.data());
+        while (kept > 0 && !(allSq[kept - 1] < bound)) --kept;
+        const size_t found =
+            tree.knnSearchWithin(&points[3 * q], k, bound, within.data(), withinSq.data());
+        ASSERT_EQ(found, kept) << "query " << q << " k " << k << " bound " << bound;
+        for (size_t j = 0; j < found; ++j) {
+          EXPECT_EQ(within[j], all[j]);
+          EXPECT_EQ(withinSq[j], allSq[j]);
+        }
+        if (found < k) {
+          EXPECT_EQ(withinSq[k - 1], bound);  // the unfilled last slot keeps it
+        }
+      }
+    }
+  }
+}
+
 TEST(KdTreeTest, KnnTiesPutTheLaterFindFirst) {
   // All elements in one leaf: traversal order is index order, so among equal distances the
   // higher index must come first.
