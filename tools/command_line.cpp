@@ -128,10 +128,10 @@ void AddRefineOption(CLI::App* sub, QorvEngineOptions& engine) {
          [&engine](const std::string& name) {
            engine.refine = name == "gicp" ? QORV_ENGINE_REFINE_GICP : QORV_ENGINE_REFINE_PLANE;
          },
-         "Dense refinement: plane (point-to-plane ICP) or gicp (generalized ICP: both clouds' "
-         "local surfaces, slower)")
+         "Dense refinement: gicp (generalized ICP: both clouds' local surfaces) or plane "
+         "(point-to-plane ICP)")
       ->check(CLI::IsMember({"plane", "gicp"}))
-      ->default_str("plane");
+      ->default_str("gicp");
 }
 
 void RegistrationFlags::applyTo(RegisterSettings& s) const {

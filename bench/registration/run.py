@@ -10,10 +10,10 @@ folder.
 With QORV_BENCH_KISS_MATCHER naming a KISS-Matcher runner built outside this repository, the LiDAR
 sets run it too (see docs/BENCHMARK.md).
 
-Our engine runs twice: with its default point-to-plane refinement ("ours") and with generalized ICP
-("ours (gicp)"), unless --no-gicp.
+Our engine runs twice: with its default generalized ICP refinement ("ours") and with point-to-plane
+ICP ("ours (plane)"), unless --no-plane.
 
-usage: run.py --data DIR [--split dev|test|all] [--per-scan N] [--quick] [--no-peer] [--no-gicp]
+usage: run.py --data DIR [--split dev|test|all] [--per-scan N] [--quick] [--no-peer] [--no-plane]
               [--sets PREFIX,...] [--out DIR]"""
 
 import argparse
@@ -79,7 +79,7 @@ def judge(pair, transform):
     return angle, shift, bool(angle < max_angle and shift < max_shift)
 
 
-def run_ours(pairs, threads, refine="plane"):
+def run_ours(pairs, threads, refine="gicp"):
     out = []
     for i, pair in enumerate(pairs):
         options = pair[6] if len(pair) > 6 else {}
@@ -87,7 +87,7 @@ def run_ours(pairs, threads, refine="plane"):
         result = qorv.register(pair[2], pair[3], threads=threads, refine=refine, **options)
         seconds = time.perf_counter() - start
         angle, shift, ok = judge(pair, result.transform)
-        out.append(dict(pair=i, method="ours" if refine == "plane" else f"ours ({refine})", voxel=result.voxel, voxel_choice="engine's",
+        out.append(dict(pair=i, method="ours" if refine == "gicp" else f"ours ({refine})", voxel=result.voxel, voxel_choice="engine's",
                         threads=threads, seconds=seconds, angle=angle, shift=shift, ok=ok,
                         registered=result.registered, reason=result.reason, fitness=result.fitness,
                         target_overlap=result.target_overlap, inlier_rmse=result.inlier_rmse,
@@ -188,7 +188,7 @@ def main():
     parser.add_argument("--per-scan", type=int, default=2, help="view pairs per scan and noise level")
     parser.add_argument("--quick", action="store_true", help="fewer pairs, threads 2 only")
     parser.add_argument("--no-peer", action="store_true", help="ours only")
-    parser.add_argument("--no-gicp", action="store_true", help="ours with point-to-plane refinement only")
+    parser.add_argument("--no-plane", action="store_true", help="ours with its default refinement only")
     parser.add_argument("--sets", help="only the sets whose names start with one of these comma-separated prefixes")
     parser.add_argument("--threads", default="1,2")
     parser.add_argument("--out", default=str(ROOT / "build" / "registration-bench"))
@@ -204,8 +204,8 @@ def main():
     for threads in thread_counts:
         ours = run_ours(pairs, threads)
         results += ours
-        if not args.no_gicp:
-            results += run_ours(pairs, threads, refine="gicp")
+        if not args.no_plane:
+            results += run_ours(pairs, threads, refine="plane")
         if args.no_peer:
             continue
         jobs = []

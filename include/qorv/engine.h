@@ -108,7 +108,7 @@ typedef struct QorvEngineOptions {
                           QorvEngineDefaultOptions); older callers pass the smaller clouds of
                           version 2, and arrays of them are strided by it */
   /* Added in interface version 3 (a caller built before it gets the default, 0). */
-  int32_t refine; /* QORV_ENGINE_REFINE_PLANE (0, default) or QORV_ENGINE_REFINE_GICP (1) */
+  int32_t refine; /* QORV_ENGINE_REFINE_GICP (1, the default) or QORV_ENGINE_REFINE_PLANE (0) */
 } QorvEngineOptions;
 
 /* Time of one stage of a registration. */

@@ -40,14 +40,14 @@ def main(argv: Optional[Sequence[str]] = None) -> int:
     batch.add_argument("--max-tries", type=int)
     batch.add_argument("--sensor-origin", action="store_true",
                        help="each scan was taken by a sensor at its origin (spinning LiDAR)")
-    batch.add_argument("--refine", choices=("plane", "gicp"), default="plane",
-                       help="dense refinement: point-to-plane or generalized ICP")
+    batch.add_argument("--refine", choices=("plane", "gicp"), default="gicp",
+                       help="dense refinement: generalized or point-to-plane ICP")
     batch.add_argument("--quiet", action="store_true")
     batch.add_argument("--allow-failures", action="store_true",
                        help="exit 0 even when some pairs failed or were not registered (default: exit 3)")
     args = parser.parse_args(argv)
     options = dict(voxel=args.voxel, seed=args.seed)
-    if args.refine != "plane":
+    if args.refine != "gicp":
         options["refine"] = args.refine
     if args.sensor_origin:
         options["sensor_origin"] = True

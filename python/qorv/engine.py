@@ -164,7 +164,7 @@ def register(target: CloudLike, source: CloudLike, *, voxel: float = 0.0, point_
              max_ransac_iterations: Optional[int] = None, ransac_confidence: Optional[float] = None,
              target_normals: Optional[ArrayLike] = None, source_normals: Optional[ArrayLike] = None,
              target_viewpoint: Optional[ArrayLike] = None, source_viewpoint: Optional[ArrayLike] = None,
-             sensor_origin: bool = False, refine: str = "plane") -> RegistrationResult:
+             sensor_origin: bool = False, refine: str = "gicp") -> RegistrationResult:
     """Registers source onto target with the engine and judges the answer.
 
     target, source: (n, 3) points, or organized (h, w, 3) frames with NaN holes, or objects with a
@@ -180,8 +180,8 @@ def register(target: CloudLike, source: CloudLike, *, voxel: float = 0.0, point_
     also checks that no point lies in space the other sensor saw through.
     target_normals, source_normals: not used (a DeprecationWarning says so): the engine estimates
     normals at the scales it works at.
-    refine: dense refinement by "plane" (point-to-plane ICP) or "gicp" (generalized ICP, which
-    also weighs the source's own surface: slower, sometimes tighter on smooth scenes).
+    refine: dense refinement by "gicp" (generalized ICP: each pair weighed by both clouds' local
+    surfaces) or "plane" (point-to-plane ICP: the target's surface only).
     Returns a RegistrationResult; a negative verdict is not an error (result.registered is False).
     Raises QorvEngineError (a subclass of QorvError) when the clouds cannot be registered at all.
 

@@ -88,7 +88,7 @@ class Alignment:
 def multiway(scans: Sequence[CloudLike], *, loops: bool = True, reference: int = 0,
              extra_edges: Sequence[tuple[int, int, ArrayLike, float, float]] = (), seed: int = 1,
              threads: int = 0, voxel: float = 0.0, max_tries: Optional[int] = None,
-             progress: Optional[Callable[[int, int, int], None]] = None, refine: str = "plane") -> Alignment:
+             progress: Optional[Callable[[int, int, int], None]] = None, refine: str = "gicp") -> Alignment:
     """Aligns scans ((n_i, 3) arrays, organized frames or objects with a points attribute), in any
     order, into the frame of scan `reference`. A scan that no trusted edge joins to it is reported
     unplaced (placed[i] False).
@@ -96,7 +96,7 @@ def multiway(scans: Sequence[CloudLike], *, loops: bool = True, reference: int =
     extra_edges: (target, source, motion 4 x 4, rotation_sigma, shift_sigma) tuples the caller knows
     (motion carries `source` into `target`'s frame); they join the pose graph as they are.
     progress: called as progress(pairs_done, pairs_planned, edges_kept) while pairs finish.
-    refine: dense refinement of every pair, "plane" (point-to-plane ICP) or "gicp" (generalized ICP).
+    refine: dense refinement of every pair, "gicp" (generalized ICP) or "plane" (point-to-plane ICP).
     Returns an Alignment; raises QorvEngineError on bad input.
 
         scans = [qorv.read_cloud(path).points for path in paths]

@@ -21,6 +21,25 @@ constexpr double kNarrowFloor = 0.25;
 constexpr double kNarrowDistance = 2.0;
 constexpr int32_t kNarrowIterations = 30;
 
+// The weighted RMS point-to-plane residual of the pose as given (the step is not taken): what the
+// verdict's lengths follow, measured so whichever refiner moved the clouds.
+double PlaneResidual(const Registration& reg, const Pose& pose, const IcpParams& params) {
+  IcpParams probe = params;
+  probe.maxIterations = 1;
+  return FindRefiner(RefineMethod::kPointToPlane)
+      ->Refine(reg.refineSource, reg.refineTarget, pose, probe)
+      .residualScale;
+}
+
+// The narrow pass's lengths for a wide pass that measured this residual.
+IcpParams Narrowed(const IcpParams& wide, double residual, double unit) {
+  IcpParams narrow = wide;
+  narrow.kernel = std::max(kNarrowKernel * residual, kNarrowFloor * unit);
+  narrow.maxDistance = static_cast<float>(std::max(kNarrowDistance * narrow.kernel, unit));
+  narrow.maxIterations = kNarrowIterations;
+  return narrow;
+}
+
 }  // namespace
 
 IcpParams DenseParams(const Registration& reg) {
@@ -55,20 +74,20 @@ Refined RefineDensely(const TryResult& tr,
             .pose;
   }
   if (reg.steps.probe) {
-    IcpParams probe = ip;
-    probe.maxIterations = 1;  // the residual of the pose as given; the step is not taken
-    out.residual =
-        refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, probe).residualScale;
+    out.residual = PlaneResidual(reg, out.pose, ip);
     return out;
   }
   const IcpOutcome wide = refiner.Refine(reg.refineSource, reg.refineTarget, out.pose, ip);
+  if (!refiner.Narrows()) {
+    out.pose = wide.pose;
+    out.residual =
+        PlaneResidual(reg, out.pose, Narrowed(ip, PlaneResidual(reg, out.pose, ip), unit));
+    return out;
+  }
   // Then narrow to the residuals the data shows: clean scans settle on their exact overlap, noisy
   // sensors keep a kernel as wide as their noise.
-  IcpParams narrow = ip;
-  narrow.kernel = std::max(kNarrowKernel * wide.residualScale, kNarrowFloor * unit);
-  narrow.maxDistance = static_cast<float>(std::max(kNarrowDistance * narrow.kernel, unit));
-  narrow.maxIterations = kNarrowIterations;
-  const IcpOutcome settled = refiner.Refine(reg.refineSource, reg.refineTarget, wide.pose, narrow);
+  const IcpOutcome settled = refiner.Refine(
+      reg.refineSource, reg.refineTarget, wide.pose, Narrowed(ip, wide.residualScale, unit));
   out.pose = settled.pose;
   out.residual = settled.residualScale;
   return out;

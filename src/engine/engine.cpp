@@ -42,7 +42,7 @@ void StageClock::lap(const char* name) {
 
 const Refiner& RefinerOf(const Options& options) {
   const Refiner* refiner = FindRefiner(options.refine);
-  return refiner != nullptr ? *refiner : *FindRefiner(RefineMethod::kPointToPlane);
+  return refiner != nullptr ? *refiner : *FindRefiner(Options().refine);
 }
 
 const Matcher& MatcherOf(const Options& options) {

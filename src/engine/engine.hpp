@@ -55,7 +55,7 @@ struct Options {
   int32_t maxTries = 3;  // 1 to kMaxTries
   int32_t maxRansacIterations = 100000;
   double ransacConfidence = 0.999;
-  RefineMethod refine = RefineMethod::kPointToPlane;  // dense refinement (and coarse ICP)
+  RefineMethod refine = RefineMethod::kGeneralized;  // dense refinement (and coarse ICP)
   MatchMethod match = MatchMethod::kMutualFeatures;
   HypothesisMethod hypotheses = HypothesisMethod::kCompatibleRansac;
 };

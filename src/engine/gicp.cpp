@@ -63,10 +63,13 @@ class GeneralizedRefiner final : public Refiner {
  public:
   std::unique_ptr<CloudExtras> Describe(const Cloud& cloud,
                                         const PointKdTree& tree) const override {
+    if (cloud.hasNormals()) return nullptr;  // a pair's weight comes from the normals themselves
     auto out = std::make_unique<Covariances>();
     out->perPoint = CovariancesFor(cloud, tree);
     return out;
   }
+
+  bool Narrows() const override { return false; }
 
   IcpOutcome Refine(const RefineCloud& source,
                     const RefineCloud& target,
@@ -75,14 +78,25 @@ class GeneralizedRefiner final : public Refiner {
     IcpOutcome out;
     out.pose = initial;
     if (source.cloud->size() == 0 || target.tree->size() == 0) return out;
+    const bool normals = source.cloud->hasNormals() && target.cloud->hasNormals();
     std::unique_ptr<Covariances> ownSource, ownTarget;
-    const std::vector<Eigen::Matrix3d>& cs = CovariancesOf(source, ownSource);
-    const std::vector<Eigen::Matrix3d>& ct = CovariancesOf(target, ownTarget);
+    static const std::vector<Eigen::Matrix3d> kNone;
+    const std::vector<Eigen::Matrix3d>& cs = normals ? kNone : CovariancesOf(source, ownSource);
+    const std::vector<Eigen::Matrix3d>& ct = normals ? kNone : CovariancesOf(target, ownTarget);
     // Each source point's nearest target point in the last step: where this step's search starts.
     std::vector<int32_t> nearestOf(static_cast<size_t>(source.cloud->size()), -1);
     for (int32_t iteration = 0; iteration < params.maxIterations; ++iteration) {
-      GicpSystem sum = GicpStep(
-          *source.cloud, cs, *target.cloud, ct, *target.tree, out.pose, params, &nearestOf);
+      GicpSystem sum =
+          normals ? GicpStepOnNormals(
+                        *source.cloud, *target.cloud, *target.tree, out.pose, params, &nearestOf)
+                  : GicpStep(*source.cloud,
+                             cs,
+                             *target.cloud,
+                             ct,
+                             *target.tree,
+                             out.pose,
+                             params,
+                             &nearestOf);
       out.pairs = sum.pairs;
       out.residualScale = sum.weight > 0.0 ? std::sqrt(sum.weightedSq / sum.weight) : 0.0;
       out.iterations = iteration + 1;
@@ -127,14 +141,17 @@ std::vector<Eigen::Matrix3d> GicpCovariances(const Cloud& cloud, const PointKdTr
   return out;
 }
 
-GicpSystem GicpStep(const Cloud& source,
-                    const std::vector<Eigen::Matrix3d>& sourceCovariances,
+namespace {
+
+// One step's system, with weightOf(i, nearest, rotation) giving a pair's W.
+template <typename WeightOf>
+GicpSystem StepWith(const Cloud& source,
                     const Cloud& target,
-                    const std::vector<Eigen::Matrix3d>& targetCovariances,
                     const PointKdTree& targetTree,
                     const Pose& pose,
                     const IcpParams& params,
-                    std::vector<int32_t>* nearestOf) {
+                    std::vector<int32_t>* nearestOf,
+                    const WeightOf& weightOf) {
   const int32_t n = source.size();
   const int32_t blocks = (n + kBlock - 1) / kBlock;
   std::vector<GicpSystem> parts(static_cast<size_t>(blocks));
@@ -150,15 +167,12 @@ GicpSystem GicpStep(const Cloud& source,
       float distSq = 0.0f;
       int32_t* hint = nearestOf != nullptr ? &(*nearestOf)[static_cast<size_t>(i)] : nullptr;
       const int32_t nearest =
-          NearestWithin(targetTree, p.data(), maxSq, hint != nullptr ? *hint : -1, distSq);
+          NearestTarget(target, targetTree, p.data(), maxSq, hint != nullptr ? *hint : -1, distSq);
       if (hint != nullptr) *hint = nearest;
       if (nearest < 0) continue;
       const Eigen::Vector3d pd = p.cast<double>();
       const Eigen::Vector3d d = target.points.col(nearest).cast<double>() - pd;
-      const Eigen::Matrix3d combined =
-          targetCovariances[static_cast<size_t>(nearest)] +
-          rd * sourceCovariances[static_cast<size_t>(i)] * rd.transpose();
-      const Eigen::Matrix3d w = (2.0 * kGicpFlatness) * combined.inverse();
+      const Eigen::Matrix3d w = weightOf(i, nearest, rd);
       const double rSq = d.dot(w * d);
       if (!std::isfinite(rSq)) continue;
       const double e = kernelSq / (kernelSq + rSq);
@@ -185,6 +199,78 @@ GicpSystem GicpStep(const Cloud& source,
     sum.pairs += part.pairs;
   }
   return sum;
+}
+
+Eigen::Matrix3d WeightOf(const Eigen::Matrix3d& targetCovariance,
+                         const Eigen::Matrix3d& sourceCovariance,
+                         const Eigen::Matrix3d& rotation) {
+  const Eigen::Matrix3d combined =
+      targetCovariance + rotation * sourceCovariance * rotation.transpose();
+  return (2.0 * kGicpFlatness) * combined.inverse();
+}
+
+}  // namespace
+
+Eigen::Matrix3d GicpWeightOfNormals(const Eigen::Vector3d& u, const Eigen::Vector3d& v) {
+  // C_q + R C_p R^T = 2 (I - c U U^T) with U = [u v] and c = (1 - kGicpFlatness) / 2; by the
+  // Woodbury identity its inverse is (I + c U (I - c U^T U)^-1 U^T) / 2, where U^T U = [1 k; k 1]
+  // and the 2 x 2 inverse is [1 - c, c k; c k, 1 - c] / det. det is at least kGicpFlatness
+  // (parallel normals), so it never vanishes.
+  constexpr double c = (1.0 - kGicpFlatness) / 2.0;
+  const double k = u.dot(v);
+  const double det = (1.0 - c) * (1.0 - c) - c * c * k * k;
+  const double same = c * (1.0 - c) / det, cross = c * c * k / det;
+  Eigen::Matrix3d w = same * (u * u.transpose() + v * v.transpose()) +
+                      cross * (u * v.transpose() + v * u.transpose());
+  w.diagonal().array() += 1.0;
+  return kGicpFlatness * w;
+}
+
+GicpSystem GicpStep(const Cloud& source,
+                    const std::vector<Eigen::Matrix3d>& sourceCovariances,
+                    const Cloud& target,
+                    const std::vector<Eigen::Matrix3d>& targetCovariances,
+                    const PointKdTree& targetTree,
+                    const Pose& pose,
+                    const IcpParams& params,
+                    std::vector<int32_t>* nearestOf) {
+  return StepWith(source,
+                  target,
+                  targetTree,
+                  pose,
+                  params,
+                  nearestOf,
+                  [&](int32_t i, int32_t nearest, const Eigen::Matrix3d& rotation) {
+                    return WeightOf(targetCovariances[static_cast<size_t>(nearest)],
+                                    sourceCovariances[static_cast<size_t>(i)],
+                                    rotation);
+                  });
+}
+
+GicpSystem GicpStepOnNormals(const Cloud& source,
+                             const Cloud& target,
+                             const PointKdTree& targetTree,
+                             const Pose& pose,
+                             const IcpParams& params,
+                             std::vector<int32_t>* nearestOf) {
+  return StepWith(source,
+                  target,
+                  targetTree,
+                  pose,
+                  params,
+                  nearestOf,
+                  [&](int32_t i, int32_t nearest, const Eigen::Matrix3d& rotation) {
+                    const Eigen::Vector3d u = target.normals.col(nearest).cast<double>();
+                    const Eigen::Vector3d n = source.normals.col(i).cast<double>();
+                    if (!(u.squaredNorm() > 0.5 && n.squaredNorm() > 0.5)) {
+                      return WeightOf(
+                          GicpCovarianceOfNormal(u), GicpCovarianceOfNormal(n), rotation);
+                    }
+                    // In double and of unit length, as the closed form takes them: a float
+                    // normal's length is off by up to 1e-7, which the flat direction's
+                    // kGicpFlatness would feel.
+                    return GicpWeightOfNormals(u.normalized(), rotation * n.normalized());
+                  });
 }
 
 std::unique_ptr<Refiner> MakeGeneralizedRefiner() { return std::make_unique<GeneralizedRefiner>(); }

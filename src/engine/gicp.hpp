@@ -51,5 +51,16 @@ GicpSystem GicpStep(const Cloud& source,
                     const Pose& pose,
                     const IcpParams& params,
                     std::vector<int32_t>* nearestOf = nullptr);
+// The same step for clouds that carry normals, each point's covariance that of its normal
+// (GicpCovarianceOfNormal): the pair's W in closed form (GicpWeightOfNormals), no covariance kept.
+GicpSystem GicpStepOnNormals(const Cloud& source,
+                             const Cloud& target,
+                             const PointKdTree& targetTree,
+                             const Pose& pose,
+                             const IcpParams& params,
+                             std::vector<int32_t>* nearestOf = nullptr);
+// W = 2 kGicpFlatness (C_u + C_v)^-1 for the covariances of two unit normals u and v (v already
+// rotated into the target's frame).
+Eigen::Matrix3d GicpWeightOfNormals(const Eigen::Vector3d& u, const Eigen::Vector3d& v);
 
 }  // namespace qorv::engine

@@ -63,6 +63,11 @@ class Refiner {
     return nullptr;
   }
 
+  // Whether dense refinement follows this refiner's pass with a second one narrowed to the
+  // residual it measured. A refiner that weighs every pair by both surfaces settles on its own;
+  // narrowing it only follows noise both scans share (a depth camera's, fixed in its frame).
+  virtual bool Narrows() const { return true; }
+
   // The pose carrying source onto target. A refiner given clouds without its extras makes them for
   // the call.
   virtual IcpOutcome Refine(const RefineCloud& source,

@@ -76,6 +76,15 @@ std::string FromC(const QorvEngineOptions& in, Options& out) {
   return {};
 }
 
+QorvEngineOptions OptionsWithin(const QorvEngineOptions& caller) {
+  QorvEngineOptions known;
+  QorvEngineDefaultOptions(&known);
+  std::memcpy(&known, &caller, std::min<size_t>(caller.struct_size, sizeof(known)));
+  if (caller.struct_size < offsetof(QorvEngineOptions, refine) + sizeof(known.refine))
+    known.refine = QORV_ENGINE_REFINE_PLANE;
+  return known;
+}
+
 size_t CloudSize(const QorvEngineOptions* options) {
   constexpr size_t kVersion2 = offsetof(QorvEngineCloud, points_f64);
   if (options == nullptr) return sizeof(QorvEngineCloud);

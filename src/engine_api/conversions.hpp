@@ -17,6 +17,11 @@ void ToRowMajor(const Eigen::Matrix4d& transform, double* m);
 // The C options as engine options; returns a message naming the first bad field, or "".
 std::string FromC(const QorvEngineOptions& in, Options& out);
 
+// The caller's options as far as its struct_size reaches, the fields past it at their defaults:
+// but a caller built before the refinement could be chosen keeps the point-to-plane refinement it
+// was built with, not today's default.
+QorvEngineOptions OptionsWithin(const QorvEngineOptions& caller);
+
 // The size of the clouds the caller passes with these options (NULL: this header's): callers built
 // before the clouds grew pass smaller ones. 0 when the options name an impossible size.
 size_t CloudSize(const QorvEngineOptions* options);

@@ -49,7 +49,7 @@ QORV_ENGINE_API void QorvEngineDefaultOptionsOfSize(QorvEngineOptions* options,
   full.ransac_confidence = defaults.ransacConfidence;
   full.sensor_origin = defaults.sensorOrigin ? 1 : 0;
   full.cloud_size = sizeof(QorvEngineCloud);
-  full.refine = QORV_ENGINE_REFINE_PLANE;
+  full.refine = QORV_ENGINE_REFINE_GICP;
   // A newer caller's fields past ours are zeroed; an older caller gets only what it has room for.
   const size_t known = std::min<size_t>(struct_size, sizeof(full));
   if (struct_size > sizeof(full)) std::memset(options, 0, struct_size);
@@ -100,10 +100,7 @@ QORV_ENGINE_API int32_t QorvEngineRegister(const QorvEngineCloud* target,
         return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
                     "the options' struct_size is not set: fill them with QorvEngineDefaultOptions");
       }
-      QorvEngineOptions known;
-      QorvEngineDefaultOptionsOfSize(&known, sizeof(known));
-      std::memcpy(&known, options, std::min<size_t>(options->struct_size, sizeof(known)));
-      std::string bad = qorv::engine::FromC(known, opts);
+      std::string bad = qorv::engine::FromC(qorv::engine::OptionsWithin(*options), opts);
       if (!bad.empty()) return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT, bad);
     }
     qorv::engine::CloudView t = qorv::engine::ViewOf(targetCloud);

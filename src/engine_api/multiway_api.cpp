@@ -72,9 +72,7 @@ QORV_ENGINE_API int32_t QorvEngineMultiwayPlace(const QorvEngineCloud* scans,
         return Fail(QORV_ENGINE_ERROR_INVALID_ARGUMENT,
                     "the options' struct_size is not set: fill them with QorvEngineDefaultOptions");
       }
-      QorvEngineOptions global;
-      QorvEngineDefaultOptions(&global);
-      std::memcpy(&global, options, std::min<size_t>(options->struct_size, sizeof(global)));
+      QorvEngineOptions global = qorv::engine::OptionsWithin(*options);
       global.mode = QORV_ENGINE_MODE_GLOBAL;
       global.has_initial = 0;
       if (std::string bad = qorv::engine::FromC(global, opts); !bad.empty()) {

@@ -32,7 +32,7 @@ TEST(Stages, ListedMethodsAreFoundAndUnlistedOnesFallBackToTheDefault) {
   options.refine = static_cast<RefineMethod>(9);
   EXPECT_EQ(&MatcherOf(options), FindMatcher(MatchMethod::kMutualFeatures));
   EXPECT_EQ(&HypothesiserOf(options), FindHypothesiser(HypothesisMethod::kCompatibleRansac));
-  EXPECT_EQ(&RefinerOf(options), FindRefiner(RefineMethod::kPointToPlane));
+  EXPECT_EQ(&RefinerOf(options), FindRefiner(RefineMethod::kGeneralized));
 }
 
 // n one-hot-like descriptors: point i's histogram peaks in bin i % 33 with a height that makes

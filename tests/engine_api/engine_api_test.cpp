@@ -50,7 +50,7 @@ TEST(EngineApi, VersionAndDefaults) {
   EXPECT_EQ(o.struct_size, sizeof(QorvEngineOptions));
   EXPECT_EQ(o.mode, QORV_ENGINE_MODE_GLOBAL);
   EXPECT_GE(o.point_budget, 1000);
-  EXPECT_EQ(o.refine, QORV_ENGINE_REFINE_PLANE);
+  EXPECT_EQ(o.refine, QORV_ENGINE_REFINE_GICP);
   EXPECT_EQ(o.initial[0] * o.initial[5] * o.initial[10] * o.initial[15], 1.0);
   QorvEngineDefaultOptions(nullptr);  // no crash
 }
