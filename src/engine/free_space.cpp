@@ -50,12 +50,12 @@ double SensorView::Conflict(const Cloud& other, const Pose& pose, float margin) 
       const float range = ray.norm();
       if (!(range > margin)) continue;
       const Eigen::Vector3f u = ray / range;
-      const size_t count = tree_->knnSearch(u.data(), kRays, found, distSq);
+      const size_t count = tree_->knnSearchWithin(u.data(), kRays, toleranceSq, found, distSq);
       // Where along this ray the sensor saw its nearest surface: each neighbouring ray's point
       // extended over its tangent plane (at grazing incidence, the point's own range).
       float seen = INFINITY;
       bool measured = false;
-      for (size_t k = 0; k < count && distSq[k] < toleranceSq; ++k) {
+      for (size_t k = 0; k < count; ++k) {
         const Eigen::Vector3f q = cloud_.points.col(found[k]) - cloud_.viewpoint;
         const Eigen::Vector3f normal = cloud_.normals.col(found[k]);
         const float facing = normal.dot(u);

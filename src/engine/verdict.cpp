@@ -97,7 +97,8 @@ Tally Pair(const Cloud& from,
       const Eigen::Vector3f p = r * from.points.col(i) + shift;
       int32_t nearest = -1;
       float distSq = 0.0f;
-      if (toTree.knnSearch(p.data(), 1, &nearest, &distSq) != 1 || !(distSq < searchSq)) continue;
+      // The nearest within the search distance, pruned by it from the start.
+      if (toTree.knnSearchWithin(p.data(), 1, searchSq, &nearest, &distSq) != 1) continue;
       // Agreement is judged on the smoother normals (sensor noise does not split a surface).
       const bool agree =
           normals &&
