@@ -22,78 +22,94 @@ inline uint64_t AxisCell(float coordinate, float low, double inv) {
   return static_cast<uint64_t>(std::clamp(cell, 0.0, kAxisCells));
 }
 
-// Cell keys packed z, y, x from high to low bits, relative to the cloud's lower corner.
-std::vector<uint64_t> CellKeys(const Cloud& cloud, double voxel) {
-  const Eigen::Vector3f low = cloud.points.rowwise().minCoeff();
-  const double inv = 1.0 / voxel;
-  const int32_t n = cloud.size();
-  std::vector<uint64_t> keys(static_cast<size_t>(n));
-  // Points a block; each key is its point's own, so the size only splits the work.
-  constexpr int32_t kBlock = 16384;
-  ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
-    for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
-      uint64_t key = 0;
-      for (int d = 2; d >= 0; --d)
-        key = (key << kAxisBits) | AxisCell(cloud.points(d, i), low[d], inv);
-      keys[static_cast<size_t>(i)] = key;
-    }
-  });
-  return keys;
-}
+// Cell keys packed z, y, x from high to low bits, relative to the cloud's lower corner, made a
+// block of points at a time into a buffer that stays in cache (no array as long as the cloud).
+class CellKeys {
+ public:
+  static constexpr int32_t kBlock = 2048;
 
-// Numbers the distinct keys in order of first appearance (cellOf[i] is point i's cell) with an
-// open-addressing table that grows with the cells, not the points, so that it stays in cache:
-// linear time, and the numbering depends only on the points' order.
-int32_t NumberCells(const std::vector<uint64_t>& keys, std::vector<int32_t>& cellOf) {
-  constexpr uint64_t kEmpty = ~uint64_t{0};  // no cell key has all 64 bits set (3 x 21 bits)
-  size_t capacity = 1024;
-  std::vector<uint64_t> table(capacity, kEmpty);
-  std::vector<int32_t> number(capacity);
-  int shift = 64 - 10;  // log2 of the capacity
-  auto slotOf = [&](uint64_t key) {
-    const size_t mask = capacity - 1;
-    // The product's high bits, which every bit of the key reaches.
-    size_t slot = static_cast<size_t>((key * 0x9e3779b97f4a7c15ull) >> shift);
-    while (table[slot] != kEmpty && table[slot] != key) slot = (slot + 1) & mask;
-    return slot;
-  };
-  cellOf.resize(keys.size());
-  int32_t cells = 0;
-  uint64_t lastKey = kEmpty;
-  int32_t lastCell = -1;
-  for (size_t i = 0; i < keys.size(); ++i) {
-    // Scans come in sensor order, so a point mostly shares its predecessor's cell.
-    if (keys[i] == lastKey) {
-      cellOf[i] = lastCell;
-      continue;
-    }
-    size_t slot = slotOf(keys[i]);
-    if (table[slot] == kEmpty) {
-      if (2 * static_cast<size_t>(cells + 1) > capacity) {
-        // Keep the load below one half: rehash into a table twice the size.
-        std::vector<uint64_t> oldTable(2 * capacity, kEmpty);
-        std::vector<int32_t> oldNumber(2 * capacity);
-        oldTable.swap(table);
-        oldNumber.swap(number);
-        capacity *= 2;
-        --shift;
-        for (size_t k = 0; k < oldTable.size(); ++k) {
-          if (oldTable[k] == kEmpty) continue;
-          const size_t to = slotOf(oldTable[k]);
-          table[to] = oldTable[k];
-          number[to] = oldNumber[k];
-        }
-        slot = slotOf(keys[i]);
+  CellKeys(const Cloud& cloud, double voxel)
+      : cloud_(cloud), low_(cloud.points.rowwise().minCoeff()), inv_(1.0 / voxel) {}
+  // Calls visit(i, key) for every point in index order.
+  template <typename Visit>
+  void forEach(Visit visit) const {
+    const int32_t n = cloud_.size();
+    uint64_t keys[kBlock];
+    for (int32_t first = 0; first < n; first += kBlock) {
+      const int32_t count = std::min(kBlock, n - first);
+      const float* p = cloud_.points.data() + 3 * static_cast<size_t>(first);
+      for (int32_t j = 0; j < count; ++j) {
+        uint64_t key = 0;
+        for (int d = 2; d >= 0; --d)
+          key = (key << kAxisBits) | AxisCell(p[3 * j + d], low_[d], inv_);
+        keys[j] = key;
       }
-      table[slot] = keys[i];
-      number[slot] = cells++;
+      for (int32_t j = 0; j < count; ++j) visit(first + j, keys[j]);
     }
-    cellOf[i] = number[slot];
-    lastKey = keys[i];
-    lastCell = number[slot];
   }
-  return cells;
-}
+
+ private:
+  const Cloud& cloud_;
+  const Eigen::Vector3f low_;
+  const double inv_;
+};
+
+// Numbers distinct keys in order of first appearance, with an open-addressing table that grows
+// with the cells, not the points, so that it stays in cache: keys are numbered as they come, and
+// the numbering depends only on their order.
+class CellTable {
+ public:
+  // The number of key's cell, a new one (the count so far) when the key is new.
+  int32_t cellOf(uint64_t key) {
+    // Scans come in sensor order, so a point mostly shares its predecessor's cell.
+    if (key == lastKey_) return lastCell_;
+    size_t slot = slotOf(key);
+    if (table_[slot] == kEmpty) {
+      if (2 * static_cast<size_t>(cells_ + 1) > table_.size()) {
+        grow();
+        slot = slotOf(key);
+      }
+      table_[slot] = key;
+      number_[slot] = cells_++;
+    }
+    lastKey_ = key;
+    lastCell_ = number_[slot];
+    return lastCell_;
+  }
+  int32_t cells() const { return cells_; }
+
+ private:
+  static constexpr uint64_t kEmpty = ~uint64_t{0};  // no cell key has all 64 bits set (3 x 21)
+
+  size_t slotOf(uint64_t key) const {
+    const size_t mask = table_.size() - 1;
+    // The product's high bits, which every bit of the key reaches.
+    size_t slot = static_cast<size_t>((key * 0x9e3779b97f4a7c15ull) >> shift_);
+    while (table_[slot] != kEmpty && table_[slot] != key) slot = (slot + 1) & mask;
+    return slot;
+  }
+  // Keeps the load below one half: rehashes into a table twice the size.
+  void grow() {
+    std::vector<uint64_t> oldTable(2 * table_.size(), kEmpty);
+    std::vector<int32_t> oldNumber(2 * table_.size());
+    oldTable.swap(table_);
+    oldNumber.swap(number_);
+    --shift_;
+    for (size_t k = 0; k < oldTable.size(); ++k) {
+      if (oldTable[k] == kEmpty) continue;
+      const size_t to = slotOf(oldTable[k]);
+      table_[to] = oldTable[k];
+      number_[to] = oldNumber[k];
+    }
+  }
+
+  std::vector<uint64_t> table_ = std::vector<uint64_t>(1024, kEmpty);
+  std::vector<int32_t> number_ = std::vector<int32_t>(1024);
+  int shift_ = 64 - 10;  // 64 - log2 of the table's size
+  int32_t cells_ = 0;
+  uint64_t lastKey_ = kEmpty;
+  int32_t lastCell_ = -1;
+};
 
 // Spreads the low 21 bits of x to every third bit (bit i to bit 3 i).
 uint64_t SpreadBits(uint64_t x) {
@@ -152,8 +168,9 @@ double MinimumVoxelFor(const Cloud& cloud) {
 }
 
 int64_t CountOccupiedVoxels(const Cloud& cloud, double voxel) {
-  std::vector<int32_t> cellOf;
-  return static_cast<int64_t>(NumberCells(CellKeys(cloud, voxel), cellOf));
+  CellTable table;
+  CellKeys(cloud, voxel).forEach([&](int32_t, uint64_t key) { table.cellOf(key); });
+  return table.cells();
 }
 
 Cloud VoxelAverage(const Cloud& cloud,
@@ -166,27 +183,30 @@ Cloud VoxelAverage(const Cloud& cloud,
   voxelWeights.clear();
   const int32_t n = cloud.size();
   if (n == 0) return out;
-  std::vector<int32_t> cellOf;
-  const int32_t cells = NumberCells(CellKeys(cloud, voxel), cellOf);
+  CellTable table;
   const bool normals = cloud.hasNormals();
-  // Sums in double, point after point in index order.
-  Eigen::Matrix<double, 7, Eigen::Dynamic> sums =
-      Eigen::Matrix<double, 7, Eigen::Dynamic>::Zero(7, cells);
-  for (int32_t i = 0; i < n; ++i) {
+  // Sums in double, point after point in index order, a cell's added when its first point comes.
+  using Sum = Eigen::Matrix<double, 7, 1>;
+  std::vector<Sum> sums;
+  CellKeys(cloud, voxel).forEach([&](int32_t i, uint64_t key) {
+    const int32_t cell = table.cellOf(key);
+    if (cell == static_cast<int32_t>(sums.size())) sums.push_back(Sum::Zero());
     const double w = weights.empty() ? 1.0 : static_cast<double>(weights[static_cast<size_t>(i)]);
-    auto sum = sums.col(cellOf[static_cast<size_t>(i)]);
+    Sum& sum = sums[static_cast<size_t>(cell)];
     sum.head<3>() += w * cloud.points.col(i).cast<double>();
     if (normals) sum.segment<3>(3) += w * cloud.normals.col(i).cast<double>();
     sum[6] += w;
-  }
+  });
+  const int32_t cells = table.cells();
   out.points.resize(3, cells);
   if (normals) out.normals.resize(3, cells);
   voxelWeights.resize(static_cast<size_t>(cells));
   for (int32_t c = 0; c < cells; ++c) {
-    const double weight = sums(6, c);
-    out.points.col(c) = (sums.col(c).head<3>() / weight).cast<float>();
+    const Sum& sum = sums[static_cast<size_t>(c)];
+    const double weight = sum[6];
+    out.points.col(c) = (sum.head<3>() / weight).cast<float>();
     if (normals) {
-      const Eigen::Vector3d normal = sums.col(c).segment<3>(3);
+      const Eigen::Vector3d normal = sum.segment<3>(3);
       const double length = normal.norm();
       out.normals.col(c) =
           length > 0.0 ? Eigen::Vector3f((normal / length).cast<float>()) : Eigen::Vector3f::Zero();
