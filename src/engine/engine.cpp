@@ -204,9 +204,7 @@ int32_t RegisterShared(const CloudView& targetView,
   Outcome result;
   StageClock clock(result.stages);
   Cloud t, s;
-  if (const int32_t code = SanitizeChecked(targetView, options, "target", t, error); code != kOk)
-    return code;
-  if (const int32_t code = SanitizeChecked(sourceView, options, "source", s, error); code != kOk)
+  if (const int32_t code = SanitizePair(targetView, sourceView, options, t, s, error); code != kOk)
     return code;
   clock.lap("prepare");
   Scales scales;

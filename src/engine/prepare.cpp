@@ -85,6 +85,29 @@ int32_t SanitizeChecked(const CloudView& view,
   return kOk;
 }
 
+int32_t SanitizePair(const CloudView& targetView,
+                     const CloudView& sourceView,
+                     const Options& options,
+                     Cloud& target,
+                     Cloud& source,
+                     std::string& error) {
+  const CloudView* views[2] = {&targetView, &sourceView};
+  const char* names[2] = {"target", "source"};
+  Cloud* clouds[2] = {&target, &source};
+  int32_t codes[2];
+  std::string errors[2];
+  ForBoth([&](int32_t c) {
+    codes[c] = SanitizeChecked(*views[c], options, names[c], *clouds[c], errors[c]);
+  });
+  for (int c = 0; c < 2; ++c) {
+    if (codes[c] != kOk) {
+      error = errors[c];
+      return codes[c];
+    }
+  }
+  return kOk;
+}
+
 Level FineLevel(Cloud cloud, double thin) {
   Level level = ThinLevel(std::move(cloud), thin);
   level.index();

@@ -131,6 +131,13 @@ int32_t SanitizeChecked(const CloudView& view,
                         const char* name,
                         Cloud& cloud,
                         std::string& error);
+// Both clouds of a pair so, side by side; the target's failure is reported first.
+int32_t SanitizePair(const CloudView& targetView,
+                     const CloudView& sourceView,
+                     const Options& options,
+                     Cloud& target,
+                     Cloud& source,
+                     std::string& error);
 // The refinement level of a sanitized cloud: thinned at `thin` (0: as it is), indexed.
 Level FineLevel(Cloud cloud, double thin);
 // The working cloud at voxel v: samples, normals, the refiner's extras (when refiner is set) and
