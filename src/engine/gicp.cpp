@@ -177,13 +177,18 @@ GicpSystem StepWith(const Cloud& source,
       if (!std::isfinite(rSq)) continue;
       const double e = kernelSq / (kernelSq + rSq);
       const double robust = e * e;
-      // d after the update x: d + [p]x omega - shift, so its Jacobian is [ [p]x | -I ].
-      Eigen::Matrix<double, 3, 6> j;
-      j.leftCols<3>() = Skew(pd);
-      j.rightCols<3>() = -Eigen::Matrix3d::Identity();
-      const Eigen::Matrix<double, 6, 3> jtw = j.transpose() * w;
-      part.hessian.noalias() += robust * jtw * j;
-      part.gradient.noalias() -= robust * jtw * d;
+      // d after the update x: d + [p]x omega - shift, so its Jacobian is J = [ S | -I ] with
+      // S = [p]x, and J^T W J = [ S^T W S, -(W S)^T ; -W S, W ], J^T W d = [ S^T W d ; -W d ]
+      // (W is symmetric): the blocks, not the 6 x 6 products.
+      const Eigen::Matrix3d s = Skew(pd);
+      const Eigen::Matrix3d ws = w * s;
+      const Eigen::Vector3d wd = w * d;
+      part.hessian.topLeftCorner<3, 3>().noalias() += robust * (s.transpose() * ws);
+      part.hessian.topRightCorner<3, 3>().noalias() -= robust * ws.transpose();
+      part.hessian.bottomLeftCorner<3, 3>().noalias() -= robust * ws;
+      part.hessian.bottomRightCorner<3, 3>().noalias() += robust * w;
+      part.gradient.head<3>().noalias() -= robust * (s.transpose() * wd);
+      part.gradient.tail<3>() += robust * wd;
       part.weight += robust;
       part.weightedSq += robust * rSq;
       ++part.pairs;
