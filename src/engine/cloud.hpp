@@ -23,6 +23,23 @@ struct Cloud {
 
   int32_t size() const { return static_cast<int32_t>(points.cols()); }
   bool hasNormals() const { return normals.cols() == points.cols() && points.cols() > 0; }
+
+  // The corners of the points' bounding box (zero for no points), in one plain pass: Eigen's
+  // row-wise reductions over a 3 x n matrix take several times as long.
+  struct Box {
+    Eigen::Vector3f low = Eigen::Vector3f::Zero(), high = Eigen::Vector3f::Zero();
+    Eigen::Vector3f extent() const { return high - low; }
+  };
+  Box bounds() const {
+    Box box;
+    if (points.cols() == 0) return box;
+    box.low = box.high = points.col(0);
+    for (Eigen::Index i = 1; i < points.cols(); ++i) {
+      box.low = box.low.cwiseMin(points.col(i));
+      box.high = box.high.cwiseMax(points.col(i));
+    }
+    return box;
+  }
 };
 
 }  // namespace qorv::engine

@@ -25,8 +25,10 @@ namespace qorv::engine {
 // sensor origin (in the caller's frame).
 struct CloudView {
   const float* points = nullptr;
-  const double* points64 = nullptr;  // used instead of points when set
-  Eigen::Vector3d origin = Eigen::Vector3d::Zero();
+  const double* points64 = nullptr;                  // used instead of points when set
+  Eigen::Vector3d origin = Eigen::Vector3d::Zero();  // float points lie at points + origin
+  // Where the engine's frame has its zero (engine/frame.hpp): positions are taken relative to it.
+  Eigen::Vector3d frame = Eigen::Vector3d::Zero();
   int64_t count = 0;
   int32_t width = 0;
   int32_t height = 0;

@@ -41,23 +41,8 @@ Eigen::Vector3d ChooseOrigin(const CloudView& view) {
 SharedFrame::SharedFrame(const std::vector<CloudView>& clouds, bool sensorOrigin) {
   if (!clouds.empty()) origin_ = ChooseOrigin(clouds[0]);
   views_ = clouds;
-  copies_.resize(clouds.size());
-  for (size_t k = 0; k < clouds.size(); ++k) {
-    CloudView& view = views_[k];
-    if (view.points64 == nullptr && view.origin == origin_) {
-      view.origin.setZero();
-      continue;
-    }
-    std::vector<float>& copy = copies_[k];
-    copy.resize(3 * static_cast<size_t>(view.count));
-    for (int64_t i = 0; i < view.count; ++i) {
-      const Eigen::Vector3d p = Position(clouds[k], i) - origin_;
-      for (int c = 0; c < 3; ++c) copy[3 * static_cast<size_t>(i) + c] = static_cast<float>(p[c]);
-    }
-    view.points = copy.data();
-    view.points64 = nullptr;
-    view.origin.setZero();
-  }
+  // Sanitize moves the points into the frame as it copies them.
+  for (CloudView& view : views_) view.frame = origin_;
   for (CloudView& view : views_) {
     // Viewpoints are in the caller's frame; a sensor at a cloud's zero is at -origin here.
     // An organized frame without one was taken from its own zero, as Sanitize takes it.

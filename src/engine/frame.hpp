@@ -13,13 +13,32 @@ namespace qorv::engine {
 // Where clouds are registered. Survey and mapping scans sit hundreds of kilometres from their
 // coordinates' zero, where float steps are centimetres; the engine works in float, so they are
 // moved next to a shared origin first (whole metres, per axis, only where the first cloud reaches
-// beyond kLargeCoordinate). Clouds already in that frame are used as they are, without a copy, so
-// small clouds give the bits they always gave.
+// beyond kLargeCoordinate). The views name the frame and Sanitize moves the points into it as it
+// copies them (in double, then to float); clouds already in it are copied as they are, so small
+// clouds give the bits they always gave.
+// Whether a view's points are already in its frame, as float: then they are used as they are.
+inline bool InFrame(const CloudView& view) {
+  return view.points64 == nullptr && view.origin == view.frame;
+}
+
+// Point i of a view in its frame, in float as the engine keeps it: moved in double, then rounded
+// (not finite when the caller's is not, or when it lies beyond float's reach).
+inline Eigen::Vector3f PointInFrame(const CloudView& view, int64_t i) {
+  const size_t at = 3 * static_cast<size_t>(i);
+  if (InFrame(view)) return {view.points[at], view.points[at + 1], view.points[at + 2]};
+  const Eigen::Vector3d position =
+      view.points64 != nullptr
+          ? Eigen::Vector3d(view.points64[at], view.points64[at + 1], view.points64[at + 2])
+          : Eigen::Vector3d(view.points[at], view.points[at + 1], view.points[at + 2]) +
+                view.origin;
+  return (position - view.frame).cast<float>();
+}
+
 class SharedFrame {
  public:
   explicit SharedFrame(const std::vector<CloudView>& clouds, bool sensorOrigin);
 
-  // Cloud i in the shared frame (a view of the caller's points, or of a copy owned here).
+  // Cloud i, naming the shared frame (a view of the caller's points).
   const CloudView& view(size_t i) const { return views_[i]; }
   const Eigen::Vector3d& origin() const { return origin_; }
   bool moved() const { return !origin_.isZero(); }
@@ -31,7 +50,6 @@ class SharedFrame {
  private:
   Eigen::Vector3d origin_ = Eigen::Vector3d::Zero();
   std::vector<CloudView> views_;
-  std::vector<std::vector<float>> copies_;
 };
 
 }  // namespace qorv::engine

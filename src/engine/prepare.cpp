@@ -75,8 +75,7 @@ int32_t SanitizeChecked(const CloudView& view,
             " finite points; at least " + std::to_string(kMinPoints) + " are needed";
     return kTooFewPoints;
   }
-  const Eigen::Vector3f extent =
-      cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
+  const Eigen::Vector3f extent = cloud.bounds().extent();
   if (!(extent.maxCoeff() > 0.0f)) {
     error = "all finite points of the " + std::string(name) +
             " cloud coincide: there is no shape to register";

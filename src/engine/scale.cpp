@@ -35,8 +35,7 @@ double Snapped(double voxel, double minimum) {
 
 double VoxelForBudget(const Cloud& cloud, int32_t budget) {
   if (cloud.size() <= budget) return 0.0;
-  const Eigen::Vector3f extentF =
-      cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
+  const Eigen::Vector3f extentF = cloud.bounds().extent();
   std::array<double, 3> extent = {extentF[0], extentF[1], extentF[2]};
   std::sort(extent.begin(), extent.end());
   // A first guess from the extent, as if the cloud were a surface filling its two largest extents.

@@ -49,14 +49,24 @@ struct Frame {
   double radius = 1.0;
 };
 
-// The normal at a point of a cloud: its own, or the smoother surface's nearest sample's.
-Eigen::Vector3f NormalAt(const Cloud& cloud, int32_t i, const SmoothNormals& smooth) {
-  if (smooth.cloud == nullptr) return cloud.normals.col(i);
-  int32_t nearest = -1;
-  float distSq = 0.0f;
-  if (smooth.tree->knnSearch(cloud.points.col(i).data(), 1, &nearest, &distSq) != 1)
-    return cloud.normals.col(i);
-  return smooth.cloud->normals.col(nearest);
+// The normals the overlap judges agreement on, one a point of the cloud: its own, or the smoother
+// surface's nearest sample's. They do not depend on the pose, so they are looked up once a measure
+// for both directions.
+Eigen::Matrix3Xf CalmNormals(const Cloud& cloud, const SmoothNormals& smooth) {
+  if (smooth.cloud == nullptr || !cloud.hasNormals()) return cloud.normals;
+  const int32_t n = cloud.size();
+  Eigen::Matrix3Xf out(3, n);
+  constexpr int32_t kBlock = 2048;  // each normal is its point's own: the size only splits the work
+  ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
+    for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
+      int32_t nearest = -1;
+      float distSq = 0.0f;
+      out.col(i) = smooth.tree->knnSearch(cloud.points.col(i).data(), 1, &nearest, &distSq) == 1
+                       ? Eigen::Vector3f(smooth.cloud->normals.col(nearest))
+                       : Eigen::Vector3f(cloud.normals.col(i));
+    }
+  });
+  return out;
 }
 
 // The point-to-plane row of a moved point p with normal n: turns scaled by the frame's radius.
@@ -75,8 +85,8 @@ Tally Pair(const Cloud& from,
            const Pose& pose,
            float distance,
            const Frame& frame,
-           const SmoothNormals& fromSmooth,
-           const SmoothNormals& toSmooth) {
+           const Eigen::Matrix3Xf& fromCalm,
+           const Eigen::Matrix3Xf& toCalm) {
   const int32_t n = from.size();
   // Points a block. The blocks' tallies are added in block order, so this size, and not the thread
   // count, fixes the order of the floating-point sums: changing it changes the result bits.
@@ -88,9 +98,8 @@ Tally Pair(const Cloud& from,
   const float limit = distance * distance;
   const float searchSq = frame.wanted ? std::max(limit, frame.nearSq) : limit;
   const float cosLimit = std::cos(30.0f * 3.14159265f / 180.0f);
-  const bool normals = from.hasNormals() && to.hasNormals() &&
-                       (fromSmooth.cloud == nullptr || fromSmooth.cloud->hasNormals()) &&
-                       (toSmooth.cloud == nullptr || toSmooth.cloud->hasNormals());
+  const bool normals = from.hasNormals() && to.hasNormals() && fromCalm.cols() == from.size() &&
+                       toCalm.cols() == to.size();
   ForBlocks(blocks, [&](int32_t block) {
     Tally part;
     for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
@@ -101,9 +110,7 @@ Tally Pair(const Cloud& from,
       if (toTree.knnSearchWithin(p.data(), 1, searchSq, &nearest, &distSq) != 1) continue;
       // Agreement is judged on the smoother normals (sensor noise does not split a surface).
       const bool agree =
-          normals &&
-          std::abs((r * NormalAt(from, i, fromSmooth)).dot(NormalAt(to, nearest, toSmooth))) >
-              cosLimit;
+          normals && std::abs((r * fromCalm.col(i)).dot(toCalm.col(nearest))) > cosLimit;
       if (frame.wanted && normals) {
         // The constraint measure keeps each point's own normal, sharp enough to see a post or a
         // car: the row is the constraint the moved point's own surface offers, so a post standing
@@ -121,7 +128,7 @@ Tally Pair(const Cloud& from,
         // The conditioning takes the smoother normals: noise tilts a dense cloud's normals at
         // random, and random tilts would pose as structure that pins a slide.
         if (distSq < limit && agree) {
-          const Vector6 calm = RowOf(p, r * NormalAt(from, i, fromSmooth), frame);
+          const Vector6 calm = RowOf(p, r * fromCalm.col(i), frame);
           part.smooth.noalias() += calm * calm.transpose();
         }
       }
@@ -187,11 +194,18 @@ Overlap MeasureOverlap(const Cloud& source,
     const double meanSq = (moved.colwise() - frame.centre).colwise().squaredNorm().mean();
     frame.radius = std::sqrt(std::max(meanSq, 1e-30));
   }
+  // The smoother surfaces' normals need a surface of their own to be smoother.
+  const bool smooth = (sourceSmooth.cloud == nullptr || sourceSmooth.cloud->hasNormals()) &&
+                      (targetSmooth.cloud == nullptr || targetSmooth.cloud->hasNormals());
+  const Eigen::Matrix3Xf sourceCalm =
+      smooth ? CalmNormals(source, sourceSmooth) : Eigen::Matrix3Xf();
+  const Eigen::Matrix3Xf targetCalm =
+      smooth ? CalmNormals(target, targetSmooth) : Eigen::Matrix3Xf();
   const Tally forward =
-      Pair(source, target, targetTree, pose, distance, frame, sourceSmooth, targetSmooth);
+      Pair(source, target, targetTree, pose, distance, frame, sourceCalm, targetCalm);
   const Pose inverse = pose.inverse();
   const Tally backward =
-      Pair(target, source, sourceTree, inverse, distance, Frame{}, targetSmooth, sourceSmooth);
+      Pair(target, source, sourceTree, inverse, distance, Frame{}, targetCalm, sourceCalm);
   out.inliers = static_cast<int32_t>(forward.inliers);
   out.fitness = static_cast<double>(forward.inliers) / source.size();
   out.targetOverlap = static_cast<double>(backward.inliers) / target.size();

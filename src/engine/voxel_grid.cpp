@@ -29,7 +29,7 @@ class CellKeys {
   static constexpr int32_t kBlock = 2048;
 
   CellKeys(const Cloud& cloud, double voxel)
-      : cloud_(cloud), low_(cloud.points.rowwise().minCoeff()), inv_(1.0 / voxel) {}
+      : cloud_(cloud), low_(cloud.bounds().low), inv_(1.0 / voxel) {}
   // Calls visit(i, key) for every point in index order.
   template <typename Visit>
   void forEach(Visit visit) const {
@@ -127,8 +127,9 @@ uint64_t SpreadBits(uint64_t x) {
 std::vector<int64_t> OccupiedVoxelLadder(const Cloud& cloud, double finest) {
   const int32_t n = cloud.size();
   if (n == 0 || !(finest > 0.0)) return {};
-  const Eigen::Vector3f low = cloud.points.rowwise().minCoeff();
-  const Eigen::Vector3f extent = cloud.points.rowwise().maxCoeff() - low;
+  const Cloud::Box box = cloud.bounds();
+  const Eigen::Vector3f low = box.low;
+  const Eigen::Vector3f extent = box.extent();
   const double inv = 1.0 / finest;
   // Bits an axis the finest cells take (at most 21, as for CellKeys: farther cells are clamped).
   const double cellsAcross = std::min(static_cast<double>(extent.maxCoeff()) * inv, kAxisCells);
@@ -162,8 +163,7 @@ std::vector<int64_t> OccupiedVoxelLadder(const Cloud& cloud, double finest) {
 
 double MinimumVoxelFor(const Cloud& cloud) {
   if (cloud.size() == 0) return 0.0;
-  const Eigen::Vector3f extent =
-      cloud.points.rowwise().maxCoeff() - cloud.points.rowwise().minCoeff();
+  const Eigen::Vector3f extent = cloud.bounds().extent();
   return static_cast<double>(extent.maxCoeff()) / (kAxisCells - 1.0);
 }
 

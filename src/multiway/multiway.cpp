@@ -32,7 +32,9 @@ Shape ShapeOf(const engine::CloudView& scan) {
   Shape s;
   int64_t n = 0;
   auto point = [&](int64_t i) {
-    return Eigen::Vector3d(scan.points[3 * i], scan.points[3 * i + 1], scan.points[3 * i + 2]);
+    const Eigen::Vector3f p = engine::PointInFrame(scan, i);
+    return Eigen::Vector3d(
+        static_cast<double>(p[0]), static_cast<double>(p[1]), static_cast<double>(p[2]));
   };
   for (int64_t i = 0; i < scan.count; ++i) {
     if (!point(i).allFinite()) continue;
