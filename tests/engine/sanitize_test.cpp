@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "engine/frame.hpp"
+
 namespace qorv::engine {
 namespace {
 
@@ -140,6 +142,43 @@ TEST(Sanitize, AnOrganizedFrameWithHolesIsSeenFromItsOriginUnlessTheCallerSaysOt
   cloud = Sanitize(hollow);
   EXPECT_EQ(cloud.size(), 0);
   EXPECT_TRUE(cloud.hasViewpoint);
+}
+
+TEST(Sanitize, MovesCloudsIntoTheirFrameInDoubleAsItCopiesThem) {
+  // Survey coordinates in double, a hole, and a point float cannot hold once moved.
+  const std::vector<double> far = {500000.25,
+                                   4000000.5,
+                                   100.125,
+                                   kNaN,
+                                   1.0,
+                                   2.0,
+                                   500001.75,
+                                   3999999.0,
+                                   99.5,
+                                   1e300,
+                                   4000000.0,
+                                   100.0};
+  CloudView view;
+  view.points64 = far.data();
+  view.count = 4;
+  view.frame = Eigen::Vector3d(500000.0, 4000000.0, 100.0);
+  const Cloud cloud = Sanitize(view);
+  ASSERT_EQ(cloud.size(), 2);
+  EXPECT_EQ(cloud.points.col(0), Eigen::Vector3f(0.25f, 0.5f, 0.125f));
+  EXPECT_EQ(cloud.points.col(1), Eigen::Vector3f(1.75f, -1.0f, -0.5f));
+
+  // Float points with an origin of their own are moved the same way; in their frame already,
+  // they are copied as they are.
+  const std::vector<float> near = {0.25f, 0.5f, 0.125f, 1.75f, -1.0f, -0.5f};
+  CloudView moved = ViewOf(near);
+  moved.origin = Eigen::Vector3d(500010.0, 4000000.0, 100.0);
+  moved.frame = Eigen::Vector3d(500000.0, 4000000.0, 100.0);
+  const Cloud shifted = Sanitize(moved);
+  ASSERT_EQ(shifted.size(), 2);
+  EXPECT_EQ(shifted.points.col(0), Eigen::Vector3f(10.25f, 0.5f, 0.125f));
+  EXPECT_EQ(PointInFrame(moved, 1), Eigen::Vector3f(11.75f, -1.0f, -0.5f));
+  moved.frame = moved.origin;
+  EXPECT_EQ(Sanitize(moved).points.col(1), Eigen::Vector3f(1.75f, -1.0f, -0.5f));
 }
 
 }  // namespace
