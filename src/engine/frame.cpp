@@ -10,20 +10,12 @@ namespace {
 // Beyond this magnitude float steps exceed 0.1 mm (in metres; in the clouds' unit in general).
 constexpr double kLargeCoordinate = 1024.0;
 
-// Point i of a view in the caller's frame.
-Eigen::Vector3d Position(const CloudView& view, int64_t i) {
-  const size_t at = 3 * static_cast<size_t>(i);
-  if (view.points64 != nullptr)
-    return Eigen::Vector3d(view.points64[at], view.points64[at + 1], view.points64[at + 2]);
-  return Eigen::Vector3d(view.points[at], view.points[at + 1], view.points[at + 2]) + view.origin;
-}
-
 // The shared origin: the first cloud's bounding-box centre rounded to a metre, on the axes where
 // its coordinates are large.
 Eigen::Vector3d ChooseOrigin(const CloudView& view) {
   Eigen::Vector3d low = Eigen::Vector3d::Constant(INFINITY), high = -low;
   for (int64_t i = 0; i < view.count; ++i) {
-    const Eigen::Vector3d p = Position(view, i);
+    const Eigen::Vector3d p = CallerPosition(view, i);
     if (!p.allFinite()) continue;
     low = low.cwiseMin(p);
     high = high.cwiseMax(p);

@@ -21,17 +21,20 @@ inline bool InFrame(const CloudView& view) {
   return view.points64 == nullptr && view.origin == view.frame;
 }
 
+// Point i of a view where the caller has it, in double.
+inline Eigen::Vector3d CallerPosition(const CloudView& view, int64_t i) {
+  const size_t at = 3 * static_cast<size_t>(i);
+  if (view.points64 != nullptr)
+    return Eigen::Vector3d(view.points64[at], view.points64[at + 1], view.points64[at + 2]);
+  return Eigen::Vector3d(view.points[at], view.points[at + 1], view.points[at + 2]) + view.origin;
+}
+
 // Point i of a view in its frame, in float as the engine keeps it: moved in double, then rounded
 // (not finite when the caller's is not, or when it lies beyond float's reach).
 inline Eigen::Vector3f PointInFrame(const CloudView& view, int64_t i) {
   const size_t at = 3 * static_cast<size_t>(i);
   if (InFrame(view)) return {view.points[at], view.points[at + 1], view.points[at + 2]};
-  const Eigen::Vector3d position =
-      view.points64 != nullptr
-          ? Eigen::Vector3d(view.points64[at], view.points64[at + 1], view.points64[at + 2])
-          : Eigen::Vector3d(view.points[at], view.points[at + 1], view.points[at + 2]) +
-                view.origin;
-  return (position - view.frame).cast<float>();
+  return (CallerPosition(view, i) - view.frame).cast<float>();
 }
 
 class SharedFrame {

@@ -78,25 +78,21 @@ class GeneralizedRefiner final : public Refiner {
     IcpOutcome out;
     out.pose = initial;
     if (source.cloud->size() == 0 || target.tree->size() == 0) return out;
-    const bool normals = source.cloud->hasNormals() && target.cloud->hasNormals();
-    std::unique_ptr<Covariances> ownSource, ownTarget;
-    static const std::vector<Eigen::Matrix3d> kNone;
-    const std::vector<Eigen::Matrix3d>& cs = normals ? kNone : CovariancesOf(source, ownSource);
-    const std::vector<Eigen::Matrix3d>& ct = normals ? kNone : CovariancesOf(target, ownTarget);
     // Each source point's nearest target point in the last step: where this step's search starts.
     std::vector<int32_t> nearestOf(static_cast<size_t>(source.cloud->size()), -1);
+    // Clouds with normals weigh a pair by the two normals; others by covariances (kept or made).
+    const bool normals = source.cloud->hasNormals() && target.cloud->hasNormals();
+    std::unique_ptr<Covariances> ownSource, ownTarget;
+    const std::vector<Eigen::Matrix3d>* cs = normals ? nullptr : &CovariancesOf(source, ownSource);
+    const std::vector<Eigen::Matrix3d>* ct = normals ? nullptr : &CovariancesOf(target, ownTarget);
+    auto step = [&](const Pose& pose) {
+      const Cloud& s = *source.cloud;
+      const Cloud& t = *target.cloud;
+      return normals ? GicpStepOnNormals(s, t, *target.tree, pose, params, &nearestOf)
+                     : GicpStep(s, *cs, t, *ct, *target.tree, pose, params, &nearestOf);
+    };
     for (int32_t iteration = 0; iteration < params.maxIterations; ++iteration) {
-      GicpSystem sum =
-          normals ? GicpStepOnNormals(
-                        *source.cloud, *target.cloud, *target.tree, out.pose, params, &nearestOf)
-                  : GicpStep(*source.cloud,
-                             cs,
-                             *target.cloud,
-                             ct,
-                             *target.tree,
-                             out.pose,
-                             params,
-                             &nearestOf);
+      GicpSystem sum = step(out.pose);
       out.pairs = sum.pairs;
       out.residualScale = sum.weight > 0.0 ? std::sqrt(sum.weightedSq / sum.weight) : 0.0;
       out.iterations = iteration + 1;

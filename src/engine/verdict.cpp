@@ -50,12 +50,15 @@ struct Frame {
 };
 
 // The normals the overlap judges agreement on, one a point of the cloud: its own, or the smoother
-// surface's nearest sample's. They do not depend on the pose, so they are looked up once a measure
-// for both directions.
-Eigen::Matrix3Xf CalmNormals(const Cloud& cloud, const SmoothNormals& smooth) {
+// surface's nearest sample's, made in `own`. They do not depend on the pose, so they are looked up
+// once a measure for both directions.
+const Eigen::Matrix3Xf& CalmNormals(const Cloud& cloud,
+                                    const SmoothNormals& smooth,
+                                    Eigen::Matrix3Xf& own) {
   if (smooth.cloud == nullptr || !cloud.hasNormals()) return cloud.normals;
   const int32_t n = cloud.size();
-  Eigen::Matrix3Xf out(3, n);
+  Eigen::Matrix3Xf& out = own;
+  out.resize(3, n);
   constexpr int32_t kBlock = 2048;  // each normal is its point's own: the size only splits the work
   ForBlocks((n + kBlock - 1) / kBlock, [&](int32_t block) {
     for (int32_t i = block * kBlock; i < std::min(n, (block + 1) * kBlock); ++i) {
@@ -197,10 +200,11 @@ Overlap MeasureOverlap(const Cloud& source,
   // The smoother surfaces' normals need a surface of their own to be smoother.
   const bool smooth = (sourceSmooth.cloud == nullptr || sourceSmooth.cloud->hasNormals()) &&
                       (targetSmooth.cloud == nullptr || targetSmooth.cloud->hasNormals());
-  const Eigen::Matrix3Xf sourceCalm =
-      smooth ? CalmNormals(source, sourceSmooth) : Eigen::Matrix3Xf();
-  const Eigen::Matrix3Xf targetCalm =
-      smooth ? CalmNormals(target, targetSmooth) : Eigen::Matrix3Xf();
+  Eigen::Matrix3Xf ownSource, ownTarget;
+  const Eigen::Matrix3Xf& sourceCalm =
+      smooth ? CalmNormals(source, sourceSmooth, ownSource) : ownSource;
+  const Eigen::Matrix3Xf& targetCalm =
+      smooth ? CalmNormals(target, targetSmooth, ownTarget) : ownTarget;
   const Tally forward =
       Pair(source, target, targetTree, pose, distance, frame, sourceCalm, targetCalm);
   const Pose inverse = pose.inverse();
